@@ -1,0 +1,11 @@
+# HPW_SANITIZE: empty, "address" (address + undefined behaviour) or "thread".
+set(HPW_SANITIZE "" CACHE STRING "Sanitizer build: address or thread")
+if(HPW_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(HPW_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(NOT HPW_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "HPW_SANITIZE must be empty, address or thread")
+endif()

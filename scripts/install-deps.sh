@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the project builds and tests with. As root it runs
+# apt-get (one update, then install); otherwise it prints the command and fails.
+set -euo pipefail
+
+packages=(
+  build-essential cmake pkg-config
+  libjsoncpp-dev libtinyxml-dev libssl-dev libhttp-parser-dev
+  googletest libgtest-dev libgmock-dev
+  curl nginx-light python3
+)
+if [ "${HPW_EXTRA_PACKAGES:-}" != "" ]; then
+  read -r -a extra <<<"$HPW_EXTRA_PACKAGES"
+  packages+=("${extra[@]}")
+fi
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$package")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+command="apt-get update && apt-get install -y --no-install-recommends ${missing[*]}"
+if [ "$(id -u)" -ne 0 ]; then
+  echo "Missing packages: ${missing[*]}" >&2
+  echo "Install them as root with:" >&2
+  echo "  $command" >&2
+  exit 1
+fi
+echo "Installing: ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}"
