@@ -1,0 +1,456 @@
+#include "Listener.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <system_error>
+
+namespace netutils {
+
+namespace {
+
+// epoll keys of the two descriptors that are not connections; connection ids start above.
+constexpr uint64_t kListenKey = 0;
+constexpr uint64_t kMailboxKey = 1;
+
+constexpr int kDefaultRecvTimeoutMs = 30000;
+constexpr int kDefaultSendTimeoutMs = 5000;
+// After its last reply a connection is kept a little to read what the client still sends:
+// closing a socket with unread input resets it, and the reset can destroy the reply
+// before the client has read it.
+constexpr int kLingerMs = 2000;
+// Out of descriptors, accepting again at once would spin: wait this long first.
+constexpr int kAcceptPauseMs = 100;
+constexpr int kMaxEvents = 64;
+// Reads of dropped input per wake-up, so that one chatty client cannot hold the thread.
+constexpr int kMaxDiscardReads = 4;
+
+void sendSmall(int fd, const char* text, size_t length)
+{
+    // Fits any fresh socket buffer; if it does not, the client loses only this courtesy.
+    ssize_t sent = send(fd, text, length, MSG_NOSIGNAL | MSG_DONTWAIT);
+    (void)sent;
+}
+
+} // namespace
+
+std::unique_ptr<Listener> Listener::start(const NET_HTTPSERVER_LISTEN_PARAM& param, ConnectionTable& handles,
+                                          int& error)
+{
+    std::unique_ptr<Listener> listener(new (std::nothrow) Listener(param, handles));
+    if (!listener) {
+        error = NET_ERR_NO_MEMORY;
+        return nullptr;
+    }
+    error = listener->open(param);
+    if (error != NET_ERR_NONE) {
+        return nullptr;
+    }
+    try {
+        listener->m_thread = std::thread(&Listener::run, listener.get());
+    } catch (const std::system_error&) {
+        error = NET_ERR_THREAD;
+        return nullptr;
+    }
+    return listener;
+}
+
+Listener::Listener(const NET_HTTPSERVER_LISTEN_PARAM& param, ConnectionTable& handles)
+    : m_handles(handles),
+      m_recvTimeoutMs(param.dwRecvTimeout != 0 ? static_cast<int>(std::min<uint32_t>(param.dwRecvTimeout, INT32_MAX))
+                                               : kDefaultRecvTimeoutMs),
+      m_sendTimeoutMs(param.dwSendTimeout != 0 ? static_cast<int>(std::min<uint32_t>(param.dwSendTimeout, INT32_MAX))
+                                               : kDefaultSendTimeoutMs),
+      m_callback(param.fnCallback),
+      m_user(param.pUser),
+      m_mailbox(std::make_shared<LoopMailbox>()),
+      m_nextId(kMailboxKey + 1)
+{
+}
+
+Listener::~Listener()
+{
+    stop();
+    if (m_epollFd >= 0) {
+        ::close(m_epollFd);
+    }
+    if (m_listenFd >= 0) {
+        ::close(m_listenFd);
+    }
+}
+
+int Listener::open(const NET_HTTPSERVER_LISTEN_PARAM& param)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(param.wPort);
+    // The record's text need not be terminated within its 128 bytes.
+    char text[sizeof(param.szAddress) + 1] = {};
+    memcpy(text, param.szAddress, sizeof(param.szAddress));
+    if (text[0] == '\0') {
+        address.sin_addr.s_addr = htonl(INADDR_ANY);
+    } else if (inet_pton(AF_INET, text, &address.sin_addr) != 1) {
+        return NET_ERR_PARAM;
+    }
+    if (!m_mailbox->isValid()) {
+        return NET_ERR_SOCKET;
+    }
+
+    m_listenFd = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (m_listenFd < 0) {
+        return NET_ERR_SOCKET;
+    }
+    const int on = 1;
+    setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)); // restart while old connections linger
+    if (bind(m_listenFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(m_listenFd, SOMAXCONN) != 0) {
+        return NET_ERR_SOCKET;
+    }
+    sockaddr_in bound{};
+    socklen_t boundLength = sizeof(bound);
+    if (getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&bound), &boundLength) != 0) {
+        return NET_ERR_SOCKET;
+    }
+    m_port = ntohs(bound.sin_port);
+
+    m_epollFd = epoll_create1(EPOLL_CLOEXEC);
+    if (m_epollFd < 0) {
+        return NET_ERR_SOCKET;
+    }
+    epoll_event listenEvent{};
+    listenEvent.events = EPOLLIN;
+    listenEvent.data.u64 = kListenKey;
+    epoll_event mailboxEvent{};
+    mailboxEvent.events = EPOLLIN;
+    mailboxEvent.data.u64 = kMailboxKey;
+    if (epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_listenFd, &listenEvent) != 0 ||
+        epoll_ctl(m_epollFd, EPOLL_CTL_ADD, m_mailbox->eventFd(), &mailboxEvent) != 0) {
+        return NET_ERR_SOCKET;
+    }
+    return NET_ERR_NONE;
+}
+
+void Listener::stop()
+{
+    if (!m_thread.joinable()) {
+        return;
+    }
+    m_stopping.store(true);
+    m_mailbox->wake();
+    m_thread.join();
+}
+
+void Listener::run()
+{
+    epoll_event events[kMaxEvents];
+    while (!m_stopping.load()) {
+        const int count = epoll_wait(m_epollFd, events, kMaxEvents, waitTimeoutMs());
+        for (int i = 0; i < count; ++i) {
+            const uint64_t key = events[i].data.u64;
+            if (key == kListenKey) {
+                acceptAll();
+            } else if (key == kMailboxKey) {
+                onNotes();
+            } else {
+                onConnectionEvent(key, events[i].events);
+            }
+        }
+        expireDeadlines();
+    }
+    shutdownAll();
+}
+
+int Listener::waitTimeoutMs() const
+{
+    Clock::time_point next = Clock::time_point::max();
+    if (!m_deadlines.empty()) {
+        next = m_deadlines.begin()->first;
+    }
+    if (m_acceptPaused) {
+        next = std::min(next, m_acceptPausedUntil);
+    }
+    if (next == Clock::time_point::max()) {
+        return -1;
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(next - Clock::now()).count();
+    return static_cast<int>(std::max<long long>(0, std::min<long long>(left + 1, INT32_MAX)));
+}
+
+void Listener::pauseAccepting()
+{
+    epoll_event none{};
+    none.data.u64 = kListenKey;
+    epoll_ctl(m_epollFd, EPOLL_CTL_MOD, m_listenFd, &none);
+    m_acceptPaused = true;
+    m_acceptPausedUntil = Clock::now() + std::chrono::milliseconds(kAcceptPauseMs);
+}
+
+void Listener::acceptAll()
+{
+    for (;;) {
+        const int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+        if (fd < 0) {
+            if (errno == EINTR || errno == ECONNABORTED) {
+                continue;
+            }
+            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+                pauseAccepting();
+            }
+            return;
+        }
+        // Streamed replies go out block by block, and chunk-size lines are small: Nagle's
+        // delay would stall them behind the client's delayed acknowledgements.
+        const int on = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        const uint64_t id = m_nextId++;
+        std::shared_ptr<Connection> connection;
+        try {
+            connection = std::make_shared<Connection>(fd, id, m_sendTimeoutMs, m_mailbox);
+        } catch (const std::bad_alloc&) {
+            ::close(fd); // the connection was never made, so the descriptor is still ours
+            continue;
+        }
+        // From here on the connection owns the descriptor and closes it with its last reference.
+        try {
+            Entry entry;
+            entry.connection = std::move(connection);
+            entry.parser.reset(new RequestParser());
+            Entry& stored = m_entries.emplace(id, std::move(entry)).first->second;
+            setDeadline(id, stored, Clock::now() + std::chrono::milliseconds(m_recvTimeoutMs));
+        } catch (const std::bad_alloc&) {
+            remove(id);
+            continue;
+        }
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLRDHUP;
+        event.data.u64 = id;
+        if (epoll_ctl(m_epollFd, EPOLL_CTL_ADD, fd, &event) != 0) {
+            remove(id);
+        }
+    }
+}
+
+void Listener::onConnectionEvent(uint64_t id, uint32_t events)
+{
+    auto it = m_entries.find(id);
+    if (it == m_entries.end()) {
+        return; // removed earlier in the same batch of events
+    }
+    Entry& entry = it->second;
+    try {
+        switch (entry.phase) {
+        case Phase::Reading:
+            readRequest(id, entry);
+            break;
+        case Phase::Reported:
+            if (!discardInput(entry) || (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
+                entry.connection->end(Connection::End::ClientGone);
+                reportEnd(entry);
+                remove(id);
+            }
+            break;
+        case Phase::Lingering:
+            if (!discardInput(entry) || (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
+                remove(id);
+            }
+            break;
+        }
+    } catch (const std::bad_alloc&) {
+        // Out of memory while reading a request: drop the connection rather than the thread.
+        auto again = m_entries.find(id);
+        if (again != m_entries.end() && again->second.phase == Phase::Reading) {
+            remove(id);
+        }
+    }
+}
+
+void Listener::readRequest(uint64_t id, Entry& entry)
+{
+    const int fd = entry.connection->fd();
+    for (;;) {
+        const ssize_t got = recv(fd, m_readBuffer, sizeof(m_readBuffer), 0);
+        if (got > 0) {
+            switch (entry.parser->feed(m_readBuffer, static_cast<size_t>(got))) {
+            case RequestParser::Result::Complete:
+                publish(id, entry);
+                return;
+            case RequestParser::Result::BadRequest:
+                refuse(id, entry, 400);
+                return;
+            case RequestParser::Result::TooLarge:
+                refuse(id, entry, 413);
+                return;
+            case RequestParser::Result::Incomplete:
+                if (entry.parser->takeContinueRequest()) {
+                    static const char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+                    sendSmall(fd, kContinue, sizeof(kContinue) - 1);
+                }
+                continue;
+            }
+        }
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            return;
+        }
+        // The client closed or failed before its request was whole; nobody knows this
+        // connection yet, so it goes without a word.
+        remove(id);
+        return;
+    }
+}
+
+void Listener::publish(uint64_t id, Entry& entry)
+{
+    std::shared_ptr<Connection> connection = entry.connection;
+    connection->adoptRequest(std::move(entry.parser));
+    const int handle = m_handles.insert(connection);
+    if (handle < 0) {
+        remove(id);
+        return;
+    }
+    entry.handle = handle;
+    entry.phase = Phase::Reported;
+    clearDeadline(id, entry);
+
+    const std::string& body = connection->request().body();
+    NET_HTTPSERVER_EVENT event{};
+    event.dwType = NET_HTTPSERVER_EVENT_REQUEST;
+    event.dwDataLen = static_cast<uint32_t>(body.size());
+    event.pData = body.c_str();
+    // Owner calls made from the callback only post notes, so `entry` stays valid across it.
+    m_callback(handle, &event, m_user);
+}
+
+void Listener::refuse(uint64_t id, Entry& entry, int status)
+{
+    char reply[128];
+    const int length = snprintf(reply, sizeof(reply), "HTTP/1.1 %d %s\r\nConnection: close\r\nContent-Length: 0\r\n\r\n",
+                                status, status == 413 ? "Payload Too Large" : "Bad Request");
+    sendSmall(entry.connection->fd(), reply, static_cast<size_t>(length));
+    entry.connection->end(Connection::End::Completed);
+    entry.parser.reset();
+    linger(id, entry);
+}
+
+bool Listener::discardInput(Entry& entry)
+{
+    for (int i = 0; i < kMaxDiscardReads; ++i) {
+        const ssize_t got = recv(entry.connection->fd(), m_readBuffer, sizeof(m_readBuffer), 0);
+        if (got > 0) {
+            continue; // one request per connection: whatever follows it is dropped
+        }
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        return got < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+    }
+    return true;
+}
+
+void Listener::onNotes()
+{
+    m_mailbox->takeAll(m_notes);
+    for (const LoopMailbox::Note& note : m_notes) {
+        auto it = m_entries.find(note.connectionId);
+        if (it == m_entries.end()) {
+            continue; // already gone, and its end already reported
+        }
+        Entry& entry = it->second;
+        reportEnd(entry);
+        if (note.reason == Connection::End::Completed || note.reason == Connection::End::Closed) {
+            linger(note.connectionId, entry);
+        } else {
+            remove(note.connectionId);
+        }
+    }
+    m_notes.clear();
+}
+
+void Listener::reportEnd(Entry& entry)
+{
+    // Once per connection, and only to an owner that still holds the handle.
+    if (entry.phase != Phase::Reported || entry.endReported || entry.connection->isClosedByOwner()) {
+        return;
+    }
+    entry.endReported = true;
+    NET_HTTPSERVER_EVENT event{};
+    event.dwType = NET_HTTPSERVER_EVENT_CLOSED;
+    m_callback(entry.handle, &event, m_user);
+}
+
+void Listener::linger(uint64_t id, Entry& entry)
+{
+    entry.phase = Phase::Lingering;
+    setDeadline(id, entry, Clock::now() + std::chrono::milliseconds(kLingerMs));
+}
+
+void Listener::remove(uint64_t id)
+{
+    auto it = m_entries.find(id);
+    if (it == m_entries.end()) {
+        return;
+    }
+    epoll_ctl(m_epollFd, EPOLL_CTL_DEL, it->second.connection->fd(), nullptr);
+    clearDeadline(id, it->second);
+    // The socket closes here unless the owner still holds the handle or a call is using it.
+    m_entries.erase(it);
+}
+
+void Listener::setDeadline(uint64_t id, Entry& entry, Clock::time_point when)
+{
+    clearDeadline(id, entry);
+    entry.deadline = when;
+    entry.hasDeadline = true;
+    m_deadlines.emplace(when, id);
+}
+
+void Listener::clearDeadline(uint64_t id, Entry& entry)
+{
+    if (entry.hasDeadline) {
+        m_deadlines.erase({entry.deadline, id});
+        entry.hasDeadline = false;
+    }
+}
+
+void Listener::expireDeadlines()
+{
+    const Clock::time_point now = Clock::now();
+    if (m_acceptPaused && m_acceptPausedUntil <= now) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        event.data.u64 = kListenKey;
+        epoll_ctl(m_epollFd, EPOLL_CTL_MOD, m_listenFd, &event);
+        m_acceptPaused = false;
+    }
+    // A request not whole in time is dropped silently (its owner never learned the handle);
+    // a lingering connection has waited long enough for its client.
+    while (!m_deadlines.empty() && m_deadlines.begin()->first <= now) {
+        remove(m_deadlines.begin()->second);
+    }
+}
+
+void Listener::shutdownAll()
+{
+    m_mailbox->close();
+    for (auto& item : m_entries) {
+        Entry& entry = item.second;
+        entry.connection->end(Connection::End::ListenerGone);
+        reportEnd(entry);
+        epoll_ctl(m_epollFd, EPOLL_CTL_DEL, entry.connection->fd(), nullptr);
+    }
+    m_entries.clear();
+    m_deadlines.clear();
+}
+
+} // namespace netutils

@@ -1,0 +1,92 @@
+/*
+ * Framing of one HTTP/1.1 request, fed with raw bytes as they arrive.
+ *
+ * The parser needs no socket: the I/O thread feeds it what recv(2) returned, and
+ * the unit tests and the fuzzer feed it directly. It enforces the server's
+ * limits, keeps the URL, the method, the headers and the body of the first
+ * complete request, and fills the request parameter block the owner reads.
+ */
+#ifndef NETUTILS_REQUESTPARSER_H
+#define NETUTILS_REQUESTPARSER_H
+
+#include "netutils/VQNetUtils.h"
+
+#include <http_parser.h>
+
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace netutils {
+
+/* A request beyond these limits is refused with 413 before it reaches the owner. */
+constexpr size_t kMaxRequestLine = 8 * 1024; // method, target and version, without CR LF
+constexpr size_t kMaxHeaderBlock = 8 * 1024; // every header line with its CR LF, and the empty line
+constexpr size_t kMaxBody = 1024 * 1024;
+
+class RequestParser {
+public:
+    enum class Result {
+        Incomplete, // more bytes are needed
+        Complete,   // a whole request was read; later bytes are ignored
+        BadRequest, // malformed: answer 400
+        TooLarge,   // over a limit: answer 413
+    };
+
+    RequestParser();
+    RequestParser(const RequestParser&) = delete;
+    RequestParser& operator=(const RequestParser&) = delete;
+
+    /* Consumes the next bytes of the connection. Once the result is not
+     * Incomplete it stays what it is and further bytes are ignored. */
+    Result feed(const char* data, size_t length);
+    Result result() const { return m_result; }
+
+    /* True once, when the headers asked for "100-continue" and the body is still to come. */
+    bool takeContinueRequest();
+
+    /* Valid once the result is Complete. */
+    const std::string& url() const { return m_url; }
+    int methodCode() const { return m_methodCode; }
+    const std::string& body() const { return m_body; }
+    /* First header of that name, compared without regard to case; null when absent. */
+    const std::string* findHeader(const char* name, size_t nameLength) const;
+    /* Zeroes the block and fills URL, method and the Digest fields of "Authorization". */
+    void fillRequestParam(NET_HTTPSERVER_REQUEST_PARAM& block) const;
+
+private:
+    static int onUrl(http_parser* parser, const char* at, size_t length);
+    static int onHeaderField(http_parser* parser, const char* at, size_t length);
+    static int onHeaderValue(http_parser* parser, const char* at, size_t length);
+    static int onHeadersComplete(http_parser* parser);
+    static int onBody(http_parser* parser, const char* at, size_t length);
+    static int onMessageComplete(http_parser* parser);
+    static const http_parser_settings& settings();
+
+    /* Offset in the whole stream of `at`, a pointer into the chunk being fed. */
+    size_t streamOffset(const char* at) const { return m_fedBefore + static_cast<size_t>(at - m_chunk); }
+    int endRequestLine(size_t offset);
+    int stop(Result result);
+
+    http_parser m_parser;
+    Result m_result = Result::Incomplete;
+    size_t m_fedBefore = 0;         // bytes consumed by earlier feeds
+    const char* m_chunk = nullptr;  // start of the bytes being fed
+    bool m_requestLineDone = false;
+    size_t m_headerStart = 0;       // stream offset of the first header line
+    bool m_headersDone = false;
+    bool m_inHeaderValue = false;   // http-parser may split a name or a value over several calls
+    size_t m_fieldEnd = 0;          // stream offset just behind the last name bytes seen
+    size_t m_valueEnd = 0;          // stream offset just behind the last value bytes seen
+    bool m_continuePending = false;
+
+    std::string m_url;
+    int m_methodCode = NET_HTTP_METHOD_OTHER;
+    std::vector<std::pair<std::string, std::string>> m_headers;
+    std::string m_body;
+};
+
+} // namespace netutils
+
+#endif

@@ -1,0 +1,146 @@
+#include "RequestParser.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+using netutils::RequestParser;
+using Result = netutils::RequestParser::Result;
+
+namespace {
+
+Result feed(RequestParser& parser, const std::string& bytes) { return parser.feed(bytes.data(), bytes.size()); }
+
+/* Feeds `head` and then `piece` until the parser decides (at most `times` pieces). */
+Result feedRepeated(const std::string& head, const std::string& piece, int times)
+{
+    RequestParser parser;
+    Result result = feed(parser, head);
+    for (int i = 0; i < times && result == Result::Incomplete; ++i) {
+        result = feed(parser, piece);
+    }
+    return result;
+}
+
+NET_HTTPSERVER_REQUEST_PARAM paramsWith(const std::string& authorization)
+{
+    RequestParser parser;
+    EXPECT_EQ(feed(parser, "GET /a HTTP/1.1\r\nAuthorization: " + authorization + "\r\n\r\n"), Result::Complete);
+    NET_HTTPSERVER_REQUEST_PARAM block;
+    memset(&block, 0x5A, sizeof(block)); // the block is zeroed before it is filled
+    parser.fillRequestParam(block);
+    return block;
+}
+
+} // namespace
+
+TEST(RequestParser, CompleteRequestByteByByte)
+{
+    const std::string request = "POST /x?format=json&a=%20b HTTP/1.1\r\nHost: h\r\nX-Empty:\r\nX-Name: v1\r\n"
+                                "Content-Length: 5\r\n\r\nhelloGET /second HTTP/1.1\r\n\r\n";
+    RequestParser parser;
+    Result result = Result::Incomplete;
+    for (size_t i = 0; i < request.size() && result == Result::Incomplete; ++i) {
+        result = parser.feed(&request[i], 1);
+    }
+    ASSERT_EQ(result, Result::Complete);
+    EXPECT_EQ(feed(parser, "GARBAGE"), Result::Complete) << "bytes after the request are ignored";
+    EXPECT_EQ(parser.url(), "/x?format=json&a=%20b");
+    EXPECT_EQ(parser.methodCode(), NET_HTTP_METHOD_POST);
+    EXPECT_EQ(parser.body(), "hello");
+    ASSERT_NE(parser.findHeader("x-name", 6), nullptr);
+    EXPECT_EQ(*parser.findHeader("x-name", 6), "v1");
+    ASSERT_NE(parser.findHeader("HOST", 4), nullptr);
+    EXPECT_EQ(*parser.findHeader("HOST", 4), "h") << "an empty value does not join the next header";
+    EXPECT_EQ(parser.findHeader("X-Nam", 5), nullptr);
+}
+
+TEST(RequestParser, MethodCodesAndChunkedBody)
+{
+    const std::pair<const char*, int> methods[] = {{"GET", NET_HTTP_METHOD_GET},       {"PUT", NET_HTTP_METHOD_PUT},
+                                                   {"POST", NET_HTTP_METHOD_POST},     {"DELETE", NET_HTTP_METHOD_DELETE},
+                                                   {"OPTIONS", NET_HTTP_METHOD_OTHER}};
+    for (const auto& method : methods) {
+        RequestParser parser;
+        ASSERT_EQ(feed(parser, std::string(method.first) + " /m HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
+                                                           "3\r\nabc\r\n2\r\nde\r\n0\r\n\r\n"),
+                  Result::Complete);
+        EXPECT_EQ(parser.methodCode(), method.second) << method.first;
+        EXPECT_EQ(parser.body(), "abcde");
+    }
+}
+
+TEST(RequestParser, MalformedRequestsAreBadForGood)
+{
+    const char* cases[] = {
+        "GARBAGE\r\n\r\n",
+        "GET / HTTP/1.1\r\nX\x01Y: x\r\n\r\n",
+        "GET / HTTP/1.1\r\nNoColon\r\n\r\n",
+        "POST / HTTP/1.1\r\nContent-Length: 12x\r\n\r\n",
+        "POST / HTTP/1.1\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n",
+        "PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nZZ\r\n",
+    };
+    for (const char* request : cases) {
+        RequestParser parser;
+        EXPECT_EQ(feed(parser, request), Result::BadRequest) << request;
+        EXPECT_EQ(feed(parser, "GET / HTTP/1.1\r\n\r\n"), Result::BadRequest);
+    }
+}
+
+TEST(RequestParser, LimitsOfLineHeadersAndBody)
+{
+    const size_t lineFill = netutils::kMaxRequestLine - std::string("GET / HTTP/1.1").size();
+    const size_t valueFill = netutils::kMaxHeaderBlock - std::string("X: \r\n\r\n").size();
+    const std::string body = "POST / HTTP/1.1\r\nContent-Length: ";
+    const struct {
+        std::string request;
+        Result expected;
+    } whole[] = {
+        {"GET /" + std::string(lineFill, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n", Result::Complete},
+        {"GET /" + std::string(lineFill + 1, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n", Result::TooLarge},
+        {"GET / HTTP/1.1\r\nX: " + std::string(valueFill, 'v') + "\r\n\r\n", Result::Complete},
+        {"GET / HTTP/1.1\r\nX: " + std::string(valueFill + 1, 'v') + "\r\n\r\n", Result::TooLarge},
+        {body + "1048576\r\n\r\n" + std::string(netutils::kMaxBody, 'b'), Result::Complete},
+        {body + "1048577\r\n\r\n", Result::TooLarge}, // refused before the body is sent
+    };
+    for (const auto& c : whole) {
+        RequestParser parser;
+        EXPECT_EQ(feed(parser, c.request), c.expected) << c.request.substr(0, 40) << "... of " << c.request.size();
+    }
+    // What is still arriving is held to the limits as well.
+    EXPECT_EQ(feedRepeated("GET /", std::string(4096, 'b'), 5), Result::TooLarge);
+    EXPECT_EQ(feedRepeated("GET / HTTP/1.1\r\n", "X-Many: 0123456789012345678901234567890123456789\r\n", 200),
+              Result::TooLarge);
+    EXPECT_EQ(feedRepeated("GET / HTTP/1.1\r\nX:", std::string(4096, ' '), 5), Result::TooLarge);
+    EXPECT_EQ(feedRepeated("PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n",
+                           "10000\r\n" + std::string(0x10000, 'c') + "\r\n", 17),
+              Result::TooLarge);
+}
+
+TEST(RequestParser, DigestFieldsQuotedBareInAnyOrderAndCut)
+{
+    NET_HTTPSERVER_REQUEST_PARAM block = paramsWith(
+        "Digest response=\"0123456789abcdef0123456789abcdef\", uri=\"/a?b=c,d\",nonce=abc123 , qop=auth, "
+        "realm=\"My \\\"Realm\\\"\", username=\"admin\"");
+    EXPECT_STREQ(block.szUrl, "/a");
+    EXPECT_EQ(block.iMethod, NET_HTTP_METHOD_GET);
+    EXPECT_STREQ(block.szUserName, "admin");
+    EXPECT_STREQ(block.szRealm, "My \"Realm\"");
+    EXPECT_STREQ(block.szNonce, "abc123");
+    EXPECT_STREQ(block.szUri, "/a?b=c,d");
+    EXPECT_STREQ(block.szResponse, "0123456789abcdef0123456789abcdef");
+
+    block = paramsWith("digest USERNAME=\"" + std::string(600, 'u') + "\", Response=" + std::string(40, 'r'));
+    EXPECT_EQ(std::string(block.szUserName), std::string(sizeof(block.szUserName) - 1, 'u'));
+    EXPECT_EQ(std::string(block.szResponse), std::string(sizeof(block.szResponse) - 1, 'r'));
+    EXPECT_STREQ(block.szNonce, "");
+
+    for (const char* other : {"Basic dXNlcm5hbWU9eDpwYXNz", "Digestive username=x"}) {
+        block = paramsWith(other);
+        const char* fields = block.szUserName;
+        for (size_t i = 0; i < sizeof(block) - offsetof(NET_HTTPSERVER_REQUEST_PARAM, szUserName); ++i) {
+            ASSERT_EQ(fields[i], '\0') << other << ", byte " << i;
+        }
+    }
+}
