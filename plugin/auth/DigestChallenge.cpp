@@ -1,0 +1,97 @@
+// The authentication gate of a standard session. Credentials are never checked
+// here: Digest credentials are forwarded raw inside the RTSP request for the
+// gateway's filter chain to judge; a request without them gets the challenge.
+#include <stdio.h>
+#include <string.h>
+
+#include <HttpProtocolWrapper.h>
+#include <json/json.h>
+
+#include "frame/ErrorCodes.h"
+#include "frame/Log.h"
+#include "session/HttpSession.h"
+
+namespace HttpWrapper {
+
+namespace {
+const char kChallengeFormat[] = "Digest qop=\"auth\", realm=\"%s\", nonce=\"%s\", stale=\"FALSE\"";
+const size_t kAuthorizationBuffer = 1024;
+const size_t kForwardedForBuffer = 129;
+const size_t kNonceBuffer = 64;
+const size_t kChallengeBuffer = 256;
+
+std::string readHeader(int handle, const char* name, size_t bufferSize)
+{
+    std::string value(bufferSize, '\0');
+    if (NET_HTTPSERVER_GetParamV2(handle, NET_HTTPSERVER_GET_REQUEST, NET_HTTPSERVER_SUB_HEADER, name,
+                                  (int)strlen(name), &value[0], (int)bufferSize) != 0) {
+        return std::string();  // an absent header leaves the field empty
+    }
+    value.resize(strlen(value.c_str()));
+    return value;
+}
+
+std::string challengeBody()
+{
+    Json::Value body;
+    body["statusCode"] = 401;
+    body["statusString"] = "Unauthorized";
+    body["subStatusCode"] = "badAuthorization";
+    Json::FastWriter writer;
+    return writer.write(body);
+}
+}  // namespace
+
+int CHttpSession::processAuth()
+{
+    ZRT_Guard guard(m_lock);
+    if (m_iState == SESSION_CLOSED) {
+        HPW_LOGE(HPW_ERR_STATUS, "Http processAuth order error");
+        return HPW_ERR_STATUS;
+    }
+    int handle = m_iHttpHandle;
+    bool hasCredentials = m_requestParam.szUserName[0] != '\0' && m_requestParam.szRealm[0] != '\0' &&
+                          m_requestParam.szNonce[0] != '\0' && m_requestParam.szResponse[0] != '\0';
+    if (hasCredentials) {
+        switch (m_requestParam.iMethod) {
+        case NET_HTTP_METHOD_GET: m_strMethod = "GET"; break;
+        case NET_HTTP_METHOD_PUT: m_strMethod = "PUT"; break;
+        case NET_HTTP_METHOD_POST: m_strMethod = "POST"; break;
+        case NET_HTTP_METHOD_DELETE: m_strMethod = "DELETE"; break;
+        default:
+            // Processing goes on with the method text as it was.
+            HPW_LOGE(HPW_ERR_NOT_SUPPORTED, "Unknown method, method=%d", m_requestParam.iMethod);
+            break;
+        }
+        m_strAuthorization = readHeader(handle, "Authorization", kAuthorizationBuffer);
+        std::string name;
+        m_parser.getAuthName(name, m_strAuthorization);  // its result does not stop the request
+        m_strUserName = name.c_str();
+        m_strClientIP = readHeader(handle, "X-Forwarded-For", kForwardedForBuffer);
+        return 0;
+    }
+
+    char nonce[kNonceBuffer];
+    memset(nonce, 0, sizeof nonce);
+    m_httpHelper.CreateNonce(nonce, (int)sizeof nonce);  // a failure leaves the nonce empty
+    std::string realm;
+    IProtocolWrapperUtilitySink* sink = __atomic_load_n(&g_pHttpProtocolWrapperUtilitySink, __ATOMIC_ACQUIRE);
+    if (sink != nullptr) {
+        sink->GetConfigValue("AuthRealm", realm);
+    }
+    char challenge[kChallengeBuffer];
+    snprintf(challenge, sizeof challenge, kChallengeFormat, realm.c_str(), nonce);
+    std::string body = challengeBody();
+    int status = 401;
+    // The staging and the reply are not checked: the session is released by the
+    // manager either way.
+    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, "WWW-Authenticate", 16, challenge,
+                            (int)strlen(challenge));
+    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, "Content-Type", 12, "application/json", 16);
+    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, body.c_str(), (int)body.size());
+    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_STATUS, nullptr, 0, &status, (int)sizeof status);
+    NET_HTTPSERVER_Reply(handle, 0);
+    return HPW_ERR_AUTH;
+}
+
+}  // namespace HttpWrapper

@@ -1,0 +1,70 @@
+// The one server object of the plug-in: the gateway's IServer. It parses the
+// server URL, owns the completion queue and the request queue with its worker
+// and time-out threads, and starts and stops the session managers.
+#ifndef HTTPWRAPPER_FRAME_HTTPSERVERWRAPPER_H
+#define HTTPWRAPPER_FRAME_HTTPSERVERWRAPPER_H
+
+#include <atomic>
+#include <list>
+#include <map>
+#include <string>
+
+#include <ProtocolFilter.h>
+#include <ProtocolWrapper.h>
+#include <zrt/zrt.h>
+
+#include "frame/AsyncRequest.h"
+#include "frame/AsyncRequestQueue.h"
+#include "frame/singleton.h"
+
+namespace HttpWrapper {
+
+typedef std::map<std::string, std::string> ServerParams;
+
+class CHttpServerWrapper : public singleton<CHttpServerWrapper>, public PROTOCOL_WRAPPER::IServer {
+public:
+    CHttpServerWrapper();
+    ~CHttpServerWrapper() override;
+
+    // IServer
+    int Start() override { return 0; }
+    int Stop() override { return 0; }
+    int Send(PROTOCOL_WRAPPER::IServerData* data, int index, int dataType, void* buffer, int length) override;
+    int SendMSG(PROTOCOL_WRAPPER::IServerData* data, int msgType, void* buffer, int length) override { return 0; }
+
+    int setProtocolFilterChain(PROTOCOL_FILTER::IProtocolFilter* chain);
+    int startServer(const char* url, PROTOCOL_WRAPPER::IServerSink* sink);
+    int stopServer();
+    bool parseServerUrl(const std::string& url, std::string& scheme, ServerParams& params);
+    static int getIntParam(ServerParams& params, const std::string& key);
+    int getSessionCount();
+    void* getIocpHandle() { return m_hAsyncIocpQueue; }
+    unsigned short getHttpPort() const { return m_usHttpPort; }
+
+    // Request queue: every event becomes a job that a worker runs later.
+    void pushAsyncReq(tagAsyncReq* req);
+    tagAsyncReq* popAsyncReq();
+    int getAsyncQueueSize();
+    // Runs one popped job unless it waited longer than kStaleJobMs at nowMs; frees
+    // its data either way. The caller still deletes the job. Returns whether it ran.
+    bool runAsyncReq(tagAsyncReq* req, ZRT_UINT64 nowMs);
+    static void* fnAsynProcessThread(void* server);
+    static void* fnTimeoutCheckThread(void* server);
+
+    static const ZRT_UINT64 kStaleJobMs = 60000;
+
+private:
+    void undoEvent(const tagAsyncReq& req);
+
+    std::atomic<int> m_iStarted{0};
+    std::atomic<int> m_iRunning{0};  // polled by the threads at least every 100 ms
+    unsigned short m_usHttpPort = 0;
+    void* m_hAsyncIocpQueue = nullptr;
+    std::list<ZRT_THREAD_T> m_workerThreads;
+    CAsyncRequestQueue m_requestQueue;
+    ZRT_THREAD_T m_timeoutThread = ZRT_INVALID_THREAD;
+};
+
+}  // namespace HttpWrapper
+
+#endif  // HTTPWRAPPER_FRAME_HTTPSERVERWRAPPER_H

@@ -1,0 +1,143 @@
+// Download requests: a client names a recording by its playback URI (an RTSP
+// URL), either in a JSON body (POST ...?format=json) or in an XML body (GET).
+// The URI is rewritten into the gateway's download URI and opened through the
+// RTSP conversion; the file then streams back through send().
+#include <string.h>
+
+#include <json/json.h>
+
+#include "frame/ErrorCodes.h"
+#include "frame/Log.h"
+#include "session/HttpSession.h"
+#include "session/HttpSessionMgr.h"
+#include "util/StringUtils.h"
+#include "xml/mkTinyXMLConverter.h"
+
+namespace HttpWrapper {
+
+namespace {
+const unsigned int kRestBadUrlFormat = 0x50000003;
+const unsigned int kRestBadParameters = 0x60000001;
+const size_t kDevIndexLength = 36;
+
+// The first "playback" becomes "download": the gateway serves downloads under
+// the same URI with that word changed.
+void rewritePlaybackToDownload(std::string& uri)
+{
+    size_t found = uri.find("playback");
+    if (found != std::string::npos) {
+        uri.replace(found, 8, "download");
+    }
+}
+}  // namespace
+
+int CHttpSession::processDownloadRequest(char* body, int length)
+{
+    ZRT_Guard guard(m_lock);
+    char devIndex[kDevIndexLength + 1];
+    memset(devIndex, 0, sizeof devIndex);
+    if (!m_httpHelper.GetDevIndexFromURL(requestUrl(), devIndex)) {
+        HPW_LOGE(HPW_ERR_DOWNLOAD_URL, "Download request url error, url=%s", requestUrl());
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadUrlFormat);
+        return -1;
+    }
+    if (body == nullptr || length <= 0) {
+        HPW_LOGE(HPW_ERR_PARAM, "Download request invalid parameter");
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadParameters);
+        return -1;
+    }
+
+    Json::Value root;
+    Json::Reader reader;
+    if (!reader.parse(body, body + length, root, false) || !root.isObject() || !root.isMember("downloadRequest") ||
+        !root["downloadRequest"].isObject() || !root["downloadRequest"].isMember("playbackURI") ||
+        !root["downloadRequest"]["playbackURI"].isString()) {
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadParameters);
+        return -1;
+    }
+    m_strPlaybackURI = root["downloadRequest"]["playbackURI"].asString();
+    rewritePlaybackToDownload(m_strPlaybackURI);
+
+    if (!Contain(m_strPlaybackURI, "download") || !Contain(m_strPlaybackURI, "starttime") ||
+        !Contain(m_strPlaybackURI, "endtime") || !Contain(m_strPlaybackURI, devIndex)) {
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadParameters);
+        return -1;
+    }
+    // Without a name or a size the length is not known up front: stream chunked.
+    if (!Contain(m_strPlaybackURI, "name") && !Contain(m_strPlaybackURI, "size")) {
+        m_iChunked = 1;
+    }
+
+    if (convertToRtspProcess(true) != 0) {
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, (unsigned int)GetErrorCode());
+        return -1;
+    }
+    m_iDownloadCounted = 1;
+    singleton<CHttpSessionMgr>::instance()->increaseDownloadNum();
+    return 0;  // the head follows the first STREAM_INFO
+}
+
+int CHttpSession::processQumexDownloadRequest(char* body, int length)
+{
+    ZRT_Guard guard(m_lock);
+    // Parse failures and a missing body answer in JSON, the rest in XML: clients
+    // of this form have always seen that mix.
+    if (body == nullptr || length <= 0) {
+        HPW_LOGE(HPW_ERR_PARAM, "Download request invalid parameter");
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadParameters);
+        return -1;
+    }
+    CmkTinyXMLConverter xml;
+    if (!xml.SetDoc(body)) {
+        HPW_LOGE(HPW_ERR_XML_PARSE, "Download request xml parse fail, content=%s", body);
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadParameters);
+        return -1;
+    }
+    if (!xml.FindElem("downloadRequest", false) || !xml.IntoElem() || !xml.FindElem("playbackURI", false)) {
+        HPW_LOGE(HPW_ERR_PARAM, "Download request invalid parameter");
+        m_errorHandler.renderXMLResponseStatus(m_iHttpHandle, kRestBadParameters);
+        return -1;
+    }
+    m_strPlaybackURI = xml.GetData();
+
+    // A camera identifier with a "-" names a device: camera/<id>/ becomes
+    // device/<id>/ and needs no port parameter.
+    bool deviceRewrite = false;
+    size_t camera = m_strPlaybackURI.find("camera");
+    if (camera != std::string::npos && camera + 7 <= m_strPlaybackURI.size()) {
+        size_t idStart = camera + 7;
+        size_t idEnd = m_strPlaybackURI.find('/', idStart);
+        std::string id = m_strPlaybackURI.substr(idStart, idEnd == std::string::npos ? std::string::npos : idEnd - idStart);
+        if (id.find('-') != std::string::npos) {
+            m_strPlaybackURI.replace(camera, 6, "device");
+            deviceRewrite = true;
+        }
+    }
+    if (!deviceRewrite) {
+        // The RTSP port of the URI ("rtsp://host:port/...") becomes a parameter.
+        size_t colon = m_strPlaybackURI.find(':', 7);
+        if (!Contain(m_strPlaybackURI, "rtsp") || colon == std::string::npos) {
+            HPW_LOGE(HPW_ERR_PARAM, "Download request invalid URL[%s]", m_strPlaybackURI.c_str());
+            m_errorHandler.renderXMLResponseStatus(m_iHttpHandle, kRestBadParameters);
+            return -1;
+        }
+        size_t portEnd = m_strPlaybackURI.find('/', colon + 1);
+        std::string port = m_strPlaybackURI.substr(colon + 1, portEnd == std::string::npos ? std::string::npos
+                                                                                            : portEnd - colon - 1);
+        m_strPlaybackURI += Contain(m_strPlaybackURI, "?") ? "&indexType=rtspPort&rtspPort="
+                                                           : "?indexType=rtspPort&rtspPort=";
+        m_strPlaybackURI += port;
+    }
+    rewritePlaybackToDownload(m_strPlaybackURI);
+
+    // This form always announces a Content-Length: it never streams chunked.
+    if (convertToRtspProcess(true) != 0) {
+        sendHead(GetStatusCode());
+        return -1;
+    }
+    m_iDownloadCounted = 1;
+    singleton<CHttpSessionMgr>::instance()->increaseDownloadNum();
+    return 0;
+}
+
+}  // namespace HttpWrapper

@@ -1,0 +1,167 @@
+// Lifecycle and dispatch of a standard HTTP session.
+#include "session/HttpSession.h"
+
+#include <exception>
+
+#include "frame/ErrorCodes.h"
+#include "frame/HttpServerWrapper.h"
+#include "frame/Log.h"
+#include "session/HttpSessionMgr.h"
+
+namespace HttpWrapper {
+
+namespace {
+const char kDownloadUrl[] = "/QUMEX/ContentMgmt/download";
+const char kJsonFormatQuery[] = "?format=json";
+
+// REST error numbers of the device API answered here.
+const unsigned int kRestInvalidOperation = 0x40000006;
+const unsigned int kRestBadJsonFormat = 0x50000002;
+const unsigned int kRestBadUrlFormat = 0x50000003;
+}  // namespace
+
+CHttpSession::CHttpSession(PROTOCOL_FILTER::IProtocolFilter* filterChain, PROTOCOL_WRAPPER::IServerSink* serverSink)
+    : CHttpSessionBase(filterChain, serverSink)
+{
+}
+
+CHttpSession::~CHttpSession() = default;
+
+int CHttpSession::init(int httpHandle)
+{
+    ZRT_Guard guard(m_lock);
+    if (m_iState != SESSION_CREATED) {
+        HPW_LOGE(HPW_ERR_STATUS, "Http session status error, status=%d", m_iState.load());
+        return HPW_ERR_STATUS;
+    }
+    if ((unsigned int)httpHandle < 0xFFFFFFFFu) {
+        if (NET_HTTPSERVER_GetParamV2(httpHandle, NET_HTTPSERVER_GET_REQUEST, NET_HTTPSERVER_SUB_PARAMS, nullptr, 0,
+                                      &m_requestParam, (int)sizeof m_requestParam) != 0) {
+            HPW_LOGE(HPW_ERR_NETUTILS, "Get http request parameter fail");
+            return HPW_ERR_NETUTILS;
+        }
+        m_iHttpHandle = httpHandle;
+    }
+    m_iState = SESSION_INITIALISED;
+    return 0;
+}
+
+int CHttpSession::processRecvData(char* body, int length)
+{
+    ZRT_Guard guard(m_lock);
+    if (m_iState != SESSION_INITIALISED) {
+        HPW_LOGE(HPW_ERR_STATUS, "Http session status error, status=%d", m_iState.load());
+        return HPW_ERR_STATUS;
+    }
+    int result = processAuth();
+    if (result != 0) {
+        return result;  // the challenge is out; the session stays initialised
+    }
+    switch (m_requestParam.iMethod) {
+    case NET_HTTP_METHOD_GET:
+        result = processHttpGet(body, length);
+        break;
+    case NET_HTTP_METHOD_PUT:
+        result = processHttpPut(body, length);
+        break;
+    case NET_HTTP_METHOD_POST:
+        result = processHttpPost(body, length);
+        break;
+    case NET_HTTP_METHOD_DELETE:
+        result = processHttpDelete(body, length);
+        break;
+    default:
+        HPW_LOGE(HPW_ERR_NOT_SUPPORTED, "Http method not support, method = %d", m_requestParam.iMethod);
+        result = HPW_ERR_NOT_SUPPORTED;
+        break;
+    }
+    m_iState = SESSION_PROCESSED;
+    return result;
+}
+
+int CHttpSession::processHttpGet(char* body, int length)
+{
+    ZRT_Guard guard(m_lock);
+    std::string url = requestUrl();
+    url = url.substr(0, url.find('?'));
+    if (m_httpHelper.CompareUrl(url, kDownloadUrl) == 0) {
+        return processQumexDownloadRequest(body, length);
+    }
+    m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestInvalidOperation);
+    return -1;
+}
+
+int CHttpSession::processHttpPut(char* body, int length)
+{
+    ZRT_Guard guard(m_lock);
+    // Two-way audio talks are not served by this build: their open and close
+    // URLs answer like any other unknown PUT URL.
+    m_errorHandler.renderXMLResponseStatus(m_iHttpHandle, kRestInvalidOperation);
+    return -1;
+}
+
+int CHttpSession::processHttpPost(char* body, int length)
+{
+    ZRT_Guard guard(m_lock);
+    try {
+        std::string url = requestUrl();
+        if (!m_httpHelper.IsJsonURL(url.c_str())) {
+            m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadUrlFormat);
+            return -1;
+        }
+        // Unlike GET, POST compares exactly after cutting at "?format=json".
+        url = url.substr(0, url.find(kJsonFormatQuery));
+        if (url == kDownloadUrl) {
+            return processDownloadRequest(body, length);
+        }
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestInvalidOperation);
+        return -1;
+    } catch (const std::exception&) {
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadJsonFormat);
+        return -1;
+    }
+}
+
+int CHttpSession::processHttpDelete(char* body, int length)
+{
+    ZRT_Guard guard(m_lock);
+    return sendHead(403);
+}
+
+int CHttpSession::fini()
+{
+    ZRT_Guard guard(m_lock);
+    if (m_iState == SESSION_CLOSED) {
+        HPW_LOGD("Http session duplicate fini, http handle=%d", m_iHttpHandle.load());
+        return 0;
+    }
+    if (m_iState == SESSION_PROCESSED && m_pSessionHandle != nullptr && m_pServerSink != nullptr) {
+        m_pServerSink->OnStop(m_pSessionHandle, 0);
+        m_pServerSink->OnClose(m_pSessionHandle);
+    }
+    int handle = m_iHttpHandle;
+    singleton<CHttpSessionMgr>::instance()->addInvalidHandle(handle);
+    HPW_LOGD("Http session closed, handle=%d", handle);
+    m_iHttpHandle = -1;
+    m_iState = SESSION_CLOSED;
+    if (m_iDownloadCounted != 0) {
+        singleton<CHttpSessionMgr>::instance()->decreaseDownloadNum();
+    }
+    return 0;
+}
+
+int CHttpSession::pushDestroyReq()
+{
+    int expected = 0;
+    if (!m_iDestroyRequested.compare_exchange_strong(expected, 1)) {
+        return 0;
+    }
+    tagAsyncReq req;
+    req.iCmdType = ASYNC_HTTP_DESTROY;
+    req.pSession = this;
+    req.lHttpHandle = m_iHttpHandle;
+    singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
+    return 0;
+}
+
+}  // namespace HttpWrapper

@@ -1,0 +1,67 @@
+// The standard HTTP session: one object per request handle of the embedded
+// HTTP server. It authenticates and dispatches the request, and streams what
+// the gateway delivers back to the client.
+#ifndef HTTPWRAPPER_SESSION_HTTPSESSION_H
+#define HTTPWRAPPER_SESSION_HTTPSESSION_H
+
+#include <atomic>
+#include <string>
+
+#include <zrt/zrt.h>
+
+#include "session/HttpSessionBase.h"
+#include "talk/HttpParser.h"
+
+namespace HttpWrapper {
+
+class CHttpSession : public CHttpSessionBase {
+public:
+    CHttpSession(PROTOCOL_FILTER::IProtocolFilter* filterChain, PROTOCOL_WRAPPER::IServerSink* serverSink);
+    ~CHttpSession() override;
+
+    int init(int httpHandle);
+    int processRecvData(char* body, int length);
+    int fini();  // always 0
+
+    int processHttpGet(char* body, int length);
+    int processHttpPut(char* body, int length);
+    int processHttpPost(char* body, int length);
+    int processHttpDelete(char* body, int length);
+
+    // Downloads: POST ...?format=json with a JSON body, GET with an XML body.
+    int processDownloadRequest(char* body, int length);
+    int processQumexDownloadRequest(char* body, int length);
+
+    // Authentication gate: forwards Digest credentials or sends the challenge.
+    int processAuth();
+
+    int pushDestroyReq();  // always 0; queues the session's destruction once
+
+    // ISessionInterface: the gateway's delivery of stream head, info, data and end.
+    int send(int index, int dataType, void* data, int length) override;
+    int sendStream(void* data, int length);
+    int sendHead(int status);
+    int sendReply(int status, const char* body, int bodyLength, const std::string& contentSubtype);
+    static std::string decToHex(const int value);
+
+    int getHttpHandle() const { return m_iHttpHandle; }
+    int getState() const { return m_iState; }
+    bool isChunked() const { return m_iChunked != 0; }
+    unsigned long long getFileLength() const { return m_ullFileLen; }
+
+    // No progress of a reply for this long ends a download.
+    static const ZRT_UINT64 kSendStallLimitMs = 60000;
+
+protected:
+    std::atomic<int> m_iHttpHandle{-1};
+    std::atomic<unsigned long long> m_ullFileLen{0};
+    std::atomic<int> m_iDestroyRequested{0};
+    int m_iDownloadCounted = 0;
+    CHttpParser m_parser;  // used for its getAuthName only
+    std::atomic<int> m_iEndSent{0};
+    std::atomic<int> m_iChunked{0};
+};
+
+}  // namespace HttpWrapper
+
+#endif  // HTTPWRAPPER_SESSION_HTTPSESSION_H

@@ -1,0 +1,197 @@
+#include "session/HttpSessionBase.h"
+
+#include <stdio.h>
+#include <string.h>
+
+#include <json/json.h>
+
+#include "errors/RestErrorTable.h"
+#include "errors/XmlNamespaces.h"
+#include "frame/ErrorCodes.h"
+#include "frame/Log.h"
+#include "session/HttpSessionMgr.h"
+#include "session/RtspStatus.h"
+#include "xml/mkTinyXMLConverter.h"
+
+namespace HttpWrapper {
+
+namespace {
+// The gateway refuses new downloads past this many running ones (the error is
+// the device API's "reachDownloadLimit").
+const int kMaxDownloads = 400;
+const unsigned int kRestReachDownloadLimit = 0x4000A009;
+// A user name of this length or more is not forwarded.
+const size_t kMaxForwardedUserName = 65;
+}  // namespace
+
+CHttpSessionBase::CHttpSessionBase(PROTOCOL_FILTER::IProtocolFilter* filterChain,
+                                   PROTOCOL_WRAPPER::IServerSink* serverSink)
+    : m_pServerSink(serverSink), m_pProtocolFilterChain(filterChain)
+{
+    memset(m_streamInfo, 0, sizeof m_streamInfo);
+    memset(&m_requestParam, 0, sizeof m_requestParam);
+}
+
+// The gateway's stream is closed by fini, never here.
+CHttpSessionBase::~CHttpSessionBase() = default;
+
+const char* CHttpSessionBase::GetFilterURL() { return m_strFilterURL.c_str(); }
+const char* CHttpSessionBase::GetMediaURL() { return m_strMediaURL.c_str(); }
+void CHttpSessionBase::SetFilterURL(const char* url) { m_strFilterURL = url != nullptr ? url : ""; }
+void CHttpSessionBase::SetMediaURL(const char* url) { m_strMediaURL = url != nullptr ? url : ""; }
+const char* CHttpSessionBase::GetServerIP() { return m_strServerIP.c_str(); }
+// The server address is not the filter chain's to change: the setter keeps it empty on purpose.
+void CHttpSessionBase::SetServerIP(const char* ip) {}
+int CHttpSessionBase::GetStatusCode() { return m_iStatusCode; }
+void CHttpSessionBase::SetStatusCode(int code) { m_iStatusCode = code; }
+int CHttpSessionBase::GetErrorCode() { return m_iErrorCode; }
+void CHttpSessionBase::SetErrorCode(int code) { m_iErrorCode = code; }
+const char* CHttpSessionBase::GetErrorDescribe() { return m_strErrorDescribe.c_str(); }
+void CHttpSessionBase::SetErrorDescribe(const char* describe) { m_strErrorDescribe = describe != nullptr ? describe : ""; }
+const char* CHttpSessionBase::GetErrorRsp() { return m_strErrorRsp.c_str(); }
+void CHttpSessionBase::SetErrorRsp(const char* response) { m_strErrorRsp = response != nullptr ? response : ""; }
+
+int CHttpSessionBase::getStatusCodeRtspInt()
+{
+    return rtspStatusCode(GetStatusCode());
+}
+
+int CHttpSessionBase::getTimeoutCount()
+{
+    return ZRT_AtomicGet(&m_iTimeoutCount);
+}
+
+int CHttpSessionBase::increaseTimeoutCount()
+{
+    ZRT_AtomicInc(&m_iTimeoutCount);
+    return 0;
+}
+
+std::string CHttpSessionBase::getHttpXmlResponse(unsigned int errorNo, const std::string& extraHeaders)
+{
+    Json::Value status;
+    unsigned int groupStatus = 200;
+    getResponseStatusByErrorNo(errorNo, status, groupStatus);
+    // The status line takes the HTTP status with the 401 exception for
+    // "badAuthorization", so the challenge of the raw channel reads 401.
+    unsigned int httpStatus = 200;
+    getHttpStatusCodeByErrorNo(errorNo, httpStatus);
+
+    CmkTinyXMLConverter xml;
+    xml.AddElem("ResponseStatus", (const char*)nullptr, 0);
+    xml.AddAttrib("version", "2.0");
+    xml.AddAttrib("xmlns", XMLNS_DEVICE_API_2_0);
+    xml.IntoElem();
+    xml.AddElem("requestURL", requestUrl(), 0);
+    xml.AddElem("statusCode", status.isMember("statusCode") ? status["statusCode"].asInt() : 0, 0);
+    xml.AddElem("statusString", status.isMember("statusString") ? status["statusString"].asCString() : "", 0);
+    xml.AddElem("subStatusCode", status.isMember("subStatusCode") ? status["subStatusCode"].asCString() : "", 0);
+    std::string document = xml.GetDoc();
+
+    // The phrase text starts with the code itself, so the status line reads
+    // "HTTP/1.1 401 401 Unauthorized": the doubled code is what clients of this
+    // device API have always received.
+    std::string response = "HTTP/1.1 " + std::to_string(httpStatus) + " " +
+                           m_httpHelper.getHTTPStatsStringByCode(httpStatus) + "\r\n";
+    response += "Content-Length: " + std::to_string(document.size()) + "\r\n";
+    response += "Content-Type: ";
+    response += "application/xml\r\n";
+    if (!extraHeaders.empty()) {
+        response += extraHeaders + "\r\n";
+    }
+    response += "\r\n";
+    response += document;
+    return response;
+}
+
+int CHttpSessionBase::convertToRtspProcess(bool needAuth)
+{
+    // "&clientIP=" is appended even without a "?" and with an empty address, and
+    // "Download: 0" is sent for downloads too: the gateway's parser expects both.
+    std::string text = m_strMethod + " " + m_strPlaybackURI + "&clientIP=" + m_strClientIP + " RTSP/1.0\r\n";
+    text += "CSeq: 1\r\n";
+    text += "Accept: application/sdp\r\n";
+    text += "Download: 0\r\n";
+    text += "Authorization:" + m_strAuthorization + "\r\n";
+    text += "User-Agent: httpClient\r\n";
+    text += "\r\n";
+
+    if (m_request.ParseRequest(&text[0], (int)text.size()) == 0) {
+        // Reported through the error code only; callers go on (kept as the
+        // gateway has always seen it).
+        HPW_LOGE(HPW_ERR_RTSP_PARSE, "CovertToRtspProcess fail, cProtocolRequest ParseMsg fail, request:%s",
+                 text.c_str());
+        SetErrorCode(HPW_ERR_RTSP_PARSE);
+        return 0;
+    }
+    m_request.setNeedAuth(needAuth);
+
+    PROTOCOL_FILTER::IProtocolRequestLine* line = m_request.GetProtocolRequestLine();
+    std::string url = line->GetProtocolURL();
+    const char kUserKey[] = "username=\"";
+    size_t key = m_strAuthorization.empty() ? std::string::npos : m_strAuthorization.find(kUserKey);
+    if (key != std::string::npos) {
+        size_t start = key + sizeof kUserKey - 1;
+        size_t end = m_strAuthorization.find('"', start);
+        if (end != std::string::npos && end - start < kMaxForwardedUserName) {
+            std::string name = m_strAuthorization.substr(start, end - start);
+            // The bound counts the terminating zero, so the forwarded name loses
+            // its last character ("admin" becomes "admi"): the gateway matches
+            // users by exactly this text.
+            char copy[kMaxForwardedUserName];
+            memset(copy, 0, sizeof copy);
+            if (!name.empty()) {
+                snprintf(copy, name.size(), "%s", name.c_str());
+            }
+            url += "&username=";
+            url += copy;
+        }
+    }
+    line->SetProtocolURL(url.c_str());
+
+    int result = m_pProtocolFilterChain != nullptr ? m_pProtocolFilterChain->Request(&m_request, 0, this)
+                                                   : (int)HPW_ERR_NO_FILTER;
+    if (result != 0) {
+        HPW_LOGE(result, "CovertToRtspProcess fail, m_pProtocolFilterChainSink Request fail");
+        SetErrorCode(result);
+        SetStatusCode(getStatusCodeRtspInt());
+        return result;
+    }
+
+    if (singleton<CHttpSessionMgr>::instance()->getDownloadNum() >= kMaxDownloads) {
+        HPW_LOGE(kRestReachDownloadLimit, "Download reach max number, pszUrl == %s", m_strPlaybackURI.c_str());
+        SetErrorCode((int)kRestReachDownloadLimit);
+        SetStatusCode(500);
+        return (int)kRestReachDownloadLimit;
+    }
+
+    result = m_pServerSink != nullptr
+                 ? m_pServerSink->OnOpen(GetFilterURL(), GetMediaURL(), static_cast<ISessionInterface*>(this),
+                                         &m_pSessionHandle)
+                 : (int)HPW_ERR_NO_FILTER;
+    if (result != 0) {
+        HPW_LOGE(result, "m_pServerSink OnOpen fail, pszUrl == %s", text.c_str());
+        SetErrorCode(result);
+        SetStatusCode(500);
+        return result;
+    }
+    HPW_LOGD("OnOpen success, SessionHandle[%p], pszUrl=%s", m_pSessionHandle, m_strPlaybackURI.c_str());
+
+    if (m_pServerSink == nullptr) {
+        SetErrorCode(HPW_ERR_NO_FILTER);
+        SetStatusCode(500);
+        HPW_LOGE(HPW_ERR_NO_FILTER, "Proc rtsp play fail, m_pServerSink is NULL");
+        return 0;
+    }
+    result = m_pServerSink->pushStream(m_pSessionHandle);
+    if (result != 0) {
+        HPW_LOGE(result, "m_pServerSink pushStream fail, pszUrl == %s", text.c_str());
+        SetErrorCode(result);
+        SetStatusCode(500);
+        return result;
+    }
+    m_pServerSink->OnStart(m_pSessionHandle, 0);
+    return 0;
+}
+
+}  // namespace HttpWrapper

@@ -1,0 +1,101 @@
+// Common base of the standard and raw HTTP sessions: the connection context the
+// filter chain sees, the status and error state, the XML error reply, and the
+// step that joins an HTTP request to the gateway: its conversion to an RTSP
+// request that goes through the filter chain and is opened on the gateway's sink.
+#ifndef HTTPWRAPPER_SESSION_HTTPSESSIONBASE_H
+#define HTTPWRAPPER_SESSION_HTTPSESSIONBASE_H
+
+#include <atomic>
+#include <string>
+
+#include <ProtocolFilter.h>
+#include <ProtocolWrapper.h>
+#include <netutils/VQNetUtils.h>
+#include <zrt/zrt.h>
+
+#include "errors/HttpErrorHandler.h"
+#include "frame/SessionInterface.h"
+#include "protocol/ProtocolFilter.h"
+#include "util/HttpHelper.h"
+
+namespace HttpWrapper {
+
+// Session states.
+enum SessionState {
+    SESSION_CREATED = 0,
+    SESSION_INITIALISED = 1,  // handle known, request parameters read
+    SESSION_PROCESSED = 2,    // the request was handled, whatever the outcome
+    SESSION_CLOSED = 3,       // fini ran
+};
+
+class CHttpSessionBase : public PROTOCOL_FILTER::IConnectContext, public ISessionInterface {
+public:
+    CHttpSessionBase(PROTOCOL_FILTER::IProtocolFilter* filterChain, PROTOCOL_WRAPPER::IServerSink* serverSink);
+    ~CHttpSessionBase() override;
+
+    // IConnectContext: written by the filter chain while it handles the request.
+    const char* GetFilterURL() override;
+    const char* GetMediaURL() override;
+    void SetFilterURL(const char* url) override;
+    void SetMediaURL(const char* url) override;
+    const char* GetServerIP() override;
+    void SetServerIP(const char* ip) override;
+    int GetStatusCode() override;
+    void SetStatusCode(int code) override;
+    int GetErrorCode() override;
+    void SetErrorCode(int code) override;
+    const char* GetErrorDescribe() override;
+    void SetErrorDescribe(const char* describe) override;
+    const char* GetErrorRsp() override;
+    void SetErrorRsp(const char* response) override;
+
+    int getStatusCodeRtspInt();
+    int getTimeoutCount();
+    int increaseTimeoutCount();
+
+    // A complete raw HTTP response carrying the XML ResponseStatus of errorNo.
+    std::string getHttpXmlResponse(unsigned int errorNo, const std::string& extraHeaders);
+
+    // Builds the RTSP request, runs it through the filter chain and opens and
+    // starts the stream on the gateway's sink. 0 on success; otherwise the
+    // failure is also left in the error code (and, past the filter chain, in the
+    // status code).
+    int convertToRtspProcess(bool needAuth);
+
+    const std::string& getPlaybackURI() const { return m_strPlaybackURI; }
+    CProtocolRequest& getRequest() { return m_request; }
+
+protected:
+    const char* requestUrl() const { return m_requestParam.szUrl; }
+
+    std::string m_strFilterURL;
+    std::string m_strMediaURL;
+    std::string m_strServerIP;  // SetServerIP stores nothing on purpose
+    std::string m_strClientIP;  // X-Forwarded-For, forwarded as "&clientIP="
+    std::string m_strErrorDescribe;
+    std::atomic<int> m_iStatusCode{0};
+    std::atomic<int> m_iErrorCode{0};
+    CHttpErrorHandler m_errorHandler;
+    CHttpHelper m_httpHelper;
+    PROTOCOL_WRAPPER::IServerSink* m_pServerSink;
+    PROTOCOL_FILTER::IProtocolFilter* m_pProtocolFilterChain;
+    void* m_pSessionHandle = nullptr;  // the gateway's stream, from OnOpen
+    CProtocolRequest m_request;
+    std::string m_strPlaybackURI;
+    volatile ZRT_INT32 m_iTimeoutCount = 0;  // changed only atomically
+    enum { kStreamInfoSlots = 4, kStreamInfoSize = 1620 };
+    char m_streamInfo[kStreamInfoSlots][kStreamInfoSize];
+    int m_iStreamInfoCount = 0;
+    int m_iWaitFirstInfo = 1;
+    ZRT_Mutex m_lock{1};  // recursive: handlers call back into locked operations
+    std::atomic<int> m_iState{SESSION_CREATED};
+    NET_HTTPSERVER_REQUEST_PARAM m_requestParam;
+    std::string m_strAuthorization;
+    std::string m_strMethod;
+    std::string m_strUserName;
+    std::string m_strErrorRsp;
+};
+
+}  // namespace HttpWrapper
+
+#endif  // HTTPWRAPPER_SESSION_HTTPSESSIONBASE_H

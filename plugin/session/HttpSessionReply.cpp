@@ -1,0 +1,214 @@
+// How data travels from the gateway to the HTTP client: the head on the first
+// stream information, every media block as one body piece (or one chunk), the
+// chunk terminator at the end of the stream; and the one-shot reply paths.
+//
+// This is the hot path of the product: a media block goes from the gateway's
+// buffer to the embedded server's reply without a copy. The server's Reply
+// waits for the socket itself within its send time-out, so the 10 ms retry
+// sleep below only runs after a reply that made partial progress.
+#include <stdio.h>
+#include <string.h>
+
+#include "frame/Clock.h"
+#include "frame/ErrorCodes.h"
+#include "frame/Log.h"
+#include "session/HttpSession.h"
+
+namespace HttpWrapper {
+
+namespace {
+const int kReplySendTimeoutMs = 5000;
+const ZRT_UINT32 kPartialRetrySleepMs = 10;
+// The announced length is the media file's length plus the 40-byte stream head
+// that the gateway sends before the file.
+const unsigned long long kStreamHeadLength = 40;
+const size_t kFileLengthHighOffset = 1612;
+const size_t kFileLengthLowOffset = 1616;
+const char kChunkTerminator[] = "0\r\n\r\n";
+const char kCrLf[] = "\r\n";
+
+bool stageHeader(int handle, const char* name, const std::string& value)
+{
+    return NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, name, (int)strlen(name), value.c_str(),
+                                   (int)value.size()) == 0;
+}
+
+bool stageInt(int handle, int kind, int value)
+{
+    return NET_HTTPSERVER_SetParam(handle, kind, nullptr, 0, &value, (int)sizeof value) == 0;
+}
+}  // namespace
+
+int CHttpSession::send(int index, int dataType, void* data, int length)
+{
+    switch (dataType) {
+    case PROTOCOL_WRAPPER::STREAM_INFO: {
+        HPW_LOGD("Http download get STREAM_INFO");
+        bool validIndex = index >= 0 && index < kStreamInfoSlots;
+        // A block is never copied past its record, whatever length the gateway gives.
+        size_t copy = data == nullptr || length <= 0 ? 0 : (size_t)(length < kStreamInfoSize ? length : kStreamInfoSize);
+        if (m_iWaitFirstInfo != 0) {
+            if (validIndex && index == m_iStreamInfoCount && m_iStreamInfoCount <= 3) {
+                if (copy != 0) {
+                    memcpy(m_streamInfo[index], data, copy);
+                }
+                m_iStreamInfoCount++;
+            }
+            m_iWaitFirstInfo = 0;
+            unsigned int high = 0;
+            unsigned int low = 0;
+            if (validIndex) {
+                memcpy(&high, m_streamInfo[index] + kFileLengthHighOffset, sizeof high);
+                memcpy(&low, m_streamInfo[index] + kFileLengthLowOffset, sizeof low);
+            }
+            m_ullFileLen = (((unsigned long long)high << 32) | low) + kStreamHeadLength;
+            HPW_LOGD("[fileLen = %d]Http download get file len", (int)m_ullFileLen.load());
+            sendHead(200);
+        } else if (validIndex && m_iStreamInfoCount > index && copy != 0) {
+            // A later block refreshes a stored record and changes nothing else.
+            memcpy(m_streamInfo[index], data, copy);
+        }
+        return 0;
+    }
+    case PROTOCOL_WRAPPER::STREAM_HEAD:
+        HPW_LOGD("Http download get STREAM_HEAD");
+        return sendStream(data, length);
+    case PROTOCOL_WRAPPER::STREAM_DATA:
+        return sendStream(data, length);
+    case PROTOCOL_WRAPPER::STREAM_END: {
+        HPW_LOGI("Http download receive STREAM_END");
+        int notSent = 0;
+        if (m_iChunked != 0 && m_iEndSent.compare_exchange_strong(notSent, 1)) {
+            m_httpHelper.response(m_iHttpHandle, kChunkTerminator, (int)sizeof kChunkTerminator - 1);
+        }
+        return 0;
+    }
+    default:
+        return 0;
+    }
+}
+
+int CHttpSession::sendStream(void* data, int length)
+{
+    const char* bytes = static_cast<const char*>(data);
+    int handle = m_iHttpHandle;
+    if (m_iChunked != 0) {
+        char line[256];
+        int lineLength = snprintf(line, sizeof line, "%s\r\n", decToHex(length).c_str());
+        m_httpHelper.response(handle, line, lineLength);
+    }
+
+    int result = 0;
+    int written = 0;
+    bool stalled = false;
+    ZRT_UINT64 stallStart = 0;
+    while (written < length) {
+        if (m_iState == SESSION_CLOSED || m_iDestroyRequested != 0) {
+            HPW_LOGI("Http session allready destroyed");
+            result = 0;
+            break;
+        }
+        int remaining = length - written;
+        if (NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, bytes + written, remaining) != 0) {
+            HPW_LOGE(HPW_ERR_NETUTILS, "[download error], Http SetParam fail! errNum[%d], httpHandle[%d]",
+                     NET_UTILS_GetLastError(), handle);
+            result = -1;
+            break;
+        }
+        int sent = NET_HTTPSERVER_Reply(handle, 0);
+        if (sent < 0) {
+            HPW_LOGE(HPW_ERR_NETUTILS,
+                     "[download error], Http Reply fail! errNum[%d], httpHandle[%d], replyRet[%d], dataLenCurr[%d]",
+                     NET_UTILS_GetLastError(), handle, sent, remaining);
+            result = -1;
+            break;
+        }
+        if (sent >= remaining) {
+            ZRT_AtomicSet(&m_iTimeoutCount, 0);
+            result = 0;
+            break;
+        }
+        if (sent > 0) {
+            stalled = false;
+            ZRT_AtomicSet(&m_iTimeoutCount, 0);
+        } else if (!stalled) {
+            stalled = true;
+            stallStart = hpwTickMs();
+        } else if (hpwTickMs() - stallStart > kSendStallLimitMs) {
+            HPW_LOGE(HPW_ERR_SEND_TIMEOUT, "[download error], send data timeout!httpHandle[%d]", handle);
+            result = -1;
+            break;
+        }
+        ZRT_Sleep(kPartialRetrySleepMs);
+        HPW_LOGD("[download debug], send data partial! replyRet[%d], httpHandle[%d]", sent, handle);
+        written += sent;
+    }
+
+    if (result != 0) {
+        pushDestroyReq();
+    } else if (m_iChunked != 0) {
+        m_httpHelper.response(handle, kCrLf, (int)sizeof kCrLf - 1);
+    }
+    return result;
+}
+
+int CHttpSession::sendHead(int status)
+{
+    int handle = m_iHttpHandle;
+    bool ok;
+    if (status == 200) {
+        // The embedded server's default status is 200: it is not staged.
+        char length[33];
+        snprintf(length, sizeof length, "%llu", m_ullFileLen.load());
+        if (m_iChunked != 0) {
+            ok = stageHeader(handle, "Content-Type", "application/octet-stream") &&
+                 stageHeader(handle, "Transfer-Encoding", "chunked");
+        } else {
+            ok = stageHeader(handle, "Content-Type", "application/binary") &&
+                 stageHeader(handle, "Content-Length", length);
+        }
+        ok = ok && stageInt(handle, NET_HTTPSERVER_PARAM_SEND_TIMEOUT, kReplySendTimeoutMs) &&
+             NET_HTTPSERVER_Reply(handle, 0) != -1 &&
+             NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_STREAM, nullptr, 0, nullptr, 0) == 0;
+    } else {
+        // A bare head: the gateway's error is not described to the client here.
+        ok = stageInt(handle, NET_HTTPSERVER_PARAM_STATUS, status) &&
+             stageInt(handle, NET_HTTPSERVER_PARAM_SEND_TIMEOUT, kReplySendTimeoutMs) &&
+             NET_HTTPSERVER_Reply(handle, 0) != -1;
+    }
+    if (!ok) {
+        pushDestroyReq();
+        return -1;
+    }
+    return 0;
+}
+
+int CHttpSession::sendReply(int status, const char* body, int bodyLength, const std::string& contentSubtype)
+{
+    int handle = m_iHttpHandle;
+    bool ok = stageInt(handle, NET_HTTPSERVER_PARAM_STATUS, status);
+    if (ok && body != nullptr && bodyLength >= 1) {
+        ok = stageHeader(handle, "Content-Type", "application/" + contentSubtype) &&
+             stageInt(handle, NET_HTTPSERVER_PARAM_SEND_TIMEOUT, kReplySendTimeoutMs) &&
+             NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, body, bodyLength) == 0 &&
+             NET_HTTPSERVER_Reply(handle, 0) != -1;
+    }
+    // Without a body only the status is staged: the caller's later reply carries it.
+    if (!ok) {
+        HPW_LOGE(HPW_ERR_NETUTILS, "[error=%d], sendReply fail", NET_UTILS_GetLastError());
+        return -1;
+    }
+    return 0;
+}
+
+std::string CHttpSession::decToHex(const int value)
+{
+    static const char kDigits[] = "0123456789ABCDEF";
+    std::string hex;
+    for (unsigned int rest = value > 0 ? (unsigned int)value : 0; rest != 0; rest >>= 4) {
+        hex.insert(hex.begin(), kDigits[rest & 0xF]);
+    }
+    return hex;
+}
+
+}  // namespace HttpWrapper

@@ -1,0 +1,176 @@
+#include "talk/HttpParser.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+
+#include <vector>
+
+#include "frame/ErrorCodes.h"
+#include "frame/Log.h"
+#include "util/StringUtils.h"
+
+namespace HttpWrapper {
+
+namespace {
+const int kMinRequestLength = 12;
+const char kContentLength[] = "Content-Length: ";  // exact case, one blank
+const size_t kMaxMethodLength = 64;
+const size_t kMaxUrlLength = 512;
+const size_t kMaxUserName = 64;
+
+// Case-insensitive search of needle in [from, end).
+const char* findNoCase(const char* from, const char* end, const char* needle)
+{
+    size_t length = strlen(needle);
+    for (const char* p = from; p + length <= end; ++p) {
+        if (strncasecmp(p, needle, length) == 0) {
+            return p;
+        }
+    }
+    return nullptr;
+}
+}  // namespace
+
+int CHttpParser::IsEnd(const char* data, int length, bool simple)
+{
+    if (data == nullptr) {
+        return -1;
+    }
+    size_t textLength = strlen(data);
+    if (textLength < (size_t)kMinRequestLength) {
+        return -1;
+    }
+    const char* blank = strstr(data, "\r\n\r\n");
+    if (blank == nullptr) {
+        return -1;
+    }
+    size_t headLength = (size_t)(blank - data) + 4;
+    if (headLength > textLength) {
+        return -1;
+    }
+    m_iHeadLen = (int)headLength;
+
+    // Searched in the whole text, body included, as the audio clients expect.
+    const char* contentLength = strstr(data, kContentLength);
+    if (contentLength == nullptr) {
+        m_iTotalLen = m_iHeadLen;
+        return 0;
+    }
+    long bodyLength = atol(contentLength + sizeof kContentLength - 1);
+    if (bodyLength < 0 || (long long)m_iHeadLen + bodyLength > (long long)length) {
+        return 1;
+    }
+    m_iTotalLen = m_iHeadLen + (int)bodyLength;
+    if (simple) {
+        return 0;
+    }
+
+    // The header keeps two bytes past the blank line, as it always did.
+    size_t headerCopy = headLength + 2 <= textLength ? headLength + 2 : textLength;
+    m_strHeader.assign(data, headerCopy);
+    m_strBody.assign(data + headLength, (size_t)bodyLength);
+
+    std::vector<std::string> lines;
+    Split(m_strHeader, std::vector<std::string>{"\r\n"}, lines, 0x7FFFFFFF);
+    for (size_t i = 1; i < lines.size() && lines[i].size() > 2; ++i) {
+        std::vector<std::string> pair;
+        if (Split(lines[i], std::vector<std::string>{": "}, pair, 1) != 2) {
+            return -1;
+        }
+        m_headers.insert(std::make_pair(pair[0], pair[1]));  // a known name keeps its first value
+    }
+    return 0;
+}
+
+int CHttpParser::SimpleParse(const char* data, unsigned int length)
+{
+    return IsEnd(data, (int)length, true) == 0 ? 0 : 1;
+}
+
+int CHttpParser::Parse(const char* data, unsigned int length)
+{
+    if (IsEnd(data, (int)length, false) != 0) {
+        return 1;
+    }
+    if (m_iTotalLen > kMaxRequestSize) {
+        return -1;
+    }
+    return GetBaseInfo(data) ? 0 : -1;
+}
+
+bool CHttpParser::GetBaseInfo(const char* data)
+{
+    if (data == nullptr) {
+        return false;
+    }
+    const char* space = strchr(data, ' ');
+    const char* crlf = strstr(data, "\r\n");
+    if (space == nullptr || crlf == nullptr || crlf <= space) {
+        return false;
+    }
+    size_t methodLength = (size_t)(space - data);
+    if (methodLength < 1 || methodLength > kMaxMethodLength) {
+        return false;
+    }
+    const char* version = findNoCase(space, crlf, "HTTP/1.");
+    if (version == nullptr || version <= space) {
+        return false;
+    }
+    long urlLength = (long)(version - space) - 2;
+    if (urlLength < 1 || urlLength > (long)kMaxUrlLength) {
+        return false;
+    }
+    m_strMethod.assign(data, methodLength);
+    m_strUrl.assign(space + 1, (size_t)urlLength);
+    return true;
+}
+
+std::string CHttpParser::getHttpHeadValue(const std::string& name) const
+{
+    auto found = m_headers.find(name);
+    return found == m_headers.end() ? std::string() : found->second;
+}
+
+bool CHttpParser::getAuthName(std::string& name, const std::string& authorization)
+{
+    static const char kUserKey[] = "Digest username=\"";
+    size_t key = authorization.find(kUserKey);
+    if (key == std::string::npos) {
+        return false;
+    }
+    size_t start = key + sizeof kUserKey - 1;
+    size_t end = authorization.find('"', start);
+    if (end == std::string::npos) {
+        return false;
+    }
+    size_t valueLength = end - start;
+    if (valueLength > kMaxUserName) {
+        HPW_LOGE(HPW_ERR_URL, "[Authorization =%s]CHttpSession Request fail, userName too long.",
+                 authorization.c_str());
+        return false;
+    }
+    // The bound counts the terminating zero, so the name loses its last
+    // character ("admin" gives "admi"); the gateway compares exactly this text.
+    char buffer[kMaxUserName + 1];
+    memset(buffer, 0, sizeof buffer);
+    std::string value = authorization.substr(start, valueLength);
+    if (valueLength > 0) {
+        snprintf(buffer, valueLength, "%s", value.c_str());
+    }
+    name.assign(buffer, sizeof buffer);  // 65 bytes, padded with zeros
+    return true;
+}
+
+void CHttpParser::Clear()
+{
+    // The total length, header, body and header map are kept: a reused parser
+    // accumulates header names.
+    m_iHeadLen = 0;
+    m_strUrl.clear();
+    m_strMethod.clear();
+    m_strVersion.clear();
+}
+
+}  // namespace HttpWrapper

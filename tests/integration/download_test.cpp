@@ -1,0 +1,218 @@
+// Downloads through the real plug-in and embedded server: the RTSP request the
+// gateway receives, both request forms, both transfer modes, exact framing, and
+// what happens when the client or the gateway goes away.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "PluginFixture.h"
+#include "session/HttpSessionMgr.h"
+
+using HttpWrapper::CHttpSessionMgr;
+using HttpWrapper::singleton;
+
+namespace {
+
+class Download : public PluginFixture {
+protected:
+    std::string recordingOf(size_t size)
+    {
+        std::string data(size, '\0');
+        FakeServerSink::syntheticBytes(0, &data[0], size);
+        return data;
+    }
+
+    RawResponse jsonDownload(const std::string& query)
+    {
+        RawHttpClient client(port);
+        return client.exchange(
+            RawHttpClient::request("POST", jsonDownloadTarget(), jsonDownloadBody(query), digestHeader()), 20000);
+    }
+};
+
+}  // namespace
+
+TEST_F(Download, TheGatewayReceivesTheRtspRequestHeadByHead)
+{
+    sink.recording = "0123456789";
+    RawHttpClient client(port);
+    std::string headers = digestHeader("admin") + "X-Forwarded-For: 192.0.2.7\r\n";
+    RawResponse response =
+        client.exchange(RawHttpClient::request("POST", jsonDownloadTarget(), jsonDownloadBody("&name=a"), headers));
+    ASSERT_EQ(response.status, 200);
+
+    std::vector<SeenRequest> seen = filter.seen();
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].method, "POST");
+    EXPECT_EQ(seen[0].url, "rtsp://10.0.0.5:554/Streaming/download?devIndex=" + std::string(kDevIndex) +
+                               "&starttime=20260101T000000Z&endtime=20260101T010000Z&name=a"
+                               "&clientIP=192.0.2.7&username=admi");
+    EXPECT_EQ(seen[0].name, "RTSP");
+    EXPECT_EQ(seen[0].version, "1.0");
+    EXPECT_TRUE(seen[0].needAuth);
+    std::string authorization = digestHeader("admin");
+    authorization = authorization.substr(strlen("Authorization: "), authorization.size() - strlen("Authorization: ") - 2);
+    std::vector<std::pair<std::string, std::string>> heads = {
+        {"CSeq", "1"}, {"Accept", "application/sdp"}, {"Download", "0"},
+        {"Authorization", authorization}, {"User-Agent", "httpClient"}};
+    EXPECT_EQ(seen[0].heads, heads);
+    EXPECT_TRUE(waitIdle());
+}
+
+TEST_F(Download, JsonFormWithANameStreamsWithContentLength)
+{
+    for (size_t size : {size_t(0), size_t(1), size_t(65536), size_t(3 * 65536 + 17)}) {
+        sink.recording = recordingOf(size);
+        RawResponse response = jsonDownload("&name=rec&size=" + std::to_string(size));
+        ASSERT_TRUE(response.complete) << size;
+        EXPECT_EQ(response.status, 200);
+        EXPECT_EQ(response.headers["content-type"], "application/binary");
+        EXPECT_EQ(response.headers["content-length"], std::to_string(size + 40));
+        EXPECT_EQ(response.headers.count("transfer-encoding"), 0u);
+        EXPECT_TRUE(response.body == sink.streamHead + sink.recording) << "size " << size;
+        EXPECT_TRUE(waitIdle());
+    }
+    EXPECT_EQ(sink.opened(), 4);
+}
+
+TEST_F(Download, JsonFormWithoutNameOrSizeStreamsChunked)
+{
+    sink.blockSize = 300;
+    sink.recording = recordingOf(1000);
+    RawResponse response = jsonDownload("");
+    ASSERT_EQ(response.status, 200);
+    EXPECT_EQ(response.headers["content-type"], "application/octet-stream");
+    EXPECT_EQ(response.headers["transfer-encoding"], "chunked");
+    EXPECT_EQ(response.headers.count("content-length"), 0u);
+    // One chunk per delivered block, upper-case hexadecimal sizes, one terminator.
+    std::string expected = "28\r\n" + sink.streamHead + "\r\n";
+    for (size_t offset = 0; offset < 1000; offset += 300) {
+        size_t piece = std::min<size_t>(300, 1000 - offset);
+        expected += (piece == 300 ? "12C" : "64") + std::string("\r\n") + sink.recording.substr(offset, piece) + "\r\n";
+    }
+    expected += "0\r\n\r\n";
+    EXPECT_TRUE(response.body == expected);
+    std::string plain;
+    EXPECT_TRUE(response.dechunk(plain));
+    EXPECT_TRUE(waitIdle());
+}
+
+TEST_F(Download, XmlFormRewritesTheUriAndAlwaysAnnouncesTheLength)
+{
+    sink.recording = recordingOf(5000);
+    RawHttpClient client(port);
+    std::string body = xmlDownloadBody("rtsp://10.0.0.5:554/Streaming/tracks/playback/camera/1-2/?starttime=1&amp;endtime=2");
+    RawResponse response =
+        client.exchange(RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", body, digestHeader()));
+    ASSERT_EQ(response.status, 200);
+    EXPECT_EQ(response.headers["content-length"], "5040");
+    EXPECT_TRUE(response.body == sink.streamHead + sink.recording);
+    ASSERT_EQ(filter.seen().size(), 1u);
+    EXPECT_EQ(filter.seen()[0].method, "GET");
+    EXPECT_EQ(filter.seen()[0].url,
+              "rtsp://10.0.0.5:554/Streaming/tracks/download/device/1-2/?starttime=1&endtime=2&clientIP=&username=admi");
+
+    // Without a device identifier the RTSP port becomes a parameter.
+    body = xmlDownloadBody("rtsp://10.0.0.5:554/a?b=1");
+    response = client.exchange(RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", body, digestHeader()));
+    ASSERT_EQ(response.status, 200);
+    EXPECT_EQ(filter.seen()[1].url, "rtsp://10.0.0.5:554/a?b=1&indexType=rtspPort&rtspPort=554&clientIP=&username=admi");
+    EXPECT_TRUE(waitIdle());
+}
+
+TEST_F(Download, XmlFormFailuresMixJsonAndXmlAnswers)
+{
+    RawHttpClient client(port);
+    RawResponse noBody = client.exchange(RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", "", digestHeader()));
+    EXPECT_EQ(noBody.status, 400);
+    EXPECT_EQ(noBody.headers["content-type"], "application/json");
+    RawResponse badXml =
+        client.exchange(RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", "<a><b></a>", digestHeader()));
+    EXPECT_EQ(badXml.status, 400);
+    EXPECT_EQ(badXml.headers["content-type"], "application/json");
+    RawResponse noUri = client.exchange(
+        RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", "<downloadRequest/>", digestHeader()));
+    EXPECT_EQ(noUri.status, 400);
+    EXPECT_EQ(noUri.headers["content-type"], "application/xml");
+    EXPECT_NE(noUri.body.find("<subStatusCode>badParameters</subStatusCode>"), std::string::npos);
+    RawResponse noPort = client.exchange(RawHttpClient::request(
+        "GET", "/QUMEX/ContentMgmt/download", xmlDownloadBody("http//nothing"), digestHeader()));
+    EXPECT_EQ(noPort.status, 400);
+    EXPECT_EQ(noPort.headers["content-type"], "application/xml");
+    EXPECT_TRUE(waitIdle());
+}
+
+TEST_F(Download, GatewayRefusalsReachTheClient)
+{
+    // The gateway refuses the credentials: status index 10 means 401.
+    filter.result = 0x40000003;
+    filter.statusOnRefusal = 10;
+    RawResponse json = jsonDownload("&name=a");
+    EXPECT_EQ(json.status, 401);
+    EXPECT_NE(json.body.find("\"subStatusCode\":\"badAuthorization\""), std::string::npos);
+
+    RawHttpClient client(port);
+    RawResponse xml = client.exchange(RawHttpClient::request(
+        "GET", "/QUMEX/ContentMgmt/download", xmlDownloadBody("rtsp://10.0.0.5:554/a"), digestHeader()));
+    EXPECT_EQ(xml.status, 401);  // a bare head with the mapped status
+    EXPECT_TRUE(xml.body.empty());
+
+    // The sink cannot open the stream: 500.
+    filter.result = 0;
+    sink.openResult = 0x30000001;
+    RawResponse failed = jsonDownload("&name=a");
+    EXPECT_EQ(failed.status, 500);
+    EXPECT_NE(failed.body.find("\"subStatusCode\":\"deviceError\""), std::string::npos);
+    EXPECT_EQ(sink.opened(), 0);
+    EXPECT_TRUE(waitIdle());
+}
+
+TEST_F(Download, TheFourHundredAndFirstDownloadIsRefused)
+{
+    CHttpSessionMgr* sessions = singleton<CHttpSessionMgr>::instance();
+    for (int i = 0; i < 400; ++i) {
+        sessions->increaseDownloadNum();
+    }
+    RawResponse response = jsonDownload("&name=a");
+    EXPECT_EQ(response.status, 403);
+    EXPECT_NE(response.body.find("\"subStatusCode\":\"reachDownloadLimit\""), std::string::npos);
+    EXPECT_EQ(sink.opened(), 0);
+    for (int i = 0; i < 400; ++i) {
+        sessions->decreaseDownloadNum();
+    }
+    EXPECT_TRUE(waitIdle());
+}
+
+TEST_F(Download, AClientThatHangsUpMidDownloadReleasesEverything)
+{
+    sink.syntheticSize = 512ull * 1024 * 1024;  // far more than the socket buffers hold
+    RawHttpClient client(port);
+    ASSERT_TRUE(client.connect());
+    ASSERT_TRUE(client.sendAll(
+        RawHttpClient::request("POST", jsonDownloadTarget(), jsonDownloadBody("&name=big"), digestHeader())));
+    std::string first = client.readSome(1 << 20);
+    EXPECT_EQ(first.compare(0, 15, "HTTP/1.1 200 OK"), 0);
+    EXPECT_EQ(singleton<CHttpSessionMgr>::instance()->getDownloadNum(), 1);
+    client.close();
+    EXPECT_TRUE(waitIdle()) << "stream, session or download count outlived the client";
+    EXPECT_EQ(sink.closed(), 1);
+}
+
+TEST_F(Download, ASlowReaderStillGetsEveryByte)
+{
+    sink.recording = recordingOf(8 * 1024 * 1024);
+    RawHttpClient client(port);
+    ASSERT_TRUE(client.connect());
+    ASSERT_TRUE(client.sendAll(
+        RawHttpClient::request("POST", jsonDownloadTarget(), jsonDownloadBody("&name=slow"), digestHeader())));
+    std::string raw;
+    for (int i = 0; i < 40; ++i) {  // dawdle at first, then read the rest
+        raw += client.readSome(16 * 1024, 2000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    RawResponse rest = client.readResponse(20000);
+    RawResponse response = RawHttpClient::parse(raw + rest.raw, rest.complete);
+    ASSERT_EQ(response.status, 200);
+    EXPECT_TRUE(response.body == sink.streamHead + sink.recording);
+    EXPECT_TRUE(waitIdle());
+}

@@ -1,0 +1,89 @@
+// The lazy filling of the REST tables, observed in a fresh process: the
+// threadsafe death-test style re-executes this binary for the statement, so
+// the tables start unfilled there whatever other tests did before.
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "errors/RestErrorTable.h"
+
+using namespace HttpWrapper;
+
+namespace {
+
+[[noreturn]] void fail(const char* why)
+{
+    fprintf(stderr, "%s\n", why);
+    exit(1);
+}
+
+bool lookUpRepeatedly()
+{
+    for (int i = 0; i < 200; ++i) {
+        Json::Value status;
+        ZRT_UINT32 httpStatus = 0;
+        std::string desc;
+        if (getResponseStatusByErrorNo(0x40000003, status, httpStatus) != 1 || httpStatus != 403 ||
+            status["errorMsg"].asString() != "Authentication failed." || getDescByErrorNo(desc, 0x4000102D) != 1 ||
+            desc != "getAddedNodeInformationFailed") {
+            return false;
+        }
+    }
+    return true;
+}
+
+void firstLookupsFromManyThreads()
+{
+    if (g_bInitErrCode.load()) {
+        fail("tables filled before the first lookup");
+    }
+    const int kThreads = 8;
+    std::atomic<int> started(0), finished(0), wrong(0);
+    std::vector<std::thread> threads;
+    bool answeredBeforeFill = false;
+    {
+        // Holding the fill lock lines every thread up on the unfilled tables,
+        // so that they all race for the fill when it is released.
+        ZRT_Guard holdFill(g_mutex);
+        for (int t = 0; t < kThreads; ++t) {
+            threads.emplace_back([&] {
+                ++started;
+                wrong += lookUpRepeatedly() ? 0 : 1;
+                ++finished;
+            });
+        }
+        while (started.load() < kThreads) {
+            std::this_thread::yield();
+        }
+        ZRT_Sleep(50);
+        answeredBeforeFill = finished.load() != 0;
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    if (answeredBeforeFill || wrong.load() != 0) {
+        fail("a first lookup did not wait for the fill or saw wrong tables");
+    }
+    // Filled once per process: a later lookup would betray a second fill by
+    // restoring this entry.
+    g_aRestErrMap7[0x70000001].SetParam("marker", "marker");
+    std::string desc;
+    if (getDescByErrorNo(desc, 0x70000001) != 1 || desc != "marker") {
+        fail("the tables were filled a second time");
+    }
+    exit(0);
+}
+
+}  // namespace
+
+TEST(RestErrorTableFill, ConcurrentFirstLookupsFillOnce)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(firstLookupsFromManyThreads(), ::testing::ExitedWithCode(0), "");
+}

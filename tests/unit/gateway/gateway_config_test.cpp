@@ -1,0 +1,96 @@
+// Configuration checks: every refusal names the field, so a user can fix it.
+#include <gtest/gtest.h>
+
+#include "CommandLine.h"
+#include "ConfigFile.h"
+
+namespace {
+
+// The error for a document given as JSON text, or "" when it was accepted.
+std::string refusalOf(const std::string& json)
+{
+    Json::Value root;
+    Json::Reader().parse(json, root);
+    GatewayConfig config;
+    std::string error;
+    return parseGatewayConfig(root, config, error) ? std::string() : error;
+}
+
+}  // namespace
+
+TEST(GatewayConfigFile, NoDocumentGivesTheDocumentedDefaults)
+{
+    GatewayConfig config;
+    std::string error;
+    ASSERT_TRUE(parseGatewayConfig(Json::Value(), config, error));
+    EXPECT_EQ(config.httpPort, 8080);
+    ASSERT_EQ(config.users.size(), 1u);
+    EXPECT_EQ(config.users[0].name, "admin");
+    EXPECT_EQ(config.users[0].password, kDefaultPassword);
+    ASSERT_EQ(config.devices.size(), 1u);
+    EXPECT_EQ(config.devices[0].devIndex.size(), 36u);
+    EXPECT_EQ(buildServerUrl(config), "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000");
+    config.audioTalkPort = 8081;
+    EXPECT_EQ(buildServerUrl(config),
+              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081");
+}
+
+TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
+{
+    const std::string device = R"({"devIndex":"8c5b1a2e-0f4d-4e7a-9b3c-6d2e1f0a7b41")";
+    const struct {
+        std::string json;
+        std::string expectedPrefix;
+    } cases[] = {
+        {R"({"server":{"htpPort":1}})", "server.htpPort: unknown field"},
+        {R"({"verbose":true})", "verbose: unknown field"},
+        {R"({"server":{"httpPort":70000}})", "server.httpPort: must be an integer"},
+        {R"({"server":{"httpPort":"8080"}})", "server.httpPort: must be an integer"},
+        {R"({"server":{"httpPort":9000,"audioTalkPort":9000}})", "server.audioTalkPort:"},
+        {R"({"auth":{"users":[]}})", "auth.users: must be a non-empty array"},
+        {R"({"auth":{"users":[{"name":"a:b","password":"x"}]}})", "auth.users[0].name:"},
+        {R"({"auth":{"users":[{"name":"a","password":"x"},{"name":"a","password":"y"}]}})", "auth.users[1].name:"},
+        {R"({"auth":{"realm":"say \"hi\""}})", "auth.realm:"},
+        {R"({"media":{"devices":[{"devIndex":"short"}]}})", "media.devices[0].devIndex:"},
+        {R"({"media":{"devices":[)" + device + R"(,"folder":"../etc"}]}})", "media.devices[0].folder:"},
+        {R"({"media":{"devices":[)" + device + "}," + device + R"(,"folder":"b"}]}})",
+         "media.devices[1].devIndex:"},
+        {R"({"media":{"blockSize":10}})", "media.blockSize:"},
+        {R"({"log":{"level":"loud"}})", "log.level:"},
+        {R"([1,2])", "(document): must be a JSON object"},
+    };
+    for (const auto& c : cases) {
+        const std::string error = refusalOf(c.json);
+        EXPECT_EQ(error.compare(0, c.expectedPrefix.size(), c.expectedPrefix), 0) << c.json << " gave: " << error;
+    }
+}
+
+TEST(GatewayCommandLine, OverridesLandInTheFieldsTheyNameAndAreCheckedThere)
+{
+    const char* argv[] = {"media-gateway", "--port", "9090", "--media", "/tmp/m", "--log-level", "debug"};
+    CommandLine commandLine;
+    std::string error;
+    ASSERT_TRUE(parseCommandLine(7, const_cast<char**>(argv), commandLine, error)) << error;
+    Json::Value root;
+    Json::Reader().parse(R"({"server":{"work_thread":3},"media":{"blockSize":4096}})", root);
+    applyOverrides(root, commandLine.overrides);
+    GatewayConfig config;
+    ASSERT_TRUE(parseGatewayConfig(root, config, error)) << error;
+    EXPECT_EQ(config.httpPort, 9090);
+    EXPECT_EQ(config.workThreads, 3);
+    EXPECT_EQ(config.mediaFolder, "/tmp/m");
+    EXPECT_EQ(config.blockSize, 4096);
+    EXPECT_EQ(config.logLevel, 2);
+
+    const char* badPort[] = {"media-gateway", "--port", "eighty"};
+    ASSERT_TRUE(parseCommandLine(3, const_cast<char**>(badPort), commandLine, error));
+    Json::Value fromPort;
+    applyOverrides(fromPort, commandLine.overrides);
+    EXPECT_FALSE(parseGatewayConfig(fromPort, config, error));
+    EXPECT_EQ(error.compare(0, 16, "server.httpPort:"), 0) << error;
+
+    const char* unknown[] = {"media-gateway", "--prot", "1"};
+    EXPECT_FALSE(parseCommandLine(3, const_cast<char**>(unknown), commandLine, error));
+    const char* missing[] = {"media-gateway", "--config"};
+    EXPECT_FALSE(parseCommandLine(2, const_cast<char**>(missing), commandLine, error));
+}

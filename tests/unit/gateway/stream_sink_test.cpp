@@ -1,0 +1,160 @@
+// The server sink's delivery against a fake plug-in server that records every
+// Send: the order and bytes of a download, and that nothing is sent once the
+// plug-in has closed the stream.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "DownloadResolver.h"
+#include "StatusBoard.h"
+#include "StreamBlocks.h"
+#include "StreamSink.h"
+#include "media_fixture.h"
+
+namespace {
+
+const std::string kCamera = "0a1b2c3d-0000-4000-8000-00000000c0de";
+
+class RecordingServer : public PROTOCOL_WRAPPER::IServer {
+public:
+    int Start() override { return 0; }
+    int Stop() override { return 0; }
+    int SendMSG(PROTOCOL_WRAPPER::IServerData*, int, void*, int) override { return 0; }
+    int Send(PROTOCOL_WRAPPER::IServerData* data, int index, int dataType, void* buffer, int length) override
+    {
+        std::this_thread::sleep_for(delayPerSend);
+        std::lock_guard<std::mutex> guard(lock);
+        types.push_back(dataType);
+        if (dataType == PROTOCOL_WRAPPER::STREAM_INFO) {
+            info.assign(static_cast<char*>(buffer), length);
+        } else if (dataType != PROTOCOL_WRAPPER::STREAM_END) {
+            body.append(static_cast<char*>(buffer), length);
+        }
+        sendsAfterClose += closed ? 1 : 0;
+        return 0;
+    }
+    std::vector<int> sentTypes()
+    {
+        std::lock_guard<std::mutex> guard(lock);
+        return types;
+    }
+
+    std::mutex lock;
+    std::vector<int> types;
+    std::string info, body;
+    std::atomic<bool> closed{false};
+    int sendsAfterClose = 0;
+    std::chrono::milliseconds delayPerSend{0};
+};
+
+class SessionData : public PROTOCOL_WRAPPER::IServerData {};
+
+class StreamSinkTest : public MediaFixture {
+protected:
+    void SetUp() override
+    {
+        MediaFixture::SetUp();
+        content.resize(10000);
+        for (size_t i = 0; i < content.size(); ++i) {
+            content[i] = static_cast<char>(i * 7);
+        }
+        addDevice(device(kCamera, 554),
+                  R"({"recordings":[{"name":"r.bin","starttime":"20260101T000000Z","endtime":"20260101T010000Z"}]})",
+                  {{"r.bin", content}});
+        std::string error;
+        ASSERT_TRUE(library.load(folder, devices, log, error)) << error;
+        mediaUrl = makeMediaUrl(library.devices()[0], library.devices()[0].recordings[0]);
+    }
+
+    void* openAndStart(StreamSink& sink)
+    {
+        void* handle = nullptr;
+        EXPECT_EQ(sink.OnOpen("rtsp://h/download", mediaUrl.c_str(), &session, &handle), 0);
+        EXPECT_EQ(sink.pushStream(handle), 0);
+        EXPECT_EQ(sink.OnStart(handle, 0), 0);
+        return handle;
+    }
+
+    bool waitForSends(RecordingServer& server, size_t count)
+    {
+        for (int i = 0; i < 500 && server.sentTypes().size() < count; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return server.sentTypes().size() >= count;
+    }
+
+    std::string content;
+    std::string mediaUrl;
+    MediaLibrary library;
+    SessionData session;
+    StatusBoard status{"", log};
+};
+
+}  // namespace
+
+TEST_F(StreamSinkTest, DeliversInfoHeadBlocksAndEndWithTheFileBytes)
+{
+    RecordingServer server;
+    StreamSink sink(library, 4096, status, log);
+    sink.attachServer(&server);
+    void* handle = openAndStart(sink);
+    // 10000 bytes in 4096-byte blocks: info, head, three blocks, end.
+    ASSERT_TRUE(waitForSends(server, 6));
+    EXPECT_EQ(server.sentTypes(), (std::vector<int>{10, 1, 2, 2, 2, 100}));
+    ASSERT_EQ(server.info.size(), kStreamInfoSize);
+    uint32_t high = 1, low = 0;
+    memcpy(&high, server.info.data() + 1612, 4);
+    memcpy(&low, server.info.data() + 1616, 4);
+    EXPECT_EQ(high, 0u);
+    EXPECT_EQ(low, content.size());
+    ASSERT_EQ(server.body.size(), kStreamHeadSize + content.size());
+    EXPECT_EQ(server.body.compare(0, 4, "MGRH"), 0);
+    EXPECT_EQ(server.body.substr(kStreamHeadSize), content);
+
+    EXPECT_EQ(sink.OnStop(handle, 0), 0);
+    EXPECT_EQ(sink.OnClose(handle), 0);
+    GatewayStatus counts = status.snapshot();
+    EXPECT_EQ(counts.openStreams, 0);
+    EXPECT_EQ(counts.opened, 1u);
+    EXPECT_EQ(counts.closed, 1u);
+}
+
+TEST_F(StreamSinkTest, NoSendAfterOnCloseReturnsMidStream)
+{
+    RecordingServer server;
+    server.delayPerSend = std::chrono::milliseconds(5);
+    StreamSink sink(library, 1024, status, log);
+    void* handle = openAndStart(sink);
+    sink.attachServer(&server);  // late, as when a request beats CreateServer's return
+    ASSERT_TRUE(waitForSends(server, 3));
+    EXPECT_EQ(sink.OnStop(handle, 0), 0);
+    EXPECT_EQ(sink.OnClose(handle), 0);
+    server.closed = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(server.sendsAfterClose, 0);
+    EXPECT_LT(server.sentTypes().size(), 12u) << "delivery ended early";
+    EXPECT_EQ(sink.openStreamCount(), 0);
+}
+
+TEST_F(StreamSinkTest, RefusesUnknownHandlesAndMediaWithoutCrashing)
+{
+    StreamSink sink(library, 1024, status, log);
+    int unknown = 0;
+    void* handle = nullptr;
+    EXPECT_NE(sink.OnOpen("f", "recording://nope/r.bin", &session, &handle), 0);
+    EXPECT_NE(sink.OnOpen("f", mediaUrl.c_str(), nullptr, &handle), 0);
+    EXPECT_NE(sink.pushStream(&unknown), 0);
+    EXPECT_NE(sink.OnStart(&unknown, 0), 0);
+    EXPECT_NE(sink.OnStop(&unknown, 0), 0);
+    EXPECT_NE(sink.OnClose(&unknown), 0);
+    EXPECT_EQ(status.snapshot().opened, 0u);
+
+    ASSERT_EQ(sink.OnOpen("f", mediaUrl.c_str(), &session, &handle), 0);
+    EXPECT_NE(sink.OnStart(handle, 0), 0) << "a stream starts only after pushStream";
+    EXPECT_EQ(sink.OnClose(handle), 0);
+}

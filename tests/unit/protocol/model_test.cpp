@@ -1,0 +1,176 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "protocol/ProtocolFilter.h"
+
+using namespace HttpWrapper;
+using PROTOCOL_FILTER::IProtocolAttr;
+using PROTOCOL_FILTER::IProtocolHead;
+
+namespace {
+
+std::vector<std::string> AttrNames(IProtocolHead& head)
+{
+    std::vector<std::string> names;
+    for (IProtocolAttr* attr = head.GetFirstAttr(); attr != nullptr; attr = head.GetNextAttr()) {
+        names.push_back(attr->GetAttrName());
+    }
+    return names;
+}
+
+}  // namespace
+
+TEST(AttrValues, NumbersAndRanges)
+{
+    CProtocolAttr attr("a", "10-20");
+    int min = -1;
+    int max = -1;
+    attr.GetAttrIntRange(&min, &max);
+    EXPECT_EQ(min, 10);
+    EXPECT_EQ(max, 20);
+
+    min = max = -1;
+    attr.SetAttrValue("10");
+    attr.GetAttrIntRange(&min, &max);  // not a range: untouched
+    EXPECT_EQ(min, -1);
+    EXPECT_EQ(max, -1);
+
+    attr.SetAttrValue("-5-7");  // cut at the first "-" only
+    attr.GetAttrIntRange(&min, &max);
+    EXPECT_EQ(min, 0);
+    EXPECT_EQ(max, 5);
+    attr.SetAttrValue("1-2-3");
+    attr.GetAttrIntRange(&min, &max);
+    EXPECT_EQ(min, 1);
+    EXPECT_EQ(max, 2);
+
+    double low = 0;
+    double high = 0;
+    attr.SetAttrFloatRange(0.5, 1.25);
+    EXPECT_STREQ(attr.GetAttrValue(), "0.500000-1.250000");
+    attr.GetAttrFloatRange(&low, &high);
+    EXPECT_DOUBLE_EQ(low, 0.5);
+    EXPECT_DOUBLE_EQ(high, 1.25);
+
+    attr.SetAttrFloatValue(2.5);
+    EXPECT_STREQ(attr.GetAttrValue(), "2.500000");
+    attr.SetAttrIntRange(1, 3);
+    EXPECT_STREQ(attr.GetAttrValue(), "1-3");
+    attr.SetAttrValue("12abc");
+    EXPECT_EQ(attr.GetAttrIntValue(), 12);
+    attr.SetAttrValue("abc");
+    EXPECT_EQ(attr.GetAttrIntValue(), 0);
+    attr.SetAttrFloatValue(1e300);  // cut to the 64-byte buffer
+    EXPECT_EQ(std::string(attr.GetAttrValue()).size(), 63u);
+
+    CProtocolHead head("X", "");
+    EXPECT_FALSE(head.HasHeadValue());
+    head.SetHeadIntValue(-7);
+    EXPECT_STREQ(head.GetHeadValue(), "-7");
+    EXPECT_TRUE(head.HasHeadValue());
+    head.SetHeadFloatValue(1.5);
+    EXPECT_DOUBLE_EQ(head.GetHeadFloatValue(), 1.5);
+}
+
+TEST(AttrList, DuplicatesAndIndexErasure)
+{
+    CProtocolHead head("Transport", "");
+    IProtocolAttr* first = head.InsertAttrLast("a", "1");
+    IProtocolAttr* second = head.InsertAttrLast("a", "2");
+    EXPECT_EQ(AttrNames(head), (std::vector<std::string>{"a", "a"}));
+    EXPECT_EQ(head.GetAttrByName("a"), second);
+
+    // Removing the older duplicate also hides the newer one from lookups.
+    head.DeleteAttr(first);
+    EXPECT_EQ(head.GetAttrByName("a"), nullptr);
+    EXPECT_EQ(head.GetFirstAttr(), second);
+    EXPECT_EQ(head.GetNextAttr(), nullptr);
+
+    // Names are case-sensitive.
+    head.InsertAttrLast("B", "x");
+    EXPECT_EQ(head.GetAttrByName("b"), nullptr);
+    EXPECT_NE(head.GetAttrByName("B"), nullptr);
+    EXPECT_EQ(head.GetAttrByName(nullptr), nullptr);
+
+    // A renamed attribute leaves no index entry behind when it goes.
+    IProtocolAttr* renamed = head.InsertAttrLast("old", "");
+    renamed->SetAttrName("new");
+    EXPECT_EQ(head.GetAttrByName("old"), renamed);
+    head.DeleteAttr(renamed);
+    EXPECT_EQ(head.GetAttrByName("old"), nullptr);
+}
+
+TEST(AttrList, PositionalInsertAndDelete)
+{
+    CProtocolHead head("H", "");
+    EXPECT_EQ(head.GetNextAttr(), nullptr);  // the cursor starts at the end
+    EXPECT_EQ(head.GetFirstAttr(), nullptr);
+    head.DeleteAttrFirst();
+    head.DeleteAttrLast();
+
+    IProtocolAttr* b = head.InsertAttrLast("b", "");
+    head.InsertAttrFirst("a", "");
+    IProtocolAttr* d = head.InsertAttrAfter("d", "", b);
+    head.InsertAttrBefore("c", "", d);
+    head.InsertAttrLast("e", "");
+    EXPECT_EQ(AttrNames(head), (std::vector<std::string>{"a", "b", "c", "d", "e"}));
+
+    CProtocolHead other("O", "");
+    IProtocolAttr* foreign = other.InsertAttrLast("f", "");
+    EXPECT_EQ(head.InsertAttrAfter("x", "", foreign), nullptr);
+    EXPECT_EQ(head.InsertAttrBefore("x", "", nullptr), nullptr);
+    head.DeleteAttrAfter(foreign);
+    EXPECT_EQ(head.GetAttrByName("x"), nullptr);
+
+    IProtocolAttr* first = head.GetFirstAttr();
+    head.DeleteAttrBefore(first);  // nothing before the first
+    IProtocolAttr* last = head.GetAttrByName("e");
+    head.DeleteAttrAfter(last);  // nothing after the last
+    EXPECT_EQ(AttrNames(head).size(), 5u);
+
+    head.DeleteAttrAfter(b);   // c
+    head.DeleteAttrBefore(b);  // a
+    head.DeleteAttrFirst();    // b
+    head.DeleteAttrLast();     // e
+    EXPECT_EQ(AttrNames(head), (std::vector<std::string>{"d"}));
+    EXPECT_EQ(head.GetAttrByName("c"), nullptr);
+    EXPECT_EQ(head.GetAttrByName("d"), d);
+}
+
+TEST(AttrList, RemovingTheCursorElementEndsIteration)
+{
+    CProtocolHead head("H", "");
+    head.InsertAttrLast("a", "");
+    head.InsertAttrLast("b", "");
+    IProtocolAttr* current = head.GetFirstAttr();
+    head.DeleteAttr(current);
+    EXPECT_EQ(head.GetNextAttr(), nullptr);
+    ASSERT_NE(head.GetFirstAttr(), nullptr);
+    EXPECT_STREQ(head.GetFirstAttr()->GetAttrName(), "b");
+}
+
+TEST(Body, OwnsATerminatedCopy)
+{
+    CProtocolBody body;
+    char* content = reinterpret_cast<char*>(1);
+    EXPECT_EQ(body.GetBodyContent(&content), 0);
+    EXPECT_EQ(content, nullptr);
+    EXPECT_EQ(body.GetBodyType(), 0);
+
+    body.SetBodyContent("", 0);
+    EXPECT_EQ(body.GetBodyContent(&content), 0);
+    ASSERT_NE(content, nullptr);
+    EXPECT_STREQ(content, "");
+
+    std::string data("a\0b", 3);
+    body.SetBodyContent(data.data(), 3);
+    data[0] = 'z';
+    ASSERT_EQ(body.GetBodyContent(&content), 3);
+    EXPECT_EQ(std::string(content, 4), std::string("a\0b\0", 4));
+
+    body.SetBodyContent(nullptr, 5);
+    EXPECT_EQ(body.GetBodyContent(&content), 0);
+    EXPECT_EQ(content, nullptr);
+}

@@ -1,0 +1,220 @@
+// The step that joins an HTTP request to the gateway (RTSP conversion, filter
+// chain, sink), the status mapping and the XML error reply of the session base.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string.h>
+
+#include "FakeNetServer.h"
+#include "LogCapture.h"
+#include "TestSession.h"
+#include "session/HttpSessionMgr.h"
+
+using namespace HttpWrapper;
+using ::testing::_;
+using ::testing::DoAll;
+using ::testing::Invoke;
+using ::testing::InSequence;
+using ::testing::Return;
+using ::testing::SetArgPointee;
+
+namespace {
+
+class MockFilter : public PROTOCOL_FILTER::IProtocolFilter {
+public:
+    MOCK_METHOD(int, Request, (PROTOCOL_FILTER::IProtocolRequest*, int, PROTOCOL_FILTER::IConnectContext*), (override));
+    MOCK_METHOD(int, Response, (PROTOCOL_FILTER::IProtocolResponse*, int, PROTOCOL_FILTER::IConnectContext*),
+                (override));
+};
+
+class MockSink : public PROTOCOL_WRAPPER::IServerSink {
+public:
+    MOCK_METHOD(int, OnOpen, (const char*, const char*, PROTOCOL_WRAPPER::IServerData*, void**), (override));
+    MOCK_METHOD(int, OnClose, (void*), (override));
+    MOCK_METHOD(int, pushStream, (void*), (override));
+    MOCK_METHOD(int, OnStart, (void*, int), (override));
+    MOCK_METHOD(int, OnStop, (void*, int), (override));
+    MOCK_METHOD(int, OnInputData, (void*, int, int, void*, int), (override));
+};
+
+void* const kStream = reinterpret_cast<void*>(0x5EED);
+
+class SessionBase : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        FakeNetServer::instance().reset();
+        session.reset(new TestSession(&filter, &sink));
+        session->m_strMethod = "POST";
+        session->m_strPlaybackURI = "rtsp://10.0.0.5:554/download?devIndex=x";
+        session->m_strAuthorization = " Digest username=\"admin\", realm=\"r\"";
+    }
+
+    std::string convertedUrl()
+    {
+        return session->getRequest().GetProtocolRequestLine()->GetProtocolURL();
+    }
+
+    MockFilter filter;
+    MockSink sink;
+    std::unique_ptr<TestSession> session;
+};
+
+}  // namespace
+
+TEST(RtspStatus, SmallStatusValuesIndexTheRtspTable)
+{
+    TestSession session(nullptr, nullptr);
+    struct {
+        int status;
+        int code;
+    } cases[] = {{0, 100}, {10, 401}, {36, 500}, {42, 551}, {43, -1}, {50, -1}, {99, -1}, {404, 404}, {-5, -5}, {100, 100}};
+    for (auto c : cases) {
+        session.SetStatusCode(c.status);
+        EXPECT_EQ(session.getStatusCodeRtspInt(), c.code) << c.status;
+    }
+}
+
+TEST(ConnectContext, TheFilterChainSetsEverythingButTheServerAddress)
+{
+    TestSession session(nullptr, nullptr);
+    PROTOCOL_FILTER::IConnectContext* context = &session;
+    context->SetFilterURL("f");
+    context->SetMediaURL("m");
+    context->SetServerIP("10.0.0.1");
+    context->SetErrorDescribe("d");
+    context->SetErrorRsp("r");
+    context->SetErrorCode(7);
+    EXPECT_STREQ(context->GetFilterURL(), "f");
+    EXPECT_STREQ(context->GetMediaURL(), "m");
+    EXPECT_STREQ(context->GetServerIP(), "");  // stored nowhere on purpose
+    EXPECT_STREQ(context->GetErrorDescribe(), "d");
+    EXPECT_STREQ(context->GetErrorRsp(), "r");
+    EXPECT_EQ(context->GetErrorCode(), 7);
+}
+
+TEST_F(SessionBase, SuccessfulConversionOpensPushesAndStartsTheStream)
+{
+    {
+        InSequence order;
+        EXPECT_CALL(filter, Request(_, 0, session.get()))
+            .WillOnce(Invoke([](PROTOCOL_FILTER::IProtocolRequest* request, int, PROTOCOL_FILTER::IConnectContext* context) {
+                EXPECT_TRUE(request->bNeedAuth());
+                context->SetFilterURL("filter://x");
+                context->SetMediaURL("media://y");
+                return 0;
+            }));
+        EXPECT_CALL(sink, OnOpen(::testing::StrEq("filter://x"), ::testing::StrEq("media://y"), _, _))
+            .WillOnce(DoAll(SetArgPointee<3>(kStream), Return(0)));
+        EXPECT_CALL(sink, pushStream(kStream)).WillOnce(Return(0));
+        EXPECT_CALL(sink, OnStart(kStream, 0)).WillOnce(Return(0));
+    }
+    EXPECT_EQ(session->convertToRtspProcess(true), 0);
+    EXPECT_EQ(session->m_pSessionHandle, kStream);
+    // The name loses its last character, on purpose; the client address is
+    // appended even when empty.
+    EXPECT_EQ(convertedUrl(), "rtsp://10.0.0.5:554/download?devIndex=x&clientIP=&username=admi");
+}
+
+TEST_F(SessionBase, LongOrUnterminatedUserNamesAreNotForwarded)
+{
+    EXPECT_CALL(filter, Request(_, _, _)).WillRepeatedly(Return(1));
+    session->m_strAuthorization = "Digest username=\"" + std::string(65, 'u') + "\"";
+    session->convertToRtspProcess(true);
+    EXPECT_EQ(convertedUrl(), "rtsp://10.0.0.5:554/download?devIndex=x&clientIP=");
+
+    session.reset(new TestSession(&filter, &sink));
+    session->m_strMethod = "GET";
+    session->m_strPlaybackURI = "rtsp://a/b";
+    session->m_strAuthorization = "Digest username=\"" + std::string(64, 'u');
+    session->convertToRtspProcess(false);
+    EXPECT_EQ(convertedUrl(), "rtsp://a/b&clientIP=");
+    EXPECT_FALSE(session->getRequest().bNeedAuth());
+}
+
+TEST_F(SessionBase, FilterRefusalKeepsItsCodeAndMapsTheStatus)
+{
+    EXPECT_CALL(filter, Request(_, _, _))
+        .WillOnce(Invoke([](PROTOCOL_FILTER::IProtocolRequest*, int, PROTOCOL_FILTER::IConnectContext* context) {
+            context->SetStatusCode(10);
+            return 0x40000003;
+        }));
+    EXPECT_CALL(sink, OnOpen(_, _, _, _)).Times(0);
+    EXPECT_EQ(session->convertToRtspProcess(true), 0x40000003);
+    EXPECT_EQ(session->GetErrorCode(), 0x40000003);
+    EXPECT_EQ(session->GetStatusCode(), 401);
+}
+
+TEST_F(SessionBase, MissingFilterChainOrSinkFailsWithItsOwnCode)
+{
+    TestSession noChain(nullptr, &sink);
+    noChain.m_strMethod = "GET";
+    noChain.m_strPlaybackURI = "rtsp://a/b";
+    noChain.SetStatusCode(13);
+    EXPECT_EQ(noChain.convertToRtspProcess(true), 0x19308C0);
+    EXPECT_EQ(noChain.GetStatusCode(), 404);  // the status as the table maps it
+
+    TestSession noSink(&filter, nullptr);
+    noSink.m_strMethod = "GET";
+    noSink.m_strPlaybackURI = "rtsp://a/b";
+    EXPECT_CALL(filter, Request(_, _, _)).WillOnce(Return(0));
+    EXPECT_EQ(noSink.convertToRtspProcess(true), 0x19308C0);
+    EXPECT_EQ(noSink.GetStatusCode(), 500);
+}
+
+TEST_F(SessionBase, SinkFailuresAnswerFiveHundred)
+{
+    EXPECT_CALL(filter, Request(_, _, _)).WillRepeatedly(Return(0));
+    EXPECT_CALL(sink, OnOpen(_, _, _, _)).WillOnce(Return(0x30000001));
+    EXPECT_EQ(session->convertToRtspProcess(true), 0x30000001);
+    EXPECT_EQ(session->GetStatusCode(), 500);
+
+    EXPECT_CALL(sink, OnOpen(_, _, _, _)).WillOnce(DoAll(SetArgPointee<3>(kStream), Return(0)));
+    EXPECT_CALL(sink, pushStream(kStream)).WillOnce(Return(0x20000004));
+    EXPECT_CALL(sink, OnStart(_, _)).Times(0);
+    EXPECT_EQ(session->convertToRtspProcess(true), 0x20000004);
+    EXPECT_EQ(session->GetErrorCode(), 0x20000004);
+    EXPECT_EQ(session->GetStatusCode(), 500);
+}
+
+TEST_F(SessionBase, TheDownloadLimitIsCheckedBeforeTheSink)
+{
+    CHttpSessionMgr* sessions = singleton<CHttpSessionMgr>::instance();
+    for (int i = 0; i < 400; ++i) {
+        sessions->increaseDownloadNum();
+    }
+    EXPECT_CALL(filter, Request(_, _, _)).WillOnce(Return(0));
+    EXPECT_CALL(sink, OnOpen(_, _, _, _)).Times(0);
+    EXPECT_EQ(session->convertToRtspProcess(true), 0x4000A009);
+    EXPECT_EQ(session->GetErrorCode(), 0x4000A009);
+    EXPECT_EQ(session->GetStatusCode(), 500);
+    for (int i = 0; i < 400; ++i) {
+        sessions->decreaseDownloadNum();
+    }
+}
+
+TEST_F(SessionBase, XmlErrorReplyHasTheDoubledStatusCodeAndOneBlankLine)
+{
+    NET_HTTPSERVER_REQUEST_PARAM& params = FakeNetServer::instance().params;
+    strcpy(params.szUrl, "/QUMEX/x?y=1");
+    TestSession initialised(nullptr, nullptr);
+    ASSERT_EQ(initialised.init(9), 0);
+
+    std::string reply = initialised.getHttpXmlResponse(0x40000003, "");
+    size_t bodyStart = reply.find("\r\n\r\n");
+    ASSERT_NE(bodyStart, std::string::npos);
+    std::string head = reply.substr(0, bodyStart + 4);
+    std::string body = reply.substr(bodyStart + 4);
+    EXPECT_EQ(head, "HTTP/1.1 401 401 Unauthorized\r\nContent-Length: " + std::to_string(body.size()) +
+                        "\r\nContent-Type: application/xml\r\n\r\n");
+    EXPECT_NE(body.find("<ResponseStatus version=\"2.0\" xmlns=\"urn:qumex:device-api:2.0\">"), std::string::npos);
+    EXPECT_NE(body.find("<requestURL>/QUMEX/x?y=1</requestURL>"), std::string::npos);
+    EXPECT_NE(body.find("<statusCode>4</statusCode>"), std::string::npos);
+    EXPECT_NE(body.find("<statusString>Invalid Operation</statusString>"), std::string::npos);
+    EXPECT_NE(body.find("<subStatusCode>badAuthorization</subStatusCode>"), std::string::npos);
+    EXPECT_LT(body.find("<requestURL>"), body.find("<statusCode>"));
+
+    std::string withHeader = initialised.getHttpXmlResponse(0x60000001, "WWW-Authenticate: x");
+    EXPECT_EQ(withHeader.compare(0, 29, "HTTP/1.1 400 400 Bad Request\r"), 0);
+    EXPECT_NE(withHeader.find("application/xml\r\nWWW-Authenticate: x\r\n\r\n<"), std::string::npos);
+}

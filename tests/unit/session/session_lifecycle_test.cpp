@@ -1,0 +1,180 @@
+// A standard session's states, its authentication gate and its dispatch, with
+// the stand-in reply interface.
+#include <gtest/gtest.h>
+
+#include <string.h>
+
+#include <HttpProtocolWrapper.h>
+
+#include "FakeNetServer.h"
+#include "LogCapture.h"
+#include "PluginFixture.h"
+#include "TestSession.h"
+#include "frame/HttpServerWrapper.h"
+#include "session/HttpSessionMgr.h"
+
+using namespace HttpWrapper;
+
+namespace {
+
+class SessionLifecycle : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        net.reset();
+        utility.config["AuthRealm"] = "realm-x";
+        g_pHttpProtocolWrapperUtilitySink = &utility;
+    }
+    void TearDown() override
+    {
+        g_pHttpProtocolWrapperUtilitySink = nullptr;
+        CHttpServerWrapper* server = singleton<CHttpServerWrapper>::instance();
+        while (server->getAsyncQueueSize() > 0) {
+            CAsyncRequestQueue::freeJob(server->popAsyncReq());
+        }
+    }
+
+    void withCredentials(int method, const char* url)
+    {
+        net.params.iMethod = method;
+        strcpy(net.params.szUrl, url);
+        strcpy(net.params.szUserName, "admin");
+        strcpy(net.params.szRealm, "realm-x");
+        strcpy(net.params.szNonce, "n");
+        strcpy(net.params.szResponse, "r");
+        net.headers["Authorization"] = "Digest username=\"admin\", realm=\"realm-x\"";
+    }
+
+    FakeNetServer& net = FakeNetServer::instance();
+    TestUtilitySink utility;
+};
+
+}  // namespace
+
+TEST_F(SessionLifecycle, RequestsBeforeInitOrTwiceAreRefused)
+{
+    LogCapture log;
+    TestSession session(nullptr, nullptr);
+    EXPECT_EQ(session.processRecvData(nullptr, 0), 0x1930F44);
+    EXPECT_TRUE(log.contains("Http session status error, status=0"));
+    EXPECT_TRUE(net.replies.empty());
+
+    withCredentials(NET_HTTP_METHOD_DELETE, "/x");
+    ASSERT_EQ(session.init(3), 0);
+    EXPECT_EQ(session.init(3), 0x1930F44);
+    EXPECT_EQ(session.processRecvData(nullptr, 0), 0);
+    EXPECT_EQ(session.getState(), SESSION_PROCESSED);
+    EXPECT_EQ(session.processRecvData(nullptr, 0), 0x1930F44);
+}
+
+TEST_F(SessionLifecycle, AFailedParameterQueryKeepsTheSessionNew)
+{
+    net.paramsFail = true;
+    TestSession session(nullptr, nullptr);
+    EXPECT_EQ(session.init(3), 0x1930836);
+    EXPECT_EQ(session.getState(), SESSION_CREATED);
+    // A handle of -1 is initialised without asking the server.
+    EXPECT_EQ(session.init(-1), 0);
+    EXPECT_EQ(session.getState(), SESSION_INITIALISED);
+}
+
+TEST_F(SessionLifecycle, RequestsWithoutCredentialsGetTheChallenge)
+{
+    TestSession session(nullptr, nullptr);
+    strcpy(net.params.szUrl, "/QUMEX/ContentMgmt/download");
+    strcpy(net.params.szUserName, "admin");  // three of the four fields are not enough
+    ASSERT_EQ(session.init(5), 0);
+    EXPECT_EQ(session.processRecvData(nullptr, 0), 0x1930F47);
+    EXPECT_EQ(session.getState(), SESSION_INITIALISED);  // released later by the manager
+    ASSERT_EQ(net.replies.size(), 1u);
+    std::string challenge = net.headerOf(0, "WWW-Authenticate");
+    const std::string prefix = "Digest qop=\"auth\", realm=\"realm-x\", nonce=\"";
+    EXPECT_EQ(challenge.compare(0, prefix.size(), prefix), 0) << challenge;
+    EXPECT_EQ(challenge.substr(challenge.size() - 16), "\", stale=\"FALSE\"");
+    EXPECT_EQ(net.headerOf(0, "Content-Type"), "application/json");
+    EXPECT_EQ(net.wire, "{\"statusCode\":401,\"statusString\":\"Unauthorized\",\"subStatusCode\":\"badAuthorization\"}\n");
+    int status = 0;
+    for (const StagedItem& item : net.replies[0]) {
+        if (item.kind == NET_HTTPSERVER_PARAM_STATUS) {
+            memcpy(&status, item.value.data(), 4);
+        }
+    }
+    EXPECT_EQ(status, 401);
+}
+
+TEST_F(SessionLifecycle, CredentialsAreForwardedNotChecked)
+{
+    withCredentials(NET_HTTP_METHOD_DELETE, "/anything");
+    net.headers["X-Forwarded-For"] = "198.51.100.4";
+    TestSession session(nullptr, nullptr);
+    ASSERT_EQ(session.init(5), 0);
+    EXPECT_EQ(session.processRecvData(nullptr, 0), 0);
+    EXPECT_EQ(session.m_strMethod, "DELETE");
+    EXPECT_EQ(session.m_strAuthorization, "Digest username=\"admin\", realm=\"realm-x\"");
+    EXPECT_EQ(session.m_strClientIP, "198.51.100.4");
+    // DELETE is always forbidden, after authentication.
+    ASSERT_EQ(net.replies.size(), 1u);
+    int status = 0;
+    memcpy(&status, net.replies[0][0].value.data(), 4);
+    EXPECT_EQ(status, 403);
+}
+
+TEST_F(SessionLifecycle, UnknownMethodsAreLoggedAndRefused)
+{
+    LogCapture log;
+    withCredentials(9, "/x");
+    TestSession session(nullptr, nullptr);
+    ASSERT_EQ(session.init(5), 0);
+    EXPECT_EQ(session.processRecvData(nullptr, 0), 0x1930F45);
+    EXPECT_TRUE(log.contains("Unknown method, method=9"));
+    EXPECT_TRUE(log.contains("Http method not support, method = 9"));
+    EXPECT_EQ(session.getState(), SESSION_PROCESSED);
+}
+
+TEST_F(SessionLifecycle, FiniClosesTheGatewayStreamOnceAndReleasesTheHandle)
+{
+    struct CountingSink : public PROTOCOL_WRAPPER::IServerSink {
+        int OnOpen(const char*, const char*, PROTOCOL_WRAPPER::IServerData*, void**) override { return 0; }
+        int OnClose(void*) override { return ++closes, 0; }
+        int pushStream(void*) override { return 0; }
+        int OnStart(void*, int) override { return 0; }
+        int OnStop(void*, int) override { return ++stops, 0; }
+        int OnInputData(void*, int, int, void*, int) override { return 0; }
+        int stops = 0;
+        int closes = 0;
+    } sink;
+    LogCapture log;
+    withCredentials(NET_HTTP_METHOD_DELETE, "/x");
+    TestSession session(nullptr, &sink);
+    ASSERT_EQ(session.init(8), 0);
+    session.processRecvData(nullptr, 0);
+    session.m_pSessionHandle = &sink;  // as if OnOpen had opened a stream
+    EXPECT_EQ(session.fini(), 0);
+    EXPECT_EQ(session.fini(), 0);
+    EXPECT_EQ(sink.stops, 1);
+    EXPECT_EQ(sink.closes, 1);
+    EXPECT_EQ(session.getHttpHandle(), -1);
+    EXPECT_EQ(session.getState(), SESSION_CLOSED);
+    EXPECT_TRUE(log.contains("Http session closed, handle=8"));
+    EXPECT_TRUE(log.contains("Http session duplicate fini, http handle=-1"));
+    // The handle waits for the release thread.
+    std::deque<long> released;
+    singleton<CHttpSessionMgr>::instance()->getInvalidHandleQueue(released);
+    EXPECT_EQ(released, std::deque<long>{8});
+}
+
+TEST_F(SessionLifecycle, DestroyIsQueuedOnlyOnce)
+{
+    TestSession session(nullptr, nullptr);
+    ASSERT_EQ(session.init(11), 0);
+    EXPECT_EQ(session.pushDestroyReq(), 0);
+    EXPECT_EQ(session.pushDestroyReq(), 0);
+    CHttpServerWrapper* server = singleton<CHttpServerWrapper>::instance();
+    ASSERT_EQ(server->getAsyncQueueSize(), 1);
+    tagAsyncReq* job = server->popAsyncReq();
+    ASSERT_NE(job, nullptr);
+    EXPECT_EQ(job->iCmdType, ASYNC_HTTP_DESTROY);
+    EXPECT_EQ(job->lHttpHandle, 11);
+    EXPECT_EQ(job->pSession, &session);
+    CAsyncRequestQueue::freeJob(job);
+}

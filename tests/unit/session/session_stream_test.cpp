@@ -1,0 +1,219 @@
+// The reply paths of a standard session against a stand-in reply interface:
+// what is staged for the head, how each media block is framed, how partial
+// writes, stalls and failures are handled.
+#include <gtest/gtest.h>
+
+#include <string.h>
+
+#include <memory>
+
+#include "FakeNetServer.h"
+#include "LogCapture.h"
+#include "TestSession.h"
+#include "frame/Clock.h"
+#include "frame/HttpServerWrapper.h"
+
+using namespace HttpWrapper;
+
+namespace {
+
+const int kHandle = 42;
+
+ZRT_UINT64 g_fakeNow = 0;
+// Every reading of the clock moves it on by a second.
+ZRT_UINT64 steppingClock()
+{
+    return g_fakeNow += 1000;
+}
+
+class SessionStream : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        net.reset();
+        session.reset(new TestSession(nullptr, nullptr));
+        ASSERT_EQ(session->init(kHandle), 0);
+    }
+    void TearDown() override
+    {
+        hpwSetTickSource(nullptr);
+        // Drop the destroy jobs that sessions queued on the server that is not running.
+        CHttpServerWrapper* server = singleton<CHttpServerWrapper>::instance();
+        while (server->getAsyncQueueSize() > 0) {
+            CAsyncRequestQueue::freeJob(server->popAsyncReq());
+        }
+    }
+
+    void sendInfo(int index, unsigned int high, unsigned int low)
+    {
+        std::string info(1620, '\0');
+        memcpy(&info[1612], &high, 4);
+        memcpy(&info[1616], &low, 4);
+        EXPECT_EQ(session->send(index, PROTOCOL_WRAPPER::STREAM_INFO, &info[0], (int)info.size()), 0);
+    }
+
+    int sendData(std::string data)
+    {
+        return session->send(0, PROTOCOL_WRAPPER::STREAM_DATA, &data[0], (int)data.size());
+    }
+
+    int queuedDestroyJobs()
+    {
+        return singleton<CHttpServerWrapper>::instance()->getAsyncQueueSize();
+    }
+
+    FakeNetServer& net = FakeNetServer::instance();
+    std::unique_ptr<TestSession> session;
+};
+
+}  // namespace
+
+TEST_F(SessionStream, FirstStreamInfoSendsTheHeadWithTheLengthPlusForty)
+{
+    sendInfo(0, 0, 1000);
+    EXPECT_EQ(session->getFileLength(), 1040u);
+    ASSERT_EQ(net.replies.size(), 1u);
+    EXPECT_EQ(net.headerOf(0, "Content-Type"), "application/binary");
+    EXPECT_EQ(net.headerOf(0, "Content-Length"), "1040");
+    EXPECT_FALSE(net.hasKind(0, NET_HTTPSERVER_PARAM_STATUS));  // 200 is the server's default
+    EXPECT_TRUE(net.hasKind(0, NET_HTTPSERVER_PARAM_SEND_TIMEOUT));
+    // "The head is out, a streamed body follows" is staged after the head's reply.
+    ASSERT_EQ(net.staged.size(), 1u);
+    EXPECT_EQ(net.staged[0].kind, NET_HTTPSERVER_PARAM_STREAM);
+}
+
+TEST_F(SessionStream, BothLengthWordsCount)
+{
+    sendInfo(0, 1, 5);
+    EXPECT_EQ(session->getFileLength(), (1ull << 32) + 5 + 40);
+    EXPECT_EQ(net.headerOf(0, "Content-Length"), std::to_string((1ull << 32) + 45));
+}
+
+TEST_F(SessionStream, OnlyTheFirstStreamInfoSendsAHead)
+{
+    // A first block with index 1 stores nothing but still sends the head, with
+    // the length read from the empty record 1.
+    sendInfo(1, 0, 1000);
+    EXPECT_EQ(session->getFileLength(), 40u);
+    sendInfo(0, 0, 500);
+    EXPECT_EQ(session->getFileLength(), 40u);
+    EXPECT_EQ(net.replies.size(), 1u);
+}
+
+TEST_F(SessionStream, ChunkedBlocksAreOneChunkEachAndTheEndIsWrittenOnce)
+{
+    session->m_iChunked = 1;
+    sendInfo(0, 0, 300);
+    EXPECT_EQ(net.headerOf(0, "Content-Type"), "application/octet-stream");
+    EXPECT_EQ(net.headerOf(0, "Transfer-Encoding"), "chunked");
+    EXPECT_EQ(net.headerOf(0, "Content-Length"), "<none>");
+    std::string block(300, 'b');
+    EXPECT_EQ(sendData(block), 0);
+    EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0), 0);
+    EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0), 0);
+    EXPECT_EQ(net.wire, "12C\r\n" + block + "\r\n0\r\n\r\n");
+}
+
+TEST_F(SessionStream, ContentLengthModeWritesBlocksRawAndNoTerminator)
+{
+    sendInfo(0, 0, 6);
+    EXPECT_EQ(sendData("abc"), 0);
+    EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_HEAD, (void*)"de", 2), 0);
+    EXPECT_EQ(sendData("f"), 0);
+    EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0), 0);
+    EXPECT_EQ(session->send(0, 77, nullptr, 0), 0);  // unknown types are ignored
+    EXPECT_EQ(net.wire, "abcdef");
+}
+
+TEST_F(SessionStream, PartialWritesAreRetriedFromWhereTheyStopped)
+{
+    sendInfo(0, 0, 10);
+    session->increaseTimeoutCount();
+    session->increaseTimeoutCount();
+    net.replyPlan = {3, 0, 4};  // then the rest
+    EXPECT_EQ(sendData("0123456789"), 0);
+    EXPECT_EQ(net.wire, "0123456789");
+    EXPECT_EQ(session->getTimeoutCount(), 0);  // progress resets the idle count
+    EXPECT_EQ(queuedDestroyJobs(), 0);
+}
+
+TEST_F(SessionStream, AStalledClientEndsTheDownloadAfterSixtySeconds)
+{
+    LogCapture log;
+    hpwSetTickSource(steppingClock);
+    sendInfo(0, 0, 10);
+    net.replyPlan.assign(100, 0);  // the client takes nothing any more
+    EXPECT_EQ(sendData("0123456789"), -1);
+    EXPECT_TRUE(log.contains("[0x01930f49] - [download error], send data timeout!httpHandle[42]"));
+    EXPECT_EQ(session->m_iDestroyRequested.load(), 1);
+    EXPECT_EQ(queuedDestroyJobs(), 1);
+    // The stall ended after a minute of clock, not a hundred replies.
+    EXPECT_LT(net.replyPlan.size(), 100u);
+    EXPECT_GT(net.replyPlan.size(), 30u);
+
+    // Once destroy is requested nothing more is written, and it is not an error.
+    net.replyPlan.clear();
+    EXPECT_EQ(sendData("more"), 0);
+    EXPECT_TRUE(log.contains("Http session allready destroyed"));
+    EXPECT_EQ(queuedDestroyJobs(), 1);  // requested once only
+}
+
+TEST_F(SessionStream, ABrokenConnectionRequestsTheSessionsDestruction)
+{
+    LogCapture log;
+    sendInfo(0, 0, 10);
+    net.replyPlan = {-1};
+    EXPECT_EQ(sendData("0123456789"), -1);
+    EXPECT_TRUE(log.contains("[download error], Http Reply fail! errNum["));
+    EXPECT_TRUE(log.contains("replyRet[-1], dataLenCurr[10]"));
+    EXPECT_EQ(queuedDestroyJobs(), 1);
+}
+
+TEST_F(SessionStream, AFailedStagingRequestsTheSessionsDestruction)
+{
+    LogCapture log;
+    sendInfo(0, 0, 10);
+    net.setParamFailAt = net.setParamCalls;
+    EXPECT_EQ(sendData("0123456789"), -1);
+    EXPECT_TRUE(log.contains("[download error], Http SetParam fail!"));
+    EXPECT_EQ(queuedDestroyJobs(), 1);
+}
+
+TEST_F(SessionStream, AFailedHeadEndsTheSession)
+{
+    net.replyPlan = {-1};
+    sendInfo(0, 0, 10);
+    EXPECT_EQ(queuedDestroyJobs(), 1);
+    EXPECT_EQ(net.staged.size(), 0u);  // nothing staged after the failed reply
+}
+
+TEST_F(SessionStream, BareHeadsStageTheStatus)
+{
+    EXPECT_EQ(session->sendHead(403), 0);
+    ASSERT_EQ(net.replies.size(), 1u);
+    ASSERT_TRUE(net.hasKind(0, NET_HTTPSERVER_PARAM_STATUS));
+    int status = 0;
+    memcpy(&status, net.replies[0][0].value.data(), 4);
+    EXPECT_EQ(status, 403);
+}
+
+TEST_F(SessionStream, OneShotRepliesCarryTheirContentType)
+{
+    EXPECT_EQ(session->sendReply(200, "<a/>", 4, "xml"), 0);
+    EXPECT_EQ(net.headerOf(0, "Content-Type"), "application/xml");
+    EXPECT_EQ(net.wire, "<a/>");
+    // Without a body only the status is staged; the caller's later reply carries it.
+    EXPECT_EQ(session->sendReply(404, nullptr, 0, "xml"), 0);
+    EXPECT_EQ(net.replies.size(), 1u);
+    EXPECT_EQ(net.staged.size(), 1u);
+}
+
+TEST(SessionHex, DecimalToUpperCaseHexadecimal)
+{
+    EXPECT_EQ(CHttpSession::decToHex(300), "12C");
+    EXPECT_EQ(CHttpSession::decToHex(1), "1");
+    EXPECT_EQ(CHttpSession::decToHex(262144), "40000");
+    EXPECT_EQ(CHttpSession::decToHex(0x7FFFFFFF), "7FFFFFFF");
+    EXPECT_EQ(CHttpSession::decToHex(0), "");
+    EXPECT_EQ(CHttpSession::decToHex(-5), "");
+}
