@@ -1,0 +1,279 @@
+#include "ConfigFile.h"
+
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <utility>
+
+#include "Logger.h"
+
+namespace {
+
+struct ConfigProblem {
+    std::string field;
+    std::string message;
+};
+
+std::string join(const std::string& parent, const std::string& key)
+{
+    return parent.empty() ? key : parent + "." + key;
+}
+
+void requireObject(const Json::Value& value, const std::string& field, std::initializer_list<const char*> known)
+{
+    if (!value.isObject()) {
+        throw ConfigProblem{field.empty() ? "(document)" : field, "must be a JSON object"};
+    }
+    for (const std::string& name : value.getMemberNames()) {
+        bool isKnown = false;
+        for (const char* candidate : known) {
+            isKnown = isKnown || name == candidate;
+        }
+        if (!isKnown) {
+            throw ConfigProblem{join(field, name), "unknown field"};
+        }
+    }
+}
+
+void readInt(const Json::Value& parent, const std::string& parentField, const char* key, int min, int max, int& out)
+{
+    if (!parent.isMember(key)) {
+        return;
+    }
+    const Json::Value& value = parent[key];
+    if (!value.isInt() || value.asInt() < min || value.asInt() > max) {
+        throw ConfigProblem{join(parentField, key),
+                            "must be an integer from " + std::to_string(min) + " to " + std::to_string(max)};
+    }
+    out = value.asInt();
+}
+
+void readBool(const Json::Value& parent, const std::string& parentField, const char* key, bool& out)
+{
+    if (!parent.isMember(key)) {
+        return;
+    }
+    if (!parent[key].isBool()) {
+        throw ConfigProblem{join(parentField, key), "must be true or false"};
+    }
+    out = parent[key].asBool();
+}
+
+void readString(const Json::Value& parent, const std::string& parentField, const char* key, std::string& out)
+{
+    if (!parent.isMember(key)) {
+        return;
+    }
+    if (!parent[key].isString()) {
+        throw ConfigProblem{join(parentField, key), "must be a string"};
+    }
+    out = parent[key].asString();
+}
+
+// Text that goes into a quoted header parameter or a URL must stay printable and unquoted.
+void requirePlainText(const std::string& text, const std::string& field, const char* forbidden, size_t maxLength)
+{
+    if (text.empty() || text.size() > maxLength) {
+        throw ConfigProblem{field, "must have 1 to " + std::to_string(maxLength) + " characters"};
+    }
+    for (char c : text) {
+        if (c < 0x20 || c == 0x7f || std::string(forbidden).find(c) != std::string::npos) {
+            throw ConfigProblem{field, std::string("must not contain control characters or any of ") + forbidden};
+        }
+    }
+}
+
+bool isDeviceIndexChar(char c)
+{
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-';
+}
+
+bool isFolderName(const std::string& name)
+{
+    if (name.empty() || name == "." || name == "..") {
+        return false;
+    }
+    for (char c : name) {
+        if (!isDeviceIndexChar(c) && c != '_' && c != '.') {
+            return false;
+        }
+    }
+    return true;
+}
+
+void readServer(const Json::Value& server, GatewayConfig& config)
+{
+    const std::string field = "server";
+    requireObject(server, field, {"httpPort", "audioTalkPort", "work_thread", "sendTimeout", "recvTimeout"});
+    readInt(server, field, "httpPort", 1, 65535, config.httpPort);
+    readInt(server, field, "audioTalkPort", 0, 65535, config.audioTalkPort);
+    // The plug-in takes these modulo 65536, so larger values would wrap around.
+    readInt(server, field, "work_thread", 1, 256, config.workThreads);
+    readInt(server, field, "sendTimeout", 1, 65535, config.sendTimeoutMs);
+    readInt(server, field, "recvTimeout", 1, 65535, config.recvTimeoutMs);
+    if (config.audioTalkPort == config.httpPort) {
+        throw ConfigProblem{"server.audioTalkPort", "must differ from server.httpPort"};
+    }
+}
+
+void readUsers(const Json::Value& users, GatewayConfig& config)
+{
+    const std::string field = "auth.users";
+    if (!users.isArray() || users.empty()) {
+        throw ConfigProblem{field, "must be a non-empty array"};
+    }
+    config.users.clear();
+    std::set<std::string> names;
+    for (Json::ArrayIndex i = 0; i < users.size(); ++i) {
+        const std::string entry = field + "[" + std::to_string(i) + "]";
+        requireObject(users[i], entry, {"name", "password"});
+        UserAccount account;
+        if (!users[i].isMember("name") || !users[i].isMember("password")) {
+            throw ConfigProblem{entry, "needs a name and a password"};
+        }
+        readString(users[i], entry, "name", account.name);
+        readString(users[i], entry, "password", account.password);
+        requirePlainText(account.name, entry + ".name", ":\"\\", 64);
+        if (account.password.empty()) {
+            throw ConfigProblem{entry + ".password", "must not be empty"};
+        }
+        if (!names.insert(account.name).second) {
+            throw ConfigProblem{entry + ".name", "\"" + account.name + "\" is listed twice"};
+        }
+        config.users.push_back(account);
+    }
+}
+
+void readAuth(const Json::Value& auth, GatewayConfig& config)
+{
+    const std::string field = "auth";
+    requireObject(auth, field,
+                  {"realm", "nonceLifetimeSeconds", "users", "supportSEPAuthMethod", "supportIdentifyToken"});
+    readString(auth, field, "realm", config.realm);
+    requirePlainText(config.realm, "auth.realm", "\"\\", 100);
+    readInt(auth, field, "nonceLifetimeSeconds", 1, 86400, config.nonceLifetimeSeconds);
+    readBool(auth, field, "supportSEPAuthMethod", config.supportSepAuthMethod);
+    readBool(auth, field, "supportIdentifyToken", config.supportIdentifyToken);
+    if (auth.isMember("users")) {
+        readUsers(auth["users"], config);
+    }
+}
+
+void readDevices(const Json::Value& devices, GatewayConfig& config)
+{
+    const std::string field = "media.devices";
+    if (!devices.isArray()) {
+        throw ConfigProblem{field, "must be an array"};
+    }
+    config.devices.clear();
+    std::set<std::string> indexes, folders;
+    std::set<std::pair<std::string, int>> endpoints;
+    for (Json::ArrayIndex i = 0; i < devices.size(); ++i) {
+        const std::string entry = field + "[" + std::to_string(i) + "]";
+        requireObject(devices[i], entry, {"devIndex", "name", "address", "rtspPort", "folder"});
+        DeviceConfig device;
+        readString(devices[i], entry, "devIndex", device.devIndex);
+        if (device.devIndex.size() != 36 ||
+            device.devIndex.find_first_not_of("0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ-") !=
+                std::string::npos) {
+            // Clients send it as the 36-character "devIndex" of the JSON download form.
+            throw ConfigProblem{entry + ".devIndex", "must be 36 letters, digits or '-'"};
+        }
+        readString(devices[i], entry, "name", device.name);
+        readString(devices[i], entry, "address", device.address);
+        requirePlainText(device.address, entry + ".address", "/:?&#@ \"\\", 253);
+        readInt(devices[i], entry, "rtspPort", 1, 65535, device.rtspPort);
+        device.folder = device.devIndex;
+        readString(devices[i], entry, "folder", device.folder);
+        if (!isFolderName(device.folder)) {
+            throw ConfigProblem{entry + ".folder", "must be a plain folder name (letters, digits, '-', '_', '.')"};
+        }
+        if (!indexes.insert(device.devIndex).second) {
+            throw ConfigProblem{entry + ".devIndex", "\"" + device.devIndex + "\" is listed twice"};
+        }
+        if (!folders.insert(device.folder).second) {
+            throw ConfigProblem{entry + ".folder", "\"" + device.folder + "\" is used by another device"};
+        }
+        if (!endpoints.insert({device.address, device.rtspPort}).second) {
+            throw ConfigProblem{entry + ".rtspPort", "another device has the same address and rtspPort"};
+        }
+        config.devices.push_back(device);
+    }
+}
+
+void readMedia(const Json::Value& media, GatewayConfig& config)
+{
+    const std::string field = "media";
+    requireObject(media, field, {"folder", "blockSize", "devices"});
+    readString(media, field, "folder", config.mediaFolder);
+    readInt(media, field, "blockSize", 1024, 16 * 1024 * 1024, config.blockSize);
+    if (media.isMember("devices")) {
+        readDevices(media["devices"], config);
+    }
+}
+
+void readLog(const Json::Value& log, GatewayConfig& config)
+{
+    const std::string field = "log";
+    requireObject(log, field, {"level", "file"});
+    std::string level;
+    readString(log, field, "level", level);
+    if (log.isMember("level") && !parseLogLevel(level, config.logLevel)) {
+        throw ConfigProblem{"log.level", "must be one of debug, info, warn, error"};
+    }
+    readString(log, field, "file", config.logFile);
+}
+
+}  // namespace
+
+bool readConfigFile(const std::string& path, Json::Value& root, std::string& error)
+{
+    std::ifstream file(path);
+    if (!file) {
+        error = path + ": cannot be read";
+        return false;
+    }
+    std::stringstream text;
+    text << file.rdbuf();
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    std::string parseErrors;
+    std::istringstream input(text.str());
+    if (!Json::parseFromStream(builder, input, &root, &parseErrors)) {
+        error = path + ": not valid JSON: " + parseErrors;
+        while (!error.empty() && error.back() == '\n') {
+            error.pop_back();
+        }
+        return false;
+    }
+    return true;
+}
+
+bool parseGatewayConfig(const Json::Value& root, GatewayConfig& config, std::string& error)
+{
+    config = defaultGatewayConfig();
+    if (root.isNull()) {
+        return true;
+    }
+    try {
+        requireObject(root, "", {"server", "auth", "media", "log", "statusFile", "plugin"});
+        if (root.isMember("server")) {
+            readServer(root["server"], config);
+        }
+        if (root.isMember("auth")) {
+            readAuth(root["auth"], config);
+        }
+        if (root.isMember("media")) {
+            readMedia(root["media"], config);
+        }
+        if (root.isMember("log")) {
+            readLog(root["log"], config);
+        }
+        readString(root, "", "statusFile", config.statusFile);
+        readString(root, "", "plugin", config.pluginPath);
+    } catch (const ConfigProblem& problem) {
+        error = problem.field + ": " + problem.message;
+        return false;
+    }
+    return true;
+}

@@ -1,0 +1,34 @@
+// The gateway's JSON configuration file. Every field is optional; a field that
+// is present must be valid and known, so that a typing error is refused at
+// start rather than silently ignored. Layout (with the defaults):
+//
+// {
+//   "server": {"httpPort": 8080, "audioTalkPort": 0, "work_thread": 8,
+//              "sendTimeout": 5000, "recvTimeout": 30000},
+//   "auth":   {"realm": "media-gateway", "nonceLifetimeSeconds": 300,
+//              "users": [{"name": "admin", "password": "gateway-demo"}],
+//              "supportSEPAuthMethod": false, "supportIdentifyToken": false},
+//   "media":  {"folder": "", "blockSize": 262144,
+//              "devices": [{"devIndex": "<36 characters>", "name": "", "address": "127.0.0.1",
+//                           "rtspPort": 554, "folder": "<devIndex>"}]},
+//   "log":    {"level": "info", "file": ""},
+//   "statusFile": "",
+//   "plugin": ""
+// }
+#ifndef GATEWAY_CONFIG_FILE_H
+#define GATEWAY_CONFIG_FILE_H
+
+#include <json/json.h>
+
+#include <string>
+
+#include "GatewayConfig.h"
+
+// Reads and parses the file; false with a message that names the file.
+bool readConfigFile(const std::string& path, Json::Value& root, std::string& error);
+
+// Fills config from the defaults and the document; false with a message that
+// begins with the offending field, e.g. "server.httpPort: must be ...".
+bool parseGatewayConfig(const Json::Value& root, GatewayConfig& config, std::string& error);
+
+#endif  // GATEWAY_CONFIG_FILE_H

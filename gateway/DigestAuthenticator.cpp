@@ -1,0 +1,118 @@
+#include "DigestAuthenticator.h"
+
+#include <cctype>
+#include <strings.h>
+
+#include "DigestCredentials.h"
+#include "Md5.h"
+#include "PluginNonce.h"
+
+namespace {
+
+bool isHex(const std::string& text, size_t length)
+{
+    if (text.size() != length) {
+        return false;
+    }
+    for (char c : text) {
+        if (!isxdigit(static_cast<unsigned char>(c))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string lowerCase(std::string text)
+{
+    for (char& c : text) {
+        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    }
+    return text;
+}
+
+AuthDecision refuse(const std::string& user, const std::string& reason)
+{
+    AuthDecision decision;
+    decision.user = user;
+    decision.reason = reason;
+    return decision;
+}
+
+}  // namespace
+
+std::string digestResponse(const std::string& ha1, const std::string& method, const std::string& uri,
+                           const std::string& nonce, const std::string& nc, const std::string& cnonce,
+                           const std::string& qop)
+{
+    std::string ha2 = md5Hex(method + ":" + uri);
+    if (qop.empty()) {
+        return md5Hex(ha1 + ":" + nonce + ":" + ha2);
+    }
+    return md5Hex(ha1 + ":" + nonce + ":" + nc + ":" + cnonce + ":" + qop + ":" + ha2);
+}
+
+DigestAuthenticator::DigestAuthenticator(std::string realm, std::map<std::string, std::string> passwords,
+                                         int64_t nonceLifetimeSeconds, std::function<int64_t()> now)
+    : m_realm(std::move(realm)),
+      m_passwords(std::move(passwords)),
+      m_nonceLifetimeSeconds(nonceLifetimeSeconds),
+      m_now(std::move(now))
+{
+}
+
+AuthDecision DigestAuthenticator::verify(const std::string& method, const std::string& authorization) const
+{
+    if (authorization.empty()) {
+        return refuse("", "no credentials");
+    }
+    DigestCredentials credentials;
+    std::string error;
+    if (!parseDigestCredentials(authorization, credentials, error)) {
+        return refuse("", "unreadable credentials: " + error);
+    }
+    const std::string user = credentials.get("username");
+    for (const char* required : {"username", "realm", "nonce", "uri", "response"}) {
+        if (!credentials.has(required)) {
+            return refuse(user, std::string("credentials without ") + required);
+        }
+    }
+    if (credentials.get("realm") != m_realm) {
+        return refuse(user, "realm \"" + credentials.get("realm") + "\" is not ours");
+    }
+    if (credentials.has("algorithm") && strcasecmp(credentials.get("algorithm").c_str(), "MD5") != 0) {
+        return refuse(user, "algorithm " + credentials.get("algorithm") + " not supported");
+    }
+    const std::string qop = credentials.get("qop");
+    if (credentials.has("qop") && qop != "auth") {
+        return refuse(user, "qop " + qop + " not supported");
+    }
+    if (!qop.empty() && (!isHex(credentials.get("nc"), 8) || credentials.get("cnonce").empty())) {
+        return refuse(user, "qop=auth without a valid nc and cnonce");
+    }
+    const std::string nonce = credentials.get("nonce");
+    int64_t createdAt = 0;
+    if (!decodePluginNonceTime(nonce, createdAt)) {
+        return refuse(user, "nonce not issued here");
+    }
+    if (!isNonceFresh(createdAt, m_now(), m_nonceLifetimeSeconds)) {
+        return refuse(user, "nonce expired");
+    }
+    auto account = m_passwords.find(user);
+    // An unknown user costs the same work as a wrong password, so timing tells nothing.
+    const std::string password = account == m_passwords.end() ? std::string() : account->second;
+    const std::string ha1 = md5Hex(user + ":" + m_realm + ":" + password);
+    const std::string expected = digestResponse(ha1, method, credentials.get("uri"), nonce,
+                                                credentials.get("nc"), credentials.get("cnonce"), qop);
+    const std::string given = lowerCase(credentials.get("response"));
+    bool matches = constantTimeEquals(expected, given);
+    if (account == m_passwords.end()) {
+        return refuse(user, "unknown user");
+    }
+    if (!matches) {
+        return refuse(user, "wrong password");
+    }
+    AuthDecision decision;
+    decision.accepted = true;
+    decision.user = user;
+    return decision;
+}

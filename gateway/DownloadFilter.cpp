@@ -1,0 +1,105 @@
+#include "DownloadFilter.h"
+
+#include "DownloadResolver.h"
+#include "Logger.h"
+#include "PlaybackUri.h"
+#include "StatusBoard.h"
+
+namespace {
+
+std::string text(const char* value)
+{
+    return value ? value : "";
+}
+
+std::string headValue(PROTOCOL_FILTER::IProtocolRequest* request, const char* name)
+{
+    PROTOCOL_FILTER::IProtocolHead* head = request->GetHeadByName(name);
+    return head ? text(head->GetHeadValue()) : std::string();
+}
+
+}  // namespace
+
+DownloadFilter::DownloadFilter(const DigestAuthenticator& authenticator, const MediaLibrary& library,
+                               StatusBoard& status, Logger& log)
+    : m_authenticator(authenticator), m_library(library), m_status(status), m_log(log)
+{
+}
+
+int DownloadFilter::Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
+                            PROTOCOL_FILTER::IConnectContext* context)
+{
+    // Nothing may be thrown into the plug-in.
+    try {
+        return check(request, context);
+    } catch (const std::exception& failure) {
+        m_log.logf(kLogError, "filter failed: %s", failure.what());
+        if (context) {
+            context->SetStatusCode(RtspStatusIndex::kInternalServerError);
+        }
+        return RestError::kInternalError;
+    }
+}
+
+int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context)
+{
+    if (!request || !context || !request->GetProtocolRequestLine()) {
+        m_log.logf(kLogError, "filter called without a request or a context");
+        return RestError::kInternalError;
+    }
+    PROTOCOL_FILTER::IProtocolRequestLine* line = request->GetProtocolRequestLine();
+    const std::string method = text(line->GetProtocolMethod());
+    const std::string url = text(line->GetProtocolURL());
+
+    AuthDecision auth;
+    if (request->bNeedAuth()) {
+        auth = m_authenticator.verify(method, headValue(request, "Authorization"));
+        if (!auth.accepted) {
+            return refuse(context, method, url,
+                          Refusal{RestError::kBadAuthorization, RtspStatusIndex::kUnauthorized,
+                                  "user \"" + auth.user + "\": " + auth.reason});
+        }
+    }
+    // Two-way audio reaches the filter with a plain path; this gateway has no audio devices.
+    if (url.compare(0, 7, "rtsp://") != 0 && url.find("/TwoWayAudio/") != std::string::npos) {
+        return refuse(context, method, url,
+                      Refusal{RestError::kNotSupport, RtspStatusIndex::kNotImplemented,
+                              "two-way audio is not offered by this gateway"});
+    }
+    PlaybackUri uri;
+    std::string error;
+    if (!parsePlaybackUri(url, uri, error)) {
+        return refuse(context, method, url,
+                      Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest, error});
+    }
+    ResolvedDownload download;
+    Refusal refusal;
+    if (!resolveDownload(m_library, uri, download, refusal)) {
+        return refuse(context, method, url, refusal);
+    }
+    const std::string mediaUrl = makeMediaUrl(*download.device, *download.recording);
+    context->SetFilterURL(url.c_str());
+    context->SetMediaURL(mediaUrl.c_str());
+    m_status.requestAccepted(uri.param("clientIP"));
+    m_log.logf(kLogInfo, "accepted %s from user \"%s\" client \"%s\": %s", method.c_str(), auth.user.c_str(),
+               uri.param("clientIP").c_str(), mediaUrl.c_str());
+    return 0;
+}
+
+int DownloadFilter::Response(PROTOCOL_FILTER::IProtocolResponse* response, int flags,
+                             PROTOCOL_FILTER::IConnectContext* context)
+{
+    return 0;
+}
+
+int DownloadFilter::refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method,
+                           const std::string& url, const Refusal& refusal)
+{
+    context->SetStatusCode(refusal.statusIndex);
+    context->SetErrorCode(refusal.restError);
+    context->SetErrorDescribe(refusal.reason.c_str());
+    m_status.requestRefused();
+    m_log.logf(kLogWarn, "refused %s %s: %s (0x%08x)", method.c_str(), url.c_str(), refusal.reason.c_str(),
+               static_cast<unsigned>(refusal.restError));
+    return refusal.restError;
+}

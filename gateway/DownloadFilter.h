@@ -1,0 +1,41 @@
+// The gateway's filter chain as the plug-in sees it. Every download arrives
+// here as an RTSP request: the request line carries the HTTP method and the
+// playback URI (with "&clientIP=" and "&username=" appended by the plug-in),
+// the "Authorization" head carries the client's raw Digest credentials. The
+// filter checks the credentials, finds the recording and tells the plug-in,
+// through the connection context, which media URL to open on the server sink.
+#ifndef GATEWAY_DOWNLOAD_FILTER_H
+#define GATEWAY_DOWNLOAD_FILTER_H
+
+#include <ProtocolFilter.h>
+
+#include "DigestAuthenticator.h"
+#include "MediaLibrary.h"
+#include "RestErrors.h"
+
+class Logger;
+class StatusBoard;
+
+class DownloadFilter : public PROTOCOL_FILTER::IProtocolFilter {
+public:
+    DownloadFilter(const DigestAuthenticator& authenticator, const MediaLibrary& library, StatusBoard& status,
+                   Logger& log);
+
+    // 0 accepts; a refusal returns its REST error number and sets the context's status.
+    int Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
+                PROTOCOL_FILTER::IConnectContext* context) override;
+    int Response(PROTOCOL_FILTER::IProtocolResponse* response, int flags,
+                 PROTOCOL_FILTER::IConnectContext* context) override;
+
+private:
+    int check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context);
+    int refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
+               const Refusal& refusal);
+
+    const DigestAuthenticator& m_authenticator;
+    const MediaLibrary& m_library;
+    StatusBoard& m_status;
+    Logger& m_log;
+};
+
+#endif  // GATEWAY_DOWNLOAD_FILTER_H

@@ -1,0 +1,22 @@
+// The gateway's life from loading the plug-in to the last stream closed.
+#ifndef GATEWAY_GATEWAY_H
+#define GATEWAY_GATEWAY_H
+
+#include <signal.h>
+
+#include "GatewayConfig.h"
+
+// Exit codes of the program.
+constexpr int kExitStopped = 0;        // stopped by SIGINT or SIGTERM
+constexpr int kExitStartFailed = 1;    // plug-in or server could not start
+constexpr int kExitBadSetup = 2;       // configuration, log file or media folder refused
+
+// Blocks SIGINT and SIGTERM in the calling thread, so that every thread started
+// afterwards (ours and the plug-in's) inherits the mask and only waitForStopSignal
+// receives them. Call before any thread exists.
+sigset_t blockStopSignals();
+
+// Runs until one of the signals arrives; returns an exit code.
+int runGateway(const GatewayConfig& config, const sigset_t& stopSignals);
+
+#endif  // GATEWAY_GATEWAY_H

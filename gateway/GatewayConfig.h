@@ -1,0 +1,61 @@
+// Everything the gateway can be told, with the defaults that let it run with
+// no configuration file at all.
+#ifndef GATEWAY_CONFIG_H
+#define GATEWAY_CONFIG_H
+
+#include <string>
+#include <vector>
+
+// Documented in README.md; change it for anything but a local demonstration.
+constexpr const char* kDefaultUser = "admin";
+constexpr const char* kDefaultPassword = "gateway-demo";
+constexpr const char* kDefaultDeviceIndex = "8c5b1a2e-0f4d-4e7a-9b3c-6d2e1f0a7b41";
+
+struct UserAccount {
+    std::string name;
+    std::string password;
+};
+
+struct DeviceConfig {
+    std::string devIndex;  // 36 characters, as clients put it into "devIndex"
+    std::string name;
+    std::string address = "127.0.0.1";  // with rtspPort, how the XML download form names a device
+    int rtspPort = 554;
+    std::string folder;  // inside the media folder; the devIndex when not given
+};
+
+struct GatewayConfig {
+    // Parameters of the plug-in's server URL.
+    int httpPort = 8080;
+    int audioTalkPort = 0;  // 0: not passed, the plug-in picks a free loopback port
+    int workThreads = 8;
+    int sendTimeoutMs = 5000;
+    int recvTimeoutMs = 30000;
+
+    std::string realm = "media-gateway";
+    std::vector<UserAccount> users;
+    int nonceLifetimeSeconds = 300;
+    bool supportSepAuthMethod = false;
+    bool supportIdentifyToken = false;
+
+    std::string mediaFolder;  // empty: ../media beside the executable's folder
+    int blockSize = 256 * 1024;
+    std::vector<DeviceConfig> devices;
+
+    int logLevel = 3;  // kLogInfo
+    std::string logFile;     // empty: stderr
+    std::string statusFile;  // empty: none
+    std::string pluginPath;  // empty: ../lib/libHttpProtocolWrapper.so beside the executable's folder
+};
+
+GatewayConfig defaultGatewayConfig();
+
+// "http://127.0.0.1:<httpPort>?work_thread=..&sendTimeout=..&recvTimeout=..[&audioTalkPort=..]"
+std::string buildServerUrl(const GatewayConfig& config);
+
+// Paths left empty become their places beside the executable's folder
+// (executableDir/../media and executableDir/../lib/libHttpProtocolWrapper.so),
+// which in a build tree are build/media and build/lib.
+void fillDefaultPaths(GatewayConfig& config, const std::string& executableDir);
+
+#endif  // GATEWAY_CONFIG_H

@@ -1,0 +1,43 @@
+#include "PluginLibrary.h"
+
+#include <dlfcn.h>
+
+namespace {
+
+template <typename Function>
+bool resolve(void* handle, const char* name, Function& function, std::string& error)
+{
+    function = reinterpret_cast<Function>(dlsym(handle, name));
+    if (!function) {
+        error = std::string("entry point ") + name + " is missing";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+PluginLibrary::~PluginLibrary()
+{
+    if (m_handle) {
+        dlclose(m_handle);
+    }
+}
+
+bool PluginLibrary::load(const std::string& path, std::string& error)
+{
+    // NODELETE keeps the plug-in mapped until exit, so that leak reports at exit can still name its code.
+    m_handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+    if (!m_handle) {
+        const char* reason = dlerror();
+        error = reason ? reason : path + ": cannot be loaded";
+        return false;
+    }
+    return resolve(m_handle, "InitializeProtocolWrapper", initialize, error) &&
+           resolve(m_handle, "UnInitializeProtocolWrapper", uninitialize, error) &&
+           resolve(m_handle, "ProtocolWrapper_GetLastError", lastError, error) &&
+           resolve(m_handle, "GetSupportServerProtocols", supportedServerProtocols, error) &&
+           resolve(m_handle, "GetServerConnectCount", serverConnectCount, error) &&
+           resolve(m_handle, "CreateServer", createServer, error) &&
+           resolve(m_handle, "DestroyServer", destroyServer, error);
+}

@@ -1,0 +1,141 @@
+#include "RecordingStream.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <new>
+
+#include "Logger.h"
+#include "StreamBlocks.h"
+
+RecordingStream::RecordingStream(uint64_t id, const Recording& recording, int fd, uint64_t fileLength,
+                                 PROTOCOL_WRAPPER::IServerData* data, size_t blockSize, Logger& log)
+    : m_id(id),
+      m_recording(recording),
+      m_fd(fd),
+      m_fileLength(fileLength),
+      m_data(data),
+      m_blockSize(blockSize),
+      m_log(log),
+      m_stopRequested(false),
+      m_bytesSent(0),
+      m_started(false),
+      m_outcome("not started")
+{
+}
+
+RecordingStream::~RecordingStream()
+{
+    stop();
+    close(m_fd);
+}
+
+bool RecordingStream::prepare()
+{
+    try {
+        m_buffer.resize(m_blockSize);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    return true;
+}
+
+bool RecordingStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server)
+{
+    std::lock_guard<std::mutex> guard(m_controlLock);
+    if (m_started || m_buffer.empty()) {
+        return false;
+    }
+    {
+        std::lock_guard<std::mutex> outcomeGuard(m_outcomeLock);
+        m_outcome = "running";
+    }
+    try {
+        m_thread = std::thread(&RecordingStream::deliver, this, &server);
+    } catch (const std::system_error&) {
+        std::lock_guard<std::mutex> outcomeGuard(m_outcomeLock);
+        m_outcome = "not started: no thread";
+        return false;
+    }
+    m_started = true;
+    return true;
+}
+
+void RecordingStream::stop()
+{
+    m_stopRequested = true;
+    std::lock_guard<std::mutex> guard(m_controlLock);
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
+}
+
+std::string RecordingStream::outcome()
+{
+    std::lock_guard<std::mutex> guard(m_outcomeLock);
+    return m_outcome;
+}
+
+void RecordingStream::deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
+{
+    // A request can reach the plug-in before CreateServer has returned the server to us.
+    PROTOCOL_WRAPPER::IServer* server = serverSlot->load();
+    while (!server && !m_stopRequested) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        server = serverSlot->load();
+    }
+    const std::string outcome = server ? deliverTo(server) : "stopped before delivery";
+    std::lock_guard<std::mutex> guard(m_outcomeLock);
+    m_outcome = outcome;
+}
+
+std::string RecordingStream::deliverTo(PROTOCOL_WRAPPER::IServer* server)
+{
+    auto info = buildStreamInfo(m_fileLength);
+    auto head = buildStreamHead(m_fileLength, m_recording.start, m_recording.end, static_cast<uint32_t>(m_blockSize));
+    if (!sendBlock(server, PROTOCOL_WRAPPER::STREAM_INFO, info.data(), info.size()) ||
+        !sendBlock(server, PROTOCOL_WRAPPER::STREAM_HEAD, head.data(), head.size())) {
+        return "client went away";
+    }
+    uint64_t offset = 0;
+    while (offset < m_fileLength) {
+        if (m_stopRequested) {
+            return "stopped by the plug-in";
+        }
+        size_t wanted = static_cast<size_t>(std::min<uint64_t>(m_buffer.size(), m_fileLength - offset));
+        ssize_t got = pread(m_fd, m_buffer.data(), wanted, static_cast<off_t>(offset));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            // The client was promised the full length; it will see a short body.
+            std::string reason = std::string("recording cannot be read: ") +
+                                 (got < 0 ? strerror(errno) : "file shrank");
+            m_log.logf(kLogError, "stream %llu: %s at byte %llu of %s", static_cast<unsigned long long>(m_id),
+                       reason.c_str(), static_cast<unsigned long long>(offset), m_recording.path.c_str());
+            return reason;
+        }
+        if (!sendBlock(server, PROTOCOL_WRAPPER::STREAM_DATA, m_buffer.data(), static_cast<size_t>(got))) {
+            return "client went away";
+        }
+        offset += static_cast<uint64_t>(got);
+    }
+    return sendBlock(server, PROTOCOL_WRAPPER::STREAM_END, m_buffer.data(), 0) ? "complete" : "client went away";
+}
+
+bool RecordingStream::sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length)
+{
+    int result = server->Send(m_data, 0, dataType, data, static_cast<int>(length));
+    if (result != 0) {
+        m_log.logf(kLogDebug, "stream %llu: Send of type %d returned %d", static_cast<unsigned long long>(m_id),
+                   dataType, result);
+        return false;
+    }
+    if (dataType == PROTOCOL_WRAPPER::STREAM_DATA || dataType == PROTOCOL_WRAPPER::STREAM_HEAD) {
+        m_bytesSent += length;
+    }
+    return true;
+}

@@ -1,0 +1,186 @@
+#include "StreamSink.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "DownloadResolver.h"
+#include "Logger.h"
+#include "RestErrors.h"
+#include "StatusBoard.h"
+#include "StreamBlocks.h"
+
+namespace {
+
+const char* text(const char* value)
+{
+    return value ? value : "";
+}
+
+}  // namespace
+
+StreamSink::StreamSink(const MediaLibrary& library, size_t blockSize, StatusBoard& status, Logger& log)
+    : m_library(library), m_blockSize(blockSize), m_status(status), m_log(log), m_server(nullptr), m_nextId(1)
+{
+}
+
+StreamSink::~StreamSink()
+{
+    closeAll();
+}
+
+int StreamSink::openStreamCount()
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    return static_cast<int>(m_streams.size());
+}
+
+void StreamSink::closeAll()
+{
+    std::map<void*, std::shared_ptr<RecordingStream>> streams;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        streams.swap(m_streams);
+    }
+    for (auto& entry : streams) {
+        release(entry.second, "left open by the plug-in at shutdown");
+    }
+}
+
+int StreamSink::OnOpen(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
+                       void** sessionHandle)
+{
+    // Nothing may be thrown into the plug-in.
+    try {
+        return openStream(filterUrl, mediaUrl, data, sessionHandle);
+    } catch (const std::bad_alloc&) {
+        m_log.logf(kLogError, "OnOpen %s: out of memory", text(mediaUrl));
+        return RestError::kNoMemory;
+    }
+}
+
+int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
+                           void** sessionHandle)
+{
+    if (!data || !sessionHandle) {
+        m_log.logf(kLogError, "OnOpen %s: called without session data or handle", text(mediaUrl));
+        return RestError::kInternalError;
+    }
+    const Recording* recording = findByMediaUrl(m_library, text(mediaUrl));
+    if (!recording) {
+        m_log.logf(kLogError, "OnOpen: \"%s\" names no recording", text(mediaUrl));
+        return RestError::kInternalError;
+    }
+    int fd = open(recording->path.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat info;
+    if (fd < 0 || fstat(fd, &info) != 0) {
+        m_log.logf(kLogError, "OnOpen: %s cannot be opened: %s", recording->path.c_str(), strerror(errno));
+        if (fd >= 0) {
+            close(fd);
+        }
+        return RestError::kInternalError;
+    }
+    const uint64_t fileLength = static_cast<uint64_t>(info.st_size);
+    if (fileLength != recording->size) {
+        m_log.logf(kLogWarn, "%s changed since start: %llu bytes now, %llu indexed", recording->path.c_str(),
+                   static_cast<unsigned long long>(fileLength), static_cast<unsigned long long>(recording->size));
+    }
+    auto stream = std::make_shared<RecordingStream>(m_nextId++, *recording, fd, fileLength, data, m_blockSize,
+                                                    m_log);
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_streams[stream.get()] = stream;
+    }
+    *sessionHandle = stream.get();
+    m_status.streamOpened();
+    m_log.logf(kLogInfo, "stream %llu opened: %s (%llu bytes) for %s", static_cast<unsigned long long>(stream->id()),
+               recording->path.c_str(), static_cast<unsigned long long>(fileLength), text(filterUrl));
+    return 0;
+}
+
+int StreamSink::OnClose(void* sessionHandle)
+{
+    std::shared_ptr<RecordingStream> stream;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        auto found = m_streams.find(sessionHandle);
+        if (found != m_streams.end()) {
+            stream = found->second;
+            m_streams.erase(found);
+        }
+    }
+    if (!stream) {
+        m_log.logf(kLogWarn, "OnClose of unknown stream handle %p", sessionHandle);
+        return -1;
+    }
+    release(stream, "closed");
+    return 0;
+}
+
+int StreamSink::pushStream(void* sessionHandle)
+{
+    std::shared_ptr<RecordingStream> stream = find(sessionHandle, "pushStream");
+    if (!stream) {
+        return RestError::kInternalError;
+    }
+    if (!stream->prepare()) {
+        m_log.logf(kLogError, "stream %llu: no memory for a %zu-byte block",
+                   static_cast<unsigned long long>(stream->id()), m_blockSize);
+        return RestError::kNoMemory;
+    }
+    return 0;
+}
+
+int StreamSink::OnStart(void* sessionHandle, int reserved)
+{
+    std::shared_ptr<RecordingStream> stream = find(sessionHandle, "OnStart");
+    if (!stream) {
+        return RestError::kInternalError;
+    }
+    if (!stream->start(m_server)) {
+        m_log.logf(kLogError, "stream %llu: delivery cannot start (not prepared, already started or no thread)",
+                   static_cast<unsigned long long>(stream->id()));
+        return RestError::kInternalError;
+    }
+    return 0;
+}
+
+int StreamSink::OnStop(void* sessionHandle, int reserved)
+{
+    std::shared_ptr<RecordingStream> stream = find(sessionHandle, "OnStop");
+    if (!stream) {
+        return -1;
+    }
+    stream->stop();
+    return 0;
+}
+
+int StreamSink::OnInputData(void* sessionHandle, int index, int dataType, void* data, int length)
+{
+    // Downloads only send; input comes from two-way audio, which this gateway does not offer.
+    return 0;
+}
+
+std::shared_ptr<RecordingStream> StreamSink::find(void* sessionHandle, const char* operation)
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    auto found = m_streams.find(sessionHandle);
+    if (found == m_streams.end()) {
+        m_log.logf(kLogWarn, "%s of unknown stream handle %p", operation, sessionHandle);
+        return nullptr;
+    }
+    return found->second;
+}
+
+void StreamSink::release(const std::shared_ptr<RecordingStream>& stream, const char* why)
+{
+    stream->stop();
+    m_status.streamClosed();
+    m_log.logf(kLogInfo, "stream %llu %s: %s, %llu of %llu bytes sent", static_cast<unsigned long long>(stream->id()),
+               why, stream->outcome().c_str(), static_cast<unsigned long long>(stream->bytesSent()),
+               static_cast<unsigned long long>(stream->fileLength() + kStreamHeadSize));
+}

@@ -1,0 +1,58 @@
+// The gateway's server sink: the plug-in opens, starts, stops and closes
+// downloads here, naming each by the handle OnOpen gave it. The plug-in calls
+// OnStop and then OnClose from one of its worker threads when a download ends
+// or its client goes away; after OnClose returns no Send for it follows.
+#ifndef GATEWAY_STREAM_SINK_H
+#define GATEWAY_STREAM_SINK_H
+
+#include <ProtocolWrapper.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "MediaLibrary.h"
+#include "RecordingStream.h"
+
+class Logger;
+class StatusBoard;
+
+class StreamSink : public PROTOCOL_WRAPPER::IServerSink {
+public:
+    StreamSink(const MediaLibrary& library, size_t blockSize, StatusBoard& status, Logger& log);
+    ~StreamSink() override;
+
+    // The server that CreateServer returned; deliveries wait for it.
+    void attachServer(PROTOCOL_WRAPPER::IServer* server) { m_server = server; }
+    int openStreamCount();
+    // Stops and releases every stream the plug-in left open; for shutdown.
+    void closeAll();
+
+    int OnOpen(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
+               void** sessionHandle) override;
+    int OnClose(void* sessionHandle) override;
+    int pushStream(void* sessionHandle) override;
+    int OnStart(void* sessionHandle, int reserved) override;
+    int OnStop(void* sessionHandle, int reserved) override;
+    int OnInputData(void* sessionHandle, int index, int dataType, void* data, int length) override;
+
+private:
+    int openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
+                   void** sessionHandle);
+    std::shared_ptr<RecordingStream> find(void* sessionHandle, const char* operation);
+    void release(const std::shared_ptr<RecordingStream>& stream, const char* why);
+
+    const MediaLibrary& m_library;
+    const size_t m_blockSize;
+    StatusBoard& m_status;
+    Logger& m_log;
+    std::atomic<PROTOCOL_WRAPPER::IServer*> m_server;
+    std::atomic<uint64_t> m_nextId;
+    // Streams by handle. Shared, so an OnStop on one thread and an OnClose on
+    // another never leave a thread joining a deleted stream.
+    std::mutex m_lock;
+    std::map<void*, std::shared_ptr<RecordingStream>> m_streams;
+};
+
+#endif  // GATEWAY_STREAM_SINK_H

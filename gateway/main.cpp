@@ -1,0 +1,59 @@
+// media-gateway: the reference gateway host of the HTTP protocol plug-in.
+// It loads the plug-in, checks every download's Digest credentials, serves
+// recordings from a media folder and stops cleanly on SIGINT or SIGTERM.
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "CommandLine.h"
+#include "ConfigFile.h"
+#include "Gateway.h"
+
+namespace {
+
+std::string executableDir()
+{
+    char path[4096];
+    ssize_t length = readlink("/proc/self/exe", path, sizeof(path) - 1);
+    if (length <= 0) {
+        return ".";
+    }
+    std::string file(path, static_cast<size_t>(length));
+    size_t slash = file.rfind('/');
+    return slash == std::string::npos ? "." : file.substr(0, slash);
+}
+
+int refuse(const std::string& message, bool withUsage)
+{
+    fprintf(stderr, "media-gateway: %s\n%s", message.c_str(), withUsage ? commandLineUsage() : "");
+    return kExitBadSetup;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const sigset_t stopSignals = blockStopSignals();
+
+    CommandLine commandLine;
+    std::string error;
+    if (!parseCommandLine(argc, argv, commandLine, error)) {
+        return refuse(error, true);
+    }
+    if (commandLine.showHelp) {
+        fputs(commandLineUsage(), stdout);
+        return 0;
+    }
+    Json::Value document;
+    if (!commandLine.configFile.empty() && !readConfigFile(commandLine.configFile, document, error)) {
+        return refuse("configuration " + error, false);
+    }
+    applyOverrides(document, commandLine.overrides);
+    GatewayConfig config;
+    if (!parseGatewayConfig(document, config, error)) {
+        return refuse("configuration refused: " + error, false);
+    }
+    fillDefaultPaths(config, executableDir());
+    return runGateway(config, stopSignals);
+}

@@ -1,0 +1,231 @@
+"""Runs the real media-gateway with the real plug-in for one test case.
+
+Each case gets a temporary directory with its own configuration, media folder,
+status file and log, a free port, and a gateway that must stop with exit code 0
+on SIGTERM when the case ends. Python 3 standard library only.
+
+A test file is run as: python3 test_x.py <media-gateway> <libHttpProtocolWrapper.so>
+"""
+import hashlib
+import http.client
+import json
+import os
+import random
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+GATEWAY = None
+PLUGIN = None
+
+USER, PASSWORD, REALM = "admin", "e2e-secret", "e2e-realm"
+DEVICE = "e2e00000-0000-4000-8000-000000000001"   # addressed by devIndex and by rtspPort 554
+CAMERA = "e2e00000-0000-4000-8000-00000000ca3e"   # addressed by the XML form's camera/<id>/ path
+DEVICE_DEFAULT = "8c5b1a2e-0f4d-4e7a-9b3c-6d2e1f0a7b41"  # the gateway's built-in sample device
+START, END = "20260101T000000Z", "20260101T001000Z"
+HEAD_SIZE = 40
+
+
+def main():
+    """Takes the two paths from the command line and runs the file's cases."""
+    global GATEWAY, PLUGIN
+    if len(sys.argv) < 3:
+        sys.exit("usage: %s <media-gateway> <libHttpProtocolWrapper.so>" % sys.argv[0])
+    GATEWAY, PLUGIN = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
+    unittest.main(argv=sys.argv[:1] + sys.argv[3:], verbosity=2)
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def md5(text):
+    return hashlib.md5(text.encode()).hexdigest()
+
+
+def playback_uri(device=DEVICE, name=None, size=None, start=START, end=END):
+    """The JSON form's playback URI; without name and size the reply is chunked."""
+    uri = "rtsp://127.0.0.1:554/Streaming/tracks/101/playback?starttime=%s&endtime=%s" % (start, end)
+    if name is not None:
+        uri += "&name=%s" % name
+    if size is not None:
+        uri += "&size=%d" % size
+    return uri + "&devIndex=%s" % device
+
+
+def json_download_args(port, uri, device=DEVICE):
+    url = "http://127.0.0.1:%d/QUMEX/ContentMgmt/download?format=json&devIndex=%s" % (port, device)
+    body = json.dumps({"downloadRequest": {"playbackURI": uri}})
+    return ["-X", "POST", url, "-H", "Content-Type: application/json", "--data-binary", body]
+
+
+def xml_download_args(port, uri):
+    url = "http://127.0.0.1:%d/QUMEX/ContentMgmt/download" % port
+    body = "<downloadRequest><playbackURI>%s</playbackURI></downloadRequest>" % uri.replace("&", "&amp;")
+    return ["-X", "GET", url, "-H", "Content-Type: application/xml", "--data-binary", body]
+
+
+def digest_authorization(challenge, method, uri, user=USER, password=PASSWORD, qop=True):
+    """The Authorization value a client computes from a WWW-Authenticate challenge."""
+    params = dict(re.findall(r'(\w+)="([^"]*)"', challenge))
+    realm, nonce = params["realm"], params["nonce"]
+    ha1, ha2 = md5("%s:%s:%s" % (user, realm, password)), md5("%s:%s" % (method, uri))
+    value = 'Digest username="%s", realm="%s", nonce="%s", uri="%s"' % (user, realm, nonce, uri)
+    if not qop:
+        return value + ', response="%s"' % md5("%s:%s:%s" % (ha1, nonce, ha2))
+    response = md5("%s:%s:00000001:0a4f113b:auth:%s" % (ha1, nonce, ha2))
+    return value + ', qop=auth, nc=00000001, cnonce="0a4f113b", response="%s"' % response
+
+
+class CurlResult:
+    def __init__(self, status, headers, body):
+        self.status, self.headers, self.body = status, headers, body
+
+    def json(self):
+        return json.loads(self.body)
+
+
+class GatewayCase(unittest.TestCase):
+    """One gateway per case: setUp starts it, tearDown stops it and checks exit code 0."""
+
+    nonce_lifetime = 300
+
+    def setUp(self):
+        self.dir = tempfile.mkdtemp(prefix="gateway-e2e-")
+        self.media = os.path.join(self.dir, "media")
+        self.status_path = os.path.join(self.dir, "status.json")
+        self.log_path = os.path.join(self.dir, "gateway.log")
+        self.port = free_port()
+        self.recordings = {}
+        self.prepare_media()
+        self.process = self.start_gateway(self.write_config())
+        self.wait_for_status(lambda status: status.get("ready"), "gateway ready")
+
+    def tearDown(self):
+        try:
+            if self.process and self.process.poll() is None:
+                self.process.send_signal(signal.SIGTERM)
+                code = self.process.wait(timeout=30)
+                self.assertEqual(code, 0, "gateway exit code on SIGTERM\n" + self.log_tail())
+        finally:
+            shutil.rmtree(self.dir, ignore_errors=True)
+
+    def prepare_media(self):
+        """Default media: one recording per device. Cases override to change it."""
+        self.add_recording(DEVICE, "clip-a.bin", 1024 * 1024 + 333)
+        self.add_recording(CAMERA, "clip-c.bin", 200 * 1024 + 7)
+
+    def add_recording(self, device, name, size, start=START, end=END):
+        folder = os.path.join(self.media, device)
+        os.makedirs(folder, exist_ok=True)
+        content = random.Random(device + name).randbytes(size)
+        with open(os.path.join(folder, name), "wb") as out:
+            out.write(content)
+        index_path = os.path.join(folder, "recordings.json")
+        index = {"recordings": []}
+        if os.path.exists(index_path):
+            with open(index_path) as existing:
+                index = json.load(existing)
+        index["recordings"].append({"name": name, "starttime": start, "endtime": end})
+        with open(index_path, "w") as out:
+            json.dump(index, out)
+        self.recordings[(device, name)] = content
+
+    def config(self):
+        return {
+            "server": {"httpPort": self.port, "work_thread": 4},
+            "auth": {"realm": REALM, "users": [{"name": USER, "password": PASSWORD}],
+                     "nonceLifetimeSeconds": self.nonce_lifetime},
+            "media": {"folder": self.media, "blockSize": 64 * 1024, "devices": [
+                {"devIndex": DEVICE, "address": "127.0.0.1", "rtspPort": 554},
+                {"devIndex": CAMERA, "address": "127.0.0.1", "rtspPort": 8554}]},
+            "log": {"level": "info", "file": self.log_path},
+            "statusFile": self.status_path,
+            "plugin": PLUGIN,
+        }
+
+    def write_config(self, config=None):
+        path = os.path.join(self.dir, "gateway.json")
+        with open(path, "w") as out:
+            json.dump(config if config is not None else self.config(), out)
+        return path
+
+    def start_gateway(self, config_path, *extra):
+        stderr = open(os.path.join(self.dir, "stderr.txt"), "ab")
+        try:
+            return subprocess.Popen([GATEWAY, "--config", config_path, *extra], stdout=stderr, stderr=stderr)
+        finally:
+            stderr.close()
+
+    def status(self):
+        try:
+            with open(self.status_path) as source:
+                return json.load(source)
+        except (OSError, ValueError):
+            return {}
+
+    def wait_for_status(self, condition, what, timeout=15):
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            status = self.status()
+            if condition(status):
+                return status
+            if self.process.poll() is not None:
+                self.fail("gateway exited with %s while waiting for %s\n%s" % (
+                    self.process.returncode, what, self.log_tail()))
+            time.sleep(0.05)
+        self.fail("timed out waiting for %s; status %s\n%s" % (what, self.status(), self.log_tail()))
+
+    def log_tail(self, lines=30):
+        text = ""
+        for name in ("gateway.log", "stderr.txt"):
+            try:
+                with open(os.path.join(self.dir, name), errors="replace") as source:
+                    text += "".join(source.readlines()[-lines:])
+            except OSError:
+                pass
+        return text
+
+    def curl(self, *args, user=USER, password=PASSWORD, timeout=60):
+        """curl with --digest (unless user is None); returns the final response."""
+        body_path = os.path.join(self.dir, "body.bin")
+        command = ["curl", "-sS", "-o", body_path, "-D", "-", "-w", "\n%{http_code}", "--max-time", str(timeout)]
+        if user is not None:
+            command += ["--digest", "-u", "%s:%s" % (user, password)]
+        result = subprocess.run(command + list(args), capture_output=True, timeout=timeout + 10)
+        output = result.stdout.decode(errors="replace")
+        self.assertEqual(result.returncode, 0, "curl failed: %s\n%s" % (result.stderr.decode(), self.log_tail()))
+        headers, _, status = output.rpartition("\n")
+        with open(body_path, "rb") as source:
+            body = source.read()
+        # With --digest the header dump holds the challenge first; keep the final response's head.
+        final_head = re.split(r"\r\n\r\n(?=HTTP/)", headers.strip())[-1]
+        return CurlResult(int(status), final_head, body)
+
+    def request(self, method, path, body, authorization=None):
+        """One HTTP request without curl, for credentials computed by the test itself."""
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
+        headers = {"Authorization": authorization} if authorization else {}
+        try:
+            connection.request(method, path, body=body, headers=headers)
+            response = connection.getresponse()
+            return response.status, response.getheader("WWW-Authenticate", ""), response.read()
+        finally:
+            connection.close()
+
+    def assert_recording_body(self, body, device, name):
+        """The body is the 40-byte stream head followed by the recording file, byte for byte."""
+        content = self.recordings[(device, name)]
+        self.assertEqual(len(body), HEAD_SIZE + len(content))
+        magic, version, head_length, file_length = struct.unpack_from("<4sHHQ", body)
+        self.assertEqual((magic, version, head_length, file_length), (b"MGRH", 1, HEAD_SIZE, len(content)))
+        self.assertTrue(body[HEAD_SIZE:] == content, "body differs from %s" % name)
