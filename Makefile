@@ -2,6 +2,7 @@
 #   make run            build and start the reference gateway on its defaults
 #   make test           build and run the whole test suite
 #   make test SAN=address|thread   the same under a sanitizer (own build folder)
+#   make e2e            only the end-to-end tests
 JOBS ?= $(shell nproc)
 SAN ?=
 BUILD_TYPE ?= RelWithDebInfo
@@ -14,7 +15,7 @@ endif
 
 CTEST_ARGS ?=
 
-.PHONY: all deps configure build test run clean
+.PHONY: all deps configure build test e2e run clean
 
 all: build
 
@@ -29,6 +30,9 @@ build: configure
 
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
+
+e2e: build
+	@cd $(BUILD_DIR) && ctest --output-on-failure -L e2e $(CTEST_ARGS)
 
 run: build
 	@./tools/run-gateway.sh $(BUILD_DIR)
