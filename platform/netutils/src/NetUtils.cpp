@@ -220,9 +220,11 @@ int NET_HTTPSERVER_GetParamV2(int handle, int type, int subType, const char* nam
     if (!connection) {
         return fail(NET_ERR_HANDLE);
     }
-    if (connection->isEnded()) {
-        return fail(NET_ERR_CLOSED);
-    }
+    // The request stays readable after its connection ended, until the owner
+    // closes the handle: an owner that sets up its per-connection state only
+    // after the client left must still be able to, so that its one clean-up
+    // path (which closes the handle) runs. Failing here made owners give up
+    // before learning the handle, and such handles were never closed.
     switch (subType) {
     case NET_HTTPSERVER_SUB_PARAMS:
         return copyRequestParam(*connection, buffer, size);

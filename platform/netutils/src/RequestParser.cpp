@@ -77,6 +77,9 @@ RequestParser::Result RequestParser::feed(const char* data, size_t length)
     if (m_result != Result::Incomplete || length == 0) {
         return m_result;
     }
+    if (!m_requestLineDone && scanRequestLine(data, length) != 0) {
+        return m_result;
+    }
     m_chunk = data;
     const size_t consumed = http_parser_execute(&m_parser, &settings(), data, length);
     m_chunk = nullptr;
@@ -113,6 +116,22 @@ int RequestParser::stop(Result result)
     return -1; // any non-zero result stops http-parser at once
 }
 
+int RequestParser::scanRequestLine(const char* data, size_t length)
+{
+    // The line ends at its first LF. http-parser skips empty lines in front of a request, so an
+    // LF counts only once the line has begun; those empty lines still count towards the limit.
+    // Finding the end in the bytes themselves, rather than at the first header name, also holds
+    // a request without header lines to the limit, however its bytes are cut into reads.
+    for (size_t i = 0; i < length; ++i) {
+        if (data[i] != '\r' && data[i] != '\n') {
+            m_requestLineStarted = true;
+        } else if (data[i] == '\n' && m_requestLineStarted) {
+            return endRequestLine(m_fedBefore + i + 1);
+        }
+    }
+    return 0;
+}
+
 int RequestParser::endRequestLine(size_t offset)
 {
     m_requestLineDone = true;
@@ -134,9 +153,6 @@ int RequestParser::onHeaderField(http_parser* parser, const char* at, size_t len
 {
     auto* self = static_cast<RequestParser*>(parser->data);
     const size_t offset = self->streamOffset(at);
-    if (!self->m_requestLineDone && self->endRequestLine(offset) != 0) {
-        return -1;
-    }
     if (offset + length - self->m_headerStart > kMaxHeaderBlock) {
         return self->stop(Result::TooLarge);
     }
@@ -173,14 +189,13 @@ int RequestParser::onHeaderValue(http_parser* parser, const char* at, size_t len
 int RequestParser::onHeadersComplete(http_parser* parser)
 {
     auto* self = static_cast<RequestParser*>(parser->data);
-    if (self->m_requestLineDone) {
+    if (!self->m_headers.empty()) {
         // The last line's CR LF and the empty line close the block; they come without a callback.
         const size_t blockEnd = std::max(self->m_fieldEnd + 1, self->m_valueEnd) + 4;
         if (blockEnd - self->m_headerStart > kMaxHeaderBlock) {
             return self->stop(Result::TooLarge);
         }
     }
-    self->m_requestLineDone = true; // a request without header lines never saw a name
     self->m_headersDone = true;
     self->m_methodCode = methodCodeOf(parser->method);
     const bool chunked = (parser->flags & F_CHUNKED) != 0;

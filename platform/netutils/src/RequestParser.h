@@ -66,6 +66,7 @@ private:
 
     /* Offset in the whole stream of `at`, a pointer into the chunk being fed. */
     size_t streamOffset(const char* at) const { return m_fedBefore + static_cast<size_t>(at - m_chunk); }
+    int scanRequestLine(const char* data, size_t length);
     int endRequestLine(size_t offset);
     int stop(Result result);
 
@@ -73,8 +74,9 @@ private:
     Result m_result = Result::Incomplete;
     size_t m_fedBefore = 0;         // bytes consumed by earlier feeds
     const char* m_chunk = nullptr;  // start of the bytes being fed
-    bool m_requestLineDone = false;
-    size_t m_headerStart = 0;       // stream offset of the first header line
+    bool m_requestLineStarted = false; // a byte other than CR and LF was seen
+    bool m_requestLineDone = false;    // its LF was seen
+    size_t m_headerStart = 0;       // stream offset behind the request line's LF
     bool m_headersDone = false;
     bool m_inHeaderValue = false;   // http-parser may split a name or a value over several calls
     size_t m_fieldEnd = 0;          // stream offset just behind the last name bytes seen

@@ -180,7 +180,8 @@ NET_API int NET_HTTPSERVER_GetListenPort(long listenHandle);
  * type 0, subType 255: copy the value of the header `name` (nameLength bytes,
  * compared without regard to case) with its terminating zero; fails when
  * absent or when it does not fit.
- * Returns 0; fails with NET_ERR_CLOSED once the connection has ended. */
+ * Returns 0. The request stays readable after the connection ended, until the
+ * handle is closed. */
 NET_API int NET_HTTPSERVER_GetParamV2(int handle, int type, int subType, const char* name, int nameLength,
                                       void* buffer, int size);
 /* Stages one item of the next reply (see NET_HTTPSERVER_PARAM_*). */
