@@ -74,16 +74,14 @@ def xml_download_args(port, uri):
     return ["-X", "GET", url, "-H", "Content-Type: application/xml", "--data-binary", body]
 
 
-def digest_authorization(challenge, method, uri, user=USER, password=PASSWORD, qop=True):
+def digest_authorization(challenge, method, uri, user=USER, password=PASSWORD):
     """The Authorization value a client computes from a WWW-Authenticate challenge."""
     params = dict(re.findall(r'(\w+)="([^"]*)"', challenge))
     realm, nonce = params["realm"], params["nonce"]
     ha1, ha2 = md5("%s:%s:%s" % (user, realm, password)), md5("%s:%s" % (method, uri))
-    value = 'Digest username="%s", realm="%s", nonce="%s", uri="%s"' % (user, realm, nonce, uri)
-    if not qop:
-        return value + ', response="%s"' % md5("%s:%s:%s" % (ha1, nonce, ha2))
     response = md5("%s:%s:00000001:0a4f113b:auth:%s" % (ha1, nonce, ha2))
-    return value + ', qop=auth, nc=00000001, cnonce="0a4f113b", response="%s"' % response
+    return ('Digest username="%s", realm="%s", nonce="%s", uri="%s", qop=auth, nc=00000001, cnonce="0a4f113b", '
+            'response="%s"' % (user, realm, nonce, uri, response))
 
 
 class CurlResult:
@@ -96,8 +94,6 @@ class CurlResult:
 
 class GatewayCase(unittest.TestCase):
     """One gateway per case: setUp starts it, tearDown stops it and checks exit code 0."""
-
-    nonce_lifetime = 300
 
     def setUp(self):
         self.dir = tempfile.mkdtemp(prefix="gateway-e2e-")
@@ -130,21 +126,15 @@ class GatewayCase(unittest.TestCase):
         content = random.Random(device + name).randbytes(size)
         with open(os.path.join(folder, name), "wb") as out:
             out.write(content)
-        index_path = os.path.join(folder, "recordings.json")
-        index = {"recordings": []}
-        if os.path.exists(index_path):
-            with open(index_path) as existing:
-                index = json.load(existing)
-        index["recordings"].append({"name": name, "starttime": start, "endtime": end})
-        with open(index_path, "w") as out:
-            json.dump(index, out)
+        with open(os.path.join(folder, "recordings.json"), "w") as out:  # one recording per device
+            json.dump({"recordings": [{"name": name, "starttime": start, "endtime": end}]}, out)
         self.recordings[(device, name)] = content
 
     def config(self):
         return {
             "server": {"httpPort": self.port, "work_thread": 4},
             "auth": {"realm": REALM, "users": [{"name": USER, "password": PASSWORD}],
-                     "nonceLifetimeSeconds": self.nonce_lifetime},
+                     "nonceLifetimeSeconds": 300},
             "media": {"folder": self.media, "blockSize": 64 * 1024, "devices": [
                 {"devIndex": DEVICE, "address": "127.0.0.1", "rtspPort": 554},
                 {"devIndex": CAMERA, "address": "127.0.0.1", "rtspPort": 8554}]},
@@ -153,10 +143,10 @@ class GatewayCase(unittest.TestCase):
             "plugin": PLUGIN,
         }
 
-    def write_config(self, config=None):
+    def write_config(self):
         path = os.path.join(self.dir, "gateway.json")
         with open(path, "w") as out:
-            json.dump(config if config is not None else self.config(), out)
+            json.dump(self.config(), out)
         return path
 
     def start_gateway(self, config_path, *extra):
@@ -185,6 +175,17 @@ class GatewayCase(unittest.TestCase):
             time.sleep(0.05)
         self.fail("timed out waiting for %s; status %s\n%s" % (what, self.status(), self.log_tail()))
 
+    def wait_for_log(self, pattern, timeout=5):
+        """The gateway's log once it matches pattern; the status file is written before the log line."""
+        deadline = time.monotonic() + timeout
+        while True:
+            with open(self.log_path, errors="replace") as source:
+                text = source.read()
+            if re.search(pattern, text) or time.monotonic() > deadline:
+                self.assertRegex(text, pattern)
+                return text
+            time.sleep(0.05)
+
     def log_tail(self, lines=30):
         text = ""
         for name in ("gateway.log", "stderr.txt"):
@@ -196,11 +197,10 @@ class GatewayCase(unittest.TestCase):
         return text
 
     def curl(self, *args, user=USER, password=PASSWORD, timeout=60):
-        """curl with --digest (unless user is None); returns the final response."""
+        """curl with --digest; returns the final response."""
         body_path = os.path.join(self.dir, "body.bin")
-        command = ["curl", "-sS", "-o", body_path, "-D", "-", "-w", "\n%{http_code}", "--max-time", str(timeout)]
-        if user is not None:
-            command += ["--digest", "-u", "%s:%s" % (user, password)]
+        command = ["curl", "-sS", "-o", body_path, "-D", "-", "-w", "\n%{http_code}", "--max-time", str(timeout),
+                   "--digest", "-u", "%s:%s" % (user, password)]
         result = subprocess.run(command + list(args), capture_output=True, timeout=timeout + 10)
         output = result.stdout.decode(errors="replace")
         self.assertEqual(result.returncode, 0, "curl failed: %s\n%s" % (result.stderr.decode(), self.log_tail()))
@@ -211,14 +211,15 @@ class GatewayCase(unittest.TestCase):
         final_head = re.split(r"\r\n\r\n(?=HTTP/)", headers.strip())[-1]
         return CurlResult(int(status), final_head, body)
 
-    def request(self, method, path, body, authorization=None):
-        """One HTTP request without curl, for credentials computed by the test itself."""
+    def challenge(self, method, path, body):
+        """The WWW-Authenticate value of a request without credentials, for tests that compute their own."""
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
-        headers = {"Authorization": authorization} if authorization else {}
         try:
-            connection.request(method, path, body=body, headers=headers)
+            connection.request(method, path, body=body)
             response = connection.getresponse()
-            return response.status, response.getheader("WWW-Authenticate", ""), response.read()
+            response.read()
+            self.assertEqual(response.status, 401)
+            return response.getheader("WWW-Authenticate", "")
         finally:
             connection.close()
 

@@ -8,35 +8,27 @@ import gateway_harness as h  # noqa: E402
 
 
 class DownloadForms(h.GatewayCase):
-    def test_json_form_with_name_and_size_streams_with_content_length(self):
+    def test_both_forms_and_both_transfer_modes(self):
         size = len(self.recordings[(h.DEVICE, "clip-a.bin")])
-        reply = self.curl(*h.json_download_args(self.port, h.playback_uri(name="clip-a.bin", size=size)))
-        self.assertEqual(reply.status, 200, self.log_tail())
-        self.assertIn("Content-Length: %d" % (size + h.HEAD_SIZE), reply.headers)
-        self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
-
-    def test_json_form_without_name_and_size_streams_chunked(self):
-        reply = self.curl(*h.json_download_args(self.port, h.playback_uri()))
-        self.assertEqual(reply.status, 200, self.log_tail())
-        self.assertIn("Transfer-Encoding: chunked", reply.headers)
-        self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
-
-    def test_xml_form_addressed_by_rtsp_port(self):
-        uri = "rtsp://127.0.0.1:554/Streaming/tracks/101/playback?starttime=%s&endtime=%s&name=clip-a.bin" % (
+        by_port = "rtsp://127.0.0.1:554/Streaming/tracks/101/playback?starttime=%s&endtime=%s&name=clip-a.bin" % (
             h.START, h.END)
-        reply = self.curl(*h.xml_download_args(self.port, uri))
-        self.assertEqual(reply.status, 200, self.log_tail())
-        self.assertIn("Content-Length:", reply.headers)
-        self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
+        by_camera = "rtsp://127.0.0.1:8554/camera/%s/playback?starttime=%s&endtime=%s" % (h.CAMERA, h.START, h.END)
+        cases = [
+            ("json, Content-Length", h.json_download_args(self.port, h.playback_uri(name="clip-a.bin", size=size)),
+             "Content-Length: %d" % (size + h.HEAD_SIZE), h.DEVICE, "clip-a.bin"),
+            ("json, chunked", h.json_download_args(self.port, h.playback_uri()),
+             "Transfer-Encoding: chunked", h.DEVICE, "clip-a.bin"),
+            ("xml by RTSP port", h.xml_download_args(self.port, by_port),
+             "Content-Length: %d" % (size + h.HEAD_SIZE), h.DEVICE, "clip-a.bin"),
+            ("xml by camera path", h.xml_download_args(self.port, by_camera), "Content-Length:", h.CAMERA, "clip-c.bin"),
+        ]
+        for what, args, header, device, name in cases:
+            with self.subTest(what):
+                reply = self.curl(*args)
+                self.assertEqual(reply.status, 200, self.log_tail())
+                self.assertIn(header, reply.headers)
+                self.assert_recording_body(reply.body, device, name)
 
-    def test_xml_form_addressed_by_camera_path(self):
-        uri = "rtsp://127.0.0.1:8554/camera/%s/playback?starttime=%s&endtime=%s" % (h.CAMERA, h.START, h.END)
-        reply = self.curl(*h.xml_download_args(self.port, uri))
-        self.assertEqual(reply.status, 200, self.log_tail())
-        self.assert_recording_body(reply.body, h.CAMERA, "clip-c.bin")
-
-
-class ManyClientsAtOnce(h.GatewayCase):
     def test_parallel_downloads_all_arrive_whole(self):
         uri = h.playback_uri(name="clip-a.bin")
         outputs = [os.path.join(self.dir, "parallel-%d.bin" % i) for i in range(6)]

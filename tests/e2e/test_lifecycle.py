@@ -1,5 +1,4 @@
 """Start and stop of the gateway process: defaults, refusals at start, clean exit."""
-import json
 import os
 import signal
 import socket
@@ -26,28 +25,20 @@ class StartRefusals(unittest.TestCase):
             command += ["--config", path]
         return subprocess.run(command, capture_output=True, text=True, timeout=30)
 
-    def test_bad_configuration_exits_2_naming_the_field(self):
-        for config, field in [('{"server":{"httpPort":0}}', "server.httpPort"),
-                              ('{"auth":{"users":[{"name":"a"}]}}', "auth.users[0]"),
-                              ('{"media":{"devices":[{"devIndex":"x"}]}}', "media.devices[0].devIndex"),
-                              ('{"logging":{}}', "logging: unknown field"),
-                              ('{"server":', "not valid JSON")]:
-            result = self.run_gateway(config=config)
-            self.assertEqual(result.returncode, 2, config)
-            self.assertIn(field, result.stderr)
-        result = self.run_gateway("--port", "http")
-        self.assertEqual(result.returncode, 2)
-        self.assertIn("server.httpPort", result.stderr)
-        result = self.run_gateway("--status-file", os.path.join(self.dir.name, "missing", "status.json"))
-        self.assertEqual(result.returncode, 2)
-        self.assertIn("statusFile", result.stderr)
-
-    def test_missing_plugin_exits_1(self):
-        result = self.run_gateway("--port", str(h.free_port()), "--plugin", os.path.join(self.dir.name, "none.so"))
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("cannot load the plug-in", result.stderr)
-
-    def test_port_in_use_exits_1(self):
+    def test_refusals_at_start_exit_2_for_configuration_and_1_for_the_server(self):
+        # Which field each refusal names is the gateway's unit tests; here the exit codes.
+        missing_dir = os.path.join(self.dir.name, "missing", "status.json")
+        cases = [((), '{"logging":{}}', 2, "logging: unknown field"),
+                 ((), '{"server":', 2, "not valid JSON"),
+                 (("--port", "http"), None, 2, "server.httpPort"),
+                 (("--status-file", missing_dir), None, 2, "statusFile"),
+                 (("--port", str(h.free_port()), "--plugin", os.path.join(self.dir.name, "none.so")), None, 1,
+                  "cannot load the plug-in")]
+        for args, config, code, text in cases:
+            with self.subTest(text):
+                result = self.run_gateway(*args, config=config)
+                self.assertEqual(result.returncode, code, result.stderr)
+                self.assertIn(text, result.stderr)
         with socket.socket() as taken:
             taken.bind(("127.0.0.1", 0))
             taken.listen()
@@ -57,7 +48,7 @@ class StartRefusals(unittest.TestCase):
 
 
 class DefaultsWithoutConfigFile(h.GatewayCase):
-    def write_config(self, config=None):
+    def write_config(self):
         return None  # no file: built-in defaults and command-line overrides only
 
     def start_gateway(self, config_path, *extra):
@@ -68,7 +59,7 @@ class DefaultsWithoutConfigFile(h.GatewayCase):
     def prepare_media(self):
         pass
 
-    def test_defaults_serve_the_sample_to_the_default_user(self):
+    def test_defaults_serve_the_sample_to_the_default_user_and_sigint_stops_with_0(self):
         self.assertEqual(self.status()["port"], self.port)
         with open(os.path.join(self.media, h.DEVICE_DEFAULT, "sample-0001.bin"), "rb") as sample:
             self.recordings[(h.DEVICE_DEFAULT, "sample-0001.bin")] = sample.read()
@@ -78,8 +69,7 @@ class DefaultsWithoutConfigFile(h.GatewayCase):
         self.assertEqual(reply.status, 200, self.log_tail())
         self.assert_recording_body(reply.body, h.DEVICE_DEFAULT, "sample-0001.bin")
 
-    def test_sigint_stops_with_exit_code_0(self):
-        self.process.send_signal(signal.SIGINT)
+        self.process.send_signal(signal.SIGINT)  # SIGTERM is every other case's tearDown
         self.assertEqual(self.process.wait(timeout=30), 0, self.log_tail())
         status = self.status()
         self.assertFalse(status["ready"])

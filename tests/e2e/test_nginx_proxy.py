@@ -41,7 +41,6 @@ http {{
 """
 
 
-@unittest.skipUnless(os.access(NGINX, os.X_OK), "nginx is not installed")
 class NginxProxy(h.GatewayCase):
     def setUp(self):
         super().setUp()

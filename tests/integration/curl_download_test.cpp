@@ -30,11 +30,13 @@ unsigned long long largeDownloadBytes()
 
 struct Fnv64 {
     unsigned long long hash = 1469598103934665603ull;
+    unsigned long long size = 0;
     void add(const char* data, size_t length)
     {
         for (size_t i = 0; i < length; ++i) {
             hash = (hash ^ (unsigned char)data[i]) * 1099511628211ull;
         }
+        size += length;
     }
 };
 
@@ -43,40 +45,38 @@ protected:
     void SetUp() override
     {
         PluginFixture::SetUp();
-        char dir[] = "/tmp/hpw_curl_XXXXXX";
-        ASSERT_NE(mkdtemp(dir), nullptr);
-        directory = dir;
         sink.syntheticSize = largeDownloadBytes();
         sink.blockSize = 256 * 1024;
     }
     void TearDown() override
     {
-        system(("rm -rf " + directory).c_str());
+        unlink(headerFile.c_str());
         PluginFixture::TearDown();
     }
 
-    // Runs curl; returns the HTTP status and fills the response headers text.
-    int curl(const std::string& arguments, const std::string& output, std::string& headers)
+    // Runs curl with the body on its standard output, which is hashed as it
+    // arrives; returns the last response's status and fills its header text.
+    int curl(const std::string& arguments, std::string& headers, Fnv64& body)
     {
-        std::string headerFile = directory + "/headers";
-        std::string command = "curl -s -S --digest -u admin:secret -D " + headerFile + " -o " + output + " " +
-                              arguments + " -w '%{http_code}'";
+        std::string command = "curl -s -S --digest -u admin:secret -D " + headerFile + " -o - " + arguments;
         ZRT_UINT64 start = ZRT_GetTimeTick64();
         FILE* pipe = popen(command.c_str(), "r");
         if (pipe == nullptr) {
             return -1;
         }
-        char status[16] = {0};
-        size_t got = fread(status, 1, sizeof status - 1, pipe);
-        status[got] = '\0';
+        std::vector<char> block(1 << 20);
+        for (size_t got; (got = fread(block.data(), 1, block.size(), pipe)) > 0;) {
+            body.add(block.data(), got);
+        }
         pclose(pipe);
         RecordProperty("curl_ms", (int)(ZRT_GetTimeTick64() - start));
         std::ifstream in(headerFile);
         headers.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-        return atoi(status);
+        size_t last = headers.rfind("HTTP/1.1 ");
+        return last == std::string::npos ? -1 : atoi(headers.c_str() + last + 9);
     }
 
-    unsigned long long expectedHash()
+    Fnv64 expectedBody()
     {
         Fnv64 fnv;
         fnv.add(sink.streamHead.data(), sink.streamHead.size());
@@ -86,70 +86,42 @@ protected:
             FakeServerSink::syntheticBytes(offset, block.data(), piece);
             fnv.add(block.data(), piece);
         }
-        return fnv.hash;
-    }
-
-    unsigned long long fileHash(const std::string& path, unsigned long long& size)
-    {
-        Fnv64 fnv;
-        size = 0;
-        std::ifstream in(path, std::ios::binary);
-        std::vector<char> block(1 << 20);
-        while (in) {
-            in.read(block.data(), (std::streamsize)block.size());
-            fnv.add(block.data(), (size_t)in.gcount());
-            size += (unsigned long long)in.gcount();
-        }
-        return fnv.hash;
-    }
-
-    void expectExactDownload(const std::string& output)
-    {
-        unsigned long long size = 0;
-        unsigned long long hash = fileHash(output, size);
-        EXPECT_EQ(size, sink.syntheticSize + 40);
-        EXPECT_EQ(hash, expectedHash());
-        EXPECT_TRUE(waitIdle());
+        return fnv;
     }
 
     std::string baseUrl() const { return "http://127.0.0.1:" + std::to_string(port); }
 
-    std::string directory;
+    const std::string headerFile = "/tmp/hpw_curl_headers_" + std::to_string(getpid());
 };
 
 }  // namespace
 
-TEST_F(CurlDownload, JsonFormWithContentLength)
+TEST_F(CurlDownload, BothFormsAndBothTransferModesArriveByteExact)
 {
-    std::string output = directory + "/json.bin";
-    std::string headers;
-    std::string body = jsonDownloadBody("&name=big&size=" + std::to_string(sink.syntheticSize));
-    int status = curl("-X POST -d '" + body + "' '" + baseUrl() + jsonDownloadTarget() + "'", output, headers);
-    ASSERT_EQ(status, 200);
-    EXPECT_NE(headers.find("Content-Length: " + std::to_string(sink.syntheticSize + 40)), std::string::npos);
-    expectExactDownload(output);
-}
-
-TEST_F(CurlDownload, JsonFormChunked)
-{
-    std::string output = directory + "/chunked.bin";
-    std::string headers;
-    int status = curl("-X POST -d '" + jsonDownloadBody("") + "' '" + baseUrl() + jsonDownloadTarget() + "'", output,
-                      headers);
-    ASSERT_EQ(status, 200);
-    EXPECT_NE(headers.find("Transfer-Encoding: chunked"), std::string::npos);
-    expectExactDownload(output);
-}
-
-TEST_F(CurlDownload, XmlFormWithABody)
-{
-    std::string output = directory + "/xml.bin";
-    std::string headers;
-    std::string body = xmlDownloadBody("rtsp://10.0.0.5:554/Streaming/tracks/playback?starttime=1&amp;endtime=2");
-    int status = curl("-X GET -H 'Content-Type: application/xml' --data-binary '" + body + "' '" + baseUrl() +
-                          "/QUMEX/ContentMgmt/download'",
-                      output, headers);
-    ASSERT_EQ(status, 200);
-    EXPECT_NE(headers.find("Content-Length: " + std::to_string(sink.syntheticSize + 40)), std::string::npos);
-    expectExactDownload(output);
+    const std::string length = "Content-Length: " + std::to_string(sink.syntheticSize + 40);
+    const std::string xmlBody =
+        xmlDownloadBody("rtsp://10.0.0.5:554/Streaming/tracks/playback?starttime=1&amp;endtime=2");
+    const std::string jsonUrl = " '" + baseUrl() + jsonDownloadTarget() + "'";
+    const struct {
+        std::string arguments;
+        std::string header;
+    } rows[] = {
+        {"-X POST -d '" + jsonDownloadBody("&name=big&size=" + std::to_string(sink.syntheticSize)) + "'" + jsonUrl,
+         length},
+        {"-X POST -d '" + jsonDownloadBody("") + "'" + jsonUrl, "Transfer-Encoding: chunked"},
+        {"-X GET -H 'Content-Type: application/xml' --data-binary '" + xmlBody + "' '" + baseUrl() +
+             "/QUMEX/ContentMgmt/download'",
+         length},
+    };
+    const Fnv64 expected = expectedBody();
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.arguments.substr(0, 60));
+        std::string headers;
+        Fnv64 body;
+        ASSERT_EQ(curl(row.arguments, headers, body), 200) << headers;
+        EXPECT_NE(headers.find(row.header), std::string::npos) << headers;
+        EXPECT_EQ(body.size, sink.syntheticSize + 40);
+        EXPECT_EQ(body.hash, expected.hash);
+        EXPECT_TRUE(waitIdle());
+    }
 }

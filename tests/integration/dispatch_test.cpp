@@ -2,23 +2,11 @@
 // unknown URLs, and the ResponseStatus answers of the dispatch.
 #include <gtest/gtest.h>
 
-#include <cctype>
-
 #include "PluginFixture.h"
 
 namespace {
 
 class Dispatch : public PluginFixture {};
-
-bool isLowerHex(const std::string& text)
-{
-    for (char c : text) {
-        if (!isdigit((unsigned char)c) && !(c >= 'a' && c <= 'f')) {
-            return false;
-        }
-    }
-    return !text.empty();
-}
 
 }  // namespace
 
@@ -38,8 +26,9 @@ TEST_F(Dispatch, RequestWithoutCredentialsGetsTheDigestChallenge)
     ASSERT_GT(challenge.size(), prefix.size() + suffix.size());
     std::string nonce = challenge.substr(prefix.size(), challenge.size() - prefix.size() - suffix.size());
     EXPECT_EQ(challenge.substr(challenge.size() - suffix.size()), suffix);
-    EXPECT_TRUE(isLowerHex(nonce)) << nonce;
+    EXPECT_EQ(nonce.find_first_not_of("0123456789abcdef"), std::string::npos) << nonce;
     EXPECT_EQ(nonce.size() % 2, 0u);
+    EXPECT_FALSE(nonce.empty());
     EXPECT_TRUE(filter.seen().empty());
     EXPECT_TRUE(waitIdle());
 }
@@ -57,27 +46,30 @@ TEST_F(Dispatch, DeleteIsForbiddenAfterAuthentication)
 
 TEST_F(Dispatch, UnknownUrlsAnswerInvalidOperation)
 {
+    const std::string audio = "/QUMEX/System/TwoWayAudio/channels/1/open";
+    const struct {
+        const char* method;
+        std::string target;
+        int status;
+        const char* contentType;
+        std::string fragment;
+    } rows[] = {
+        {"GET", "/QUMEX/Other?x=1", 403, "application/json", "\"subStatusCode\":\"invalidOperation\""},
+        {"PUT", audio, 403, "application/xml", "<subStatusCode>invalidOperation</subStatusCode>"},
+        {"PUT", audio, 403, "application/xml", "<requestURL>" + audio + "</requestURL>"},
+        // POST must name the JSON format; with it, only the download URL is known.
+        {"POST", "/QUMEX/ContentMgmt/download", 400, "application/json", "\"subStatusCode\":\"badURLFormat\""},
+        {"POST", "/QUMEX/Other?format=json", 403, "application/json", "\"subStatusCode\":\"invalidOperation\""},
+    };
     RawHttpClient client(port);
-    RawResponse get = client.exchange(RawHttpClient::request("GET", "/QUMEX/Other?x=1", "", digestHeader()));
-    EXPECT_EQ(get.status, 403);
-    EXPECT_EQ(get.headers["content-type"], "application/json");
-    EXPECT_NE(get.body.find("\"subStatusCode\":\"invalidOperation\""), std::string::npos);
-
-    RawResponse put = client.exchange(
-        RawHttpClient::request("PUT", "/QUMEX/System/TwoWayAudio/channels/1/open", "", digestHeader()));
-    EXPECT_EQ(put.status, 403);
-    EXPECT_EQ(put.headers["content-type"], "application/xml");
-    EXPECT_NE(put.body.find("<subStatusCode>invalidOperation</subStatusCode>"), std::string::npos);
-    EXPECT_NE(put.body.find("<requestURL>/QUMEX/System/TwoWayAudio/channels/1/open</requestURL>"), std::string::npos);
-
-    // POST must name the JSON format; with it, only the download URL is known.
-    RawResponse noFormat =
-        client.exchange(RawHttpClient::request("POST", "/QUMEX/ContentMgmt/download", "{}", digestHeader()));
-    EXPECT_EQ(noFormat.status, 400);
-    EXPECT_NE(noFormat.body.find("\"subStatusCode\":\"badURLFormat\""), std::string::npos);
-    RawResponse otherPost =
-        client.exchange(RawHttpClient::request("POST", "/QUMEX/Other?format=json", "{}", digestHeader()));
-    EXPECT_EQ(otherPost.status, 403);
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.target);
+        const std::string body = std::string(row.method) == "POST" ? "{}" : "";
+        RawResponse response = client.exchange(RawHttpClient::request(row.method, row.target, body, digestHeader()));
+        EXPECT_EQ(response.status, row.status);
+        EXPECT_EQ(response.headers["content-type"], row.contentType);
+        EXPECT_NE(response.body.find(row.fragment), std::string::npos) << response.body;
+    }
     EXPECT_TRUE(waitIdle());
 }
 

@@ -3,9 +3,8 @@
 // what happens when the client or the gateway goes away.
 #include <gtest/gtest.h>
 
-#include <thread>
-
 #include "PluginFixture.h"
+#include "errors/HttpErrorHandler.h"
 #include "session/HttpSessionMgr.h"
 
 using HttpWrapper::CHttpSessionMgr;
@@ -122,23 +121,22 @@ TEST_F(Download, XmlFormRewritesTheUriAndAlwaysAnnouncesTheLength)
 
 TEST_F(Download, XmlFormFailuresMixJsonAndXmlAnswers)
 {
+    const struct {
+        std::string body;
+        const char* contentType;
+        const char* fragment;
+    } rows[] = {{"", "application/json", ""},
+                {"<a><b></a>", "application/json", ""},
+                {"<downloadRequest/>", "application/xml", "<subStatusCode>badParameters</subStatusCode>"},
+                {xmlDownloadBody("http//nothing"), "application/xml", ""}};
     RawHttpClient client(port);
-    RawResponse noBody = client.exchange(RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", "", digestHeader()));
-    EXPECT_EQ(noBody.status, 400);
-    EXPECT_EQ(noBody.headers["content-type"], "application/json");
-    RawResponse badXml =
-        client.exchange(RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", "<a><b></a>", digestHeader()));
-    EXPECT_EQ(badXml.status, 400);
-    EXPECT_EQ(badXml.headers["content-type"], "application/json");
-    RawResponse noUri = client.exchange(
-        RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", "<downloadRequest/>", digestHeader()));
-    EXPECT_EQ(noUri.status, 400);
-    EXPECT_EQ(noUri.headers["content-type"], "application/xml");
-    EXPECT_NE(noUri.body.find("<subStatusCode>badParameters</subStatusCode>"), std::string::npos);
-    RawResponse noPort = client.exchange(RawHttpClient::request(
-        "GET", "/QUMEX/ContentMgmt/download", xmlDownloadBody("http//nothing"), digestHeader()));
-    EXPECT_EQ(noPort.status, 400);
-    EXPECT_EQ(noPort.headers["content-type"], "application/xml");
+    for (const auto& row : rows) {
+        RawResponse response =
+            client.exchange(RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", row.body, digestHeader()));
+        EXPECT_EQ(response.status, 400) << row.body;
+        EXPECT_EQ(response.headers["content-type"], row.contentType) << row.body;
+        EXPECT_NE(response.body.find(row.fragment), std::string::npos) << response.body;
+    }
     EXPECT_TRUE(waitIdle());
 }
 
@@ -149,7 +147,8 @@ TEST_F(Download, GatewayRefusalsReachTheClient)
     filter.statusOnRefusal = 10;
     RawResponse json = jsonDownload("&name=a");
     EXPECT_EQ(json.status, 401);
-    EXPECT_NE(json.body.find("\"subStatusCode\":\"badAuthorization\""), std::string::npos);
+    EXPECT_EQ(json.headers["content-type"], "application/json");
+    EXPECT_EQ(json.body, HttpWrapper::CHttpErrorHandler().getJSONResponseStatus(0x40000003));
 
     RawHttpClient client(port);
     RawResponse xml = client.exchange(RawHttpClient::request(
@@ -196,23 +195,4 @@ TEST_F(Download, AClientThatHangsUpMidDownloadReleasesEverything)
     client.close();
     EXPECT_TRUE(waitIdle()) << "stream, session or download count outlived the client";
     EXPECT_EQ(sink.closed(), 1);
-}
-
-TEST_F(Download, ASlowReaderStillGetsEveryByte)
-{
-    sink.recording = recordingOf(8 * 1024 * 1024);
-    RawHttpClient client(port);
-    ASSERT_TRUE(client.connect());
-    ASSERT_TRUE(client.sendAll(
-        RawHttpClient::request("POST", jsonDownloadTarget(), jsonDownloadBody("&name=slow"), digestHeader())));
-    std::string raw;
-    for (int i = 0; i < 40; ++i) {  // dawdle at first, then read the rest
-        raw += client.readSome(16 * 1024, 2000);
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    RawResponse rest = client.readResponse(20000);
-    RawResponse response = RawHttpClient::parse(raw + rest.raw, rest.complete);
-    ASSERT_EQ(response.status, 200);
-    EXPECT_TRUE(response.body == sink.streamHead + sink.recording);
-    EXPECT_TRUE(waitIdle());
 }

@@ -2,8 +2,6 @@
 
 #include <string.h>
 
-#include <chrono>
-
 int FakeFilterChain::Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
                              PROTOCOL_FILTER::IConnectContext* context)
 {
@@ -53,10 +51,6 @@ void FakeServerSink::syntheticBytes(unsigned long long offset, char* out, size_t
     }
 }
 
-FakeServerSink::FakeServerSink() = default;
-
-FakeServerSink::~FakeServerSink() = default;
-
 int FakeServerSink::OnOpen(const char*, const char*, PROTOCOL_WRAPPER::IServerData* data, void** sessionHandle)
 {
     if (openResult != 0) {
@@ -68,11 +62,6 @@ int FakeServerSink::OnOpen(const char*, const char*, PROTOCOL_WRAPPER::IServerDa
     ++m_open;
     ++m_opened;
     return 0;
-}
-
-int FakeServerSink::pushStream(void*)
-{
-    return pushResult;
 }
 
 int FakeServerSink::OnStart(void* sessionHandle, int)
@@ -104,11 +93,7 @@ void FakeServerSink::deliver(Stream* stream)
             block = &recording[(size_t)offset];
         }
         result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, block, (int)piece);
-        if (sendDelayMs > 0) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(sendDelayMs));
-        }
     }
-    lastSendResult = result;
     if (result == 0 && !stream->stop) {
         m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0);
     }
@@ -129,17 +114,7 @@ int FakeServerSink::OnClose(void* sessionHandle)
         stream->thread.join();
     }
     delete stream;
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        --m_open;
-        ++m_closed;
-    }
-    m_changed.notify_all();
+    ++m_closed;
+    --m_open;
     return 0;
-}
-
-bool FakeServerSink::waitAllClosed(int timeoutMs)
-{
-    std::unique_lock<std::mutex> guard(m_lock);
-    return m_changed.wait_for(guard, std::chrono::milliseconds(timeoutMs), [this] { return m_open == 0; });
 }

@@ -21,12 +21,6 @@ void LogCapture::output(int level, const char* module, const char* text, void* u
     self->m_lines.push_back(std::string(module) + "|" + text);
 }
 
-std::vector<std::string> LogCapture::lines()
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    return m_lines;
-}
-
 bool LogCapture::contains(const std::string& text)
 {
     return count(text) > 0;

@@ -14,9 +14,7 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    // Every captured line as "<module>|<text>".
-    std::vector<std::string> lines();
-    // True when some line contains the text.
+    // Lines are captured as "<module>|<text>". True when some line contains the text.
     bool contains(const std::string& text);
     size_t count(const std::string& text);
     void clear();

@@ -29,9 +29,6 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // Extra server URL parameters, e.g. "&work_thread=2"; set before SetUp runs.
-    virtual std::string urlParameters() { return "&work_thread=4"; }
-
     // Waits until every session is gone and the download count is back to 0.
     bool waitIdle(int timeoutMs = 10000);
 

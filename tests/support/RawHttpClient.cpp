@@ -1,48 +1,9 @@
 #include "RawHttpClient.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
 #include <stdlib.h>
-#include <string.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
-
-RawHttpClient::~RawHttpClient()
-{
-    close();
-}
-
-bool RawHttpClient::connect()
-{
-    close();
-    m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (m_fd < 0) {
-        return false;
-    }
-    sockaddr_in addr;
-    memset(&addr, 0, sizeof addr);
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons((uint16_t)m_port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return ::connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0;
-}
-
-bool RawHttpClient::sendAll(const std::string& bytes)
-{
-    size_t sent = 0;
-    while (sent < bytes.size()) {
-        ssize_t n = ::send(m_fd, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) {
-            return false;
-        }
-        sent += (size_t)n;
-    }
-    return true;
-}
 
 namespace {
 // A chunked body ends with its terminator; the server then waits for the client
@@ -61,46 +22,14 @@ bool chunkedBodyEnded(const std::string& raw)
 RawResponse RawHttpClient::readResponse(int timeoutMs)
 {
     std::string raw;
-    bool complete = false;
-    char buffer[65536];
-    for (;;) {
-        pollfd pfd = {m_fd, POLLIN, 0};
-        if (poll(&pfd, 1, timeoutMs) <= 0) {
-            break;
-        }
-        ssize_t n = ::recv(m_fd, buffer, sizeof buffer, 0);
-        if (n <= 0) {
-            complete = true;
-            break;
-        }
-        raw.append(buffer, (size_t)n);
-        if (chunkedBodyEnded(raw)) {
-            RawResponse response = parse(raw, true);
-            std::string plain;
-            if (response.dechunk(plain)) {
-                return response;
-            }
+    for (std::string piece; !(piece = m_client.receiveSome(65536, timeoutMs)).empty();) {
+        raw += piece;
+        std::string plain;
+        if (chunkedBodyEnded(raw) && parse(raw, true).dechunk(plain)) {
+            return parse(raw, true);
         }
     }
-    return parse(raw, complete);
-}
-
-std::string RawHttpClient::readSome(size_t bytes, int timeoutMs)
-{
-    std::string raw;
-    char buffer[65536];
-    while (raw.size() < bytes) {
-        pollfd pfd = {m_fd, POLLIN, 0};
-        if (poll(&pfd, 1, timeoutMs) <= 0) {
-            break;
-        }
-        ssize_t n = ::recv(m_fd, buffer, std::min(sizeof buffer, bytes - raw.size()), 0);
-        if (n <= 0) {
-            break;
-        }
-        raw.append(buffer, (size_t)n);
-    }
-    return raw;
+    return parse(raw, m_client.waitForClose(0));  // closed, or silent for timeoutMs
 }
 
 RawResponse RawHttpClient::exchange(const std::string& request, int timeoutMs)
@@ -109,14 +38,6 @@ RawResponse RawHttpClient::exchange(const std::string& request, int timeoutMs)
         return RawResponse();
     }
     return readResponse(timeoutMs);
-}
-
-void RawHttpClient::close()
-{
-    if (m_fd >= 0) {
-        ::close(m_fd);
-        m_fd = -1;
-    }
 }
 
 std::string RawHttpClient::request(const std::string& method, const std::string& target, const std::string& body,

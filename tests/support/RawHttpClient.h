@@ -6,6 +6,8 @@
 #include <map>
 #include <string>
 
+#include "TestClient.h"
+
 struct RawResponse {
     bool complete = false;   // the server closed, or a chunked body ended
     std::string raw;         // every byte received
@@ -21,19 +23,17 @@ struct RawResponse {
 class RawHttpClient {
 public:
     explicit RawHttpClient(int port) : m_port(port) {}
-    ~RawHttpClient();
 
-    bool connect();
-    bool sendAll(const std::string& bytes);
+    bool connect() { return m_client.close(), m_client.connectTo(m_port); }
+    bool sendAll(const std::string& bytes) { return m_client.send(bytes); }
     // Reads until the server closes, a chunked body ends, or timeoutMs pass
     // without a byte.
     RawResponse readResponse(int timeoutMs = 5000);
     // Reads about `bytes` bytes (or until timeout) and returns them.
-    std::string readSome(size_t bytes, int timeoutMs = 5000);
+    std::string readSome(size_t bytes, int timeoutMs = 5000) { return m_client.receiveAll(timeoutMs, bytes); }
     // Sends a request and reads the whole response.
     RawResponse exchange(const std::string& request, int timeoutMs = 5000);
-    void close();
-    int fd() const { return m_fd; }
+    void close() { m_client.close(); }
 
     // A request with Content-Length for the body.
     static std::string request(const std::string& method, const std::string& target, const std::string& body,
@@ -42,7 +42,7 @@ public:
 
 private:
     int m_port;
-    int m_fd = -1;
+    nettest::TestClient m_client;
 };
 
 #endif  // TESTS_SUPPORT_RAWHTTPCLIENT_H

@@ -78,6 +78,13 @@ TEST(DigestAuthenticatorVerify, AcceptsCurrentCredentialsWithAndWithoutQop)
     credentials.qop.clear();  // RFC 2069 form of older clients
     decision = makeAuthenticator().verify("POST", credentials.header());
     EXPECT_TRUE(decision.accepted) << decision.reason;
+
+    // A nonce is fresh up to its lifetime, and a small clock skew ahead.
+    for (int64_t created : {kNow - 300, kNow + kNonceClockSkewSeconds}) {
+        credentials.nonce = encodePluginNonce(1, created);
+        decision = makeAuthenticator().verify("POST", credentials.header());
+        EXPECT_TRUE(decision.accepted) << created - kNow << ": " << decision.reason;
+    }
 }
 
 TEST(DigestAuthenticatorVerify, RefusesEveryForgedOrStaleVariant)
@@ -115,12 +122,4 @@ TEST(PluginNonce, DecodesTheCreationTimeOfThePluginForm)
                                    nonce.substr(0, 46)}) {
         EXPECT_FALSE(decodePluginNonceTime(bad, createdAt)) << bad;
     }
-}
-
-TEST(PluginNonce, FreshnessIncludesTheLifetimeBoundaryAndASmallSkew)
-{
-    EXPECT_TRUE(isNonceFresh(kNow - 300, kNow, 300));
-    EXPECT_FALSE(isNonceFresh(kNow - 301, kNow, 300));
-    EXPECT_TRUE(isNonceFresh(kNow + kNonceClockSkewSeconds, kNow, 300));
-    EXPECT_FALSE(isNonceFresh(kNow + kNonceClockSkewSeconds + 1, kNow, 300));
 }

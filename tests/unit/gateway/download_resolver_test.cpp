@@ -64,25 +64,23 @@ TEST_F(DownloadResolverTest, PicksByTimeNameAndSize)
 
 TEST_F(DownloadResolverTest, RefusesWithTheFittingRestError)
 {
-    std::string name;
     const std::string times = "&starttime=20260101T000000Z&endtime=20260101T010000Z";
-    EXPECT_EQ(resolve("rtsp://h/download?devIndex=ffffffff-0000-4000-8000-000000000000" + times, name),
-              RestError::kBadDevIndex);
-    EXPECT_EQ(resolve("rtsp://127.0.0.1:9/download?indexType=rtspPort&rtspPort=9" + times, name),
-              RestError::kBadDevIndex);
-    EXPECT_EQ(resolve("rtsp://h/download?" + times.substr(1), name), RestError::kBadParameters);
-    EXPECT_EQ(resolve("rtsp://h/download?devIndex=" + kCamera + "&starttime=20260101T000000Z", name),
-              RestError::kBadParameters);
-    EXPECT_EQ(resolve("rtsp://h/download?devIndex=" + kCamera + "&starttime=20260230T000000Z&endtime=20260301T0Z",
-                      name),
-              RestError::kIsoTimeFormatError);
-    EXPECT_EQ(resolve("rtsp://h/download?devIndex=" + kCamera + "&starttime=20260101T010000Z&endtime=20260101T000000Z",
-                      name),
-              RestError::kTimeRangeError);
-    EXPECT_EQ(resolve("rtsp://h/download?devIndex=" + kCamera + times + "&size=12kB", name),
-              RestError::kBadParameters);
-    EXPECT_EQ(resolve("rtsp://h/download?devIndex=" + kOther + times, name), RestError::kNoRecord);
-    EXPECT_EQ(resolve("http://h/download?devIndex=" + kCamera + times, name), -1);
+    const std::string camera = "rtsp://h/download?devIndex=" + kCamera;
+    const std::pair<std::string, int> rows[] = {
+        {"rtsp://h/download?devIndex=ffffffff-0000-4000-8000-000000000000" + times, RestError::kBadDevIndex},
+        {"rtsp://127.0.0.1:9/download?indexType=rtspPort&rtspPort=9" + times, RestError::kBadDevIndex},
+        {"rtsp://h/download?" + times.substr(1), RestError::kBadParameters},
+        {camera + "&starttime=20260101T000000Z", RestError::kBadParameters},
+        {camera + "&starttime=20260230T000000Z&endtime=20260301T0Z", RestError::kIsoTimeFormatError},
+        {camera + "&starttime=20260101T010000Z&endtime=20260101T000000Z", RestError::kTimeRangeError},
+        {camera + times + "&size=12kB", RestError::kBadParameters},
+        {"rtsp://h/download?devIndex=" + kOther + times, RestError::kNoRecord},
+        {"http://h/download?devIndex=" + kCamera + times, -1},
+    };
+    for (const auto& row : rows) {
+        std::string name;
+        EXPECT_EQ(resolve(row.first, name), row.second) << row.first;
+    }
 }
 
 TEST(PlaybackUriParsing, ThePluginsAppendedParametersWinOverTheClients)

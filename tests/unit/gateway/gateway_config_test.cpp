@@ -18,17 +18,13 @@ std::string refusalOf(const std::string& json)
 
 }  // namespace
 
-TEST(GatewayConfigFile, NoDocumentGivesTheDocumentedDefaults)
+TEST(GatewayConfigFile, NoDocumentGivesOneUserOneDeviceAndTheServerUrl)
 {
     GatewayConfig config;
     std::string error;
     ASSERT_TRUE(parseGatewayConfig(Json::Value(), config, error));
-    EXPECT_EQ(config.httpPort, 8080);
     ASSERT_EQ(config.users.size(), 1u);
-    EXPECT_EQ(config.users[0].name, "admin");
-    EXPECT_EQ(config.users[0].password, kDefaultPassword);
     ASSERT_EQ(config.devices.size(), 1u);
-    EXPECT_EQ(config.devices[0].devIndex.size(), 36u);
     EXPECT_EQ(buildServerUrl(config), "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000");
     config.audioTalkPort = 8081;
     EXPECT_EQ(buildServerUrl(config),

@@ -1,5 +1,5 @@
 // Helpers of the transport tests: a completion queue per test, TCP pairs made
-// with the transport's own helpers, and small waiting aids.
+// with the transport's own helpers, and a descriptor count.
 #ifndef TESTS_UNIT_TRANSPORT_TRANSPORT_TEST_SUPPORT_H
 #define TESTS_UNIT_TRANSPORT_TRANSPORT_TEST_SUPPORT_H
 
@@ -10,11 +10,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
+#include "CompletionCounter.h"
 #include "transport/SocketHelpers.h"
 
 namespace transport_test {
@@ -57,42 +55,9 @@ inline bool readExactly(int sock, char* out, size_t length)
     return true;
 }
 
-class Counter {
-public:
-    // Notifies under the lock: a waiter may destroy the counter as soon as it wakes.
-    void add()
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        ++m_count;
-        m_changed.notify_all();
-    }
-    int count()
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return m_count;
-    }
-    bool waitFor(int target, int timeoutMs = 30000)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_count >= target; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    int m_count = 0;
-};
-
-inline void countCompletion(unsigned long, unsigned long, void* context)
-{
-    static_cast<Counter*>(context)->add();
-}
-
-// Lets a completion that should not come arrive before the test looks.
-inline void settle()
-{
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-}
+using testsupport::Counter;
+using testsupport::countCompletion;
+using testsupport::settle;
 
 class QueueTest : public ::testing::Test {
 protected:

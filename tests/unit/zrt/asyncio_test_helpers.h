@@ -1,5 +1,5 @@
-// Helpers of the completion-queue tests: a queue per test, loopback TCP pairs,
-// a stream pattern for byte-exact checks and a counter to wait on.
+// Helpers of the runtime tests: loopback listeners and TCP pairs, a completion
+// queue per test, and a stream pattern for byte-exact checks.
 #ifndef ZRT_TESTS_ASYNCIO_TEST_HELPERS_H
 #define ZRT_TESTS_ASYNCIO_TEST_HELPERS_H
 
@@ -9,25 +9,42 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <thread>
 
+#include "CompletionCounter.h"
+
 namespace asyncio_test {
+
+// A listening socket on an ephemeral loopback port, or -1.
+inline int listenOnLoopback(ZRT_UINT16* port)
+{
+    ZRT_ADDR_T addr;
+    int sock = ZRT_CreateSocket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+    if (sock < 0 || ZRT_MakeAddrByString(&addr, "127.0.0.1", 0) != 0 || ZRT_Bind(sock, &addr) != 0 ||
+        ZRT_Listen(sock, 16) != 0 || ZRT_GetSockName(sock, &addr) != 0) {
+        return -1;
+    }
+    *port = ZRT_GetAddrPort(&addr);
+    return sock;
+}
 
 inline bool makeTcpPair(int& client, int& server)
 {
+    ZRT_UINT16 port = 0;
     ZRT_ADDR_T address;
-    int listener = ZRT_CreateSocket(AF_INET, SOCK_STREAM, 0);
-    bool ok = listener >= 0 && ZRT_MakeAddrByString(&address, "127.0.0.1", 0) == 0 &&
-              ZRT_Bind(listener, &address) == 0 && ZRT_Listen(listener, 4) == 0 &&
-              ZRT_GetSockName(listener, &address) == 0;
+    int listener = listenOnLoopback(&port);
+    bool ok = listener >= 0 && ZRT_MakeAddrByString(&address, "127.0.0.1", port) == 0;
     client = ok ? ZRT_CreateSocket(AF_INET, SOCK_STREAM, 0) : -1;
     ok = ok && client >= 0 && ZRT_ConnectWithTimeOut(client, &address, 5000) == 0;
     server = ok ? ZRT_Accept(listener, nullptr, 5000) : -1;
     close(listener);
     return ok && server >= 0;
+}
+
+inline ZRT_UINT64 elapsedMs(ZRT_UINT64 start)
+{
+    return ZRT_GetTimeTick64() - start;
 }
 
 // Byte at offset of stream number `stream`: no period that lines up with chunk
@@ -54,43 +71,9 @@ inline bool matchesPattern(const char* data, size_t length, uint64_t offset, uns
     return true;
 }
 
-// Counts events of completion threads; the test waits for a number.
-class Counter {
-public:
-    // Notifies under the lock: a waiter may destroy the counter as soon as it wakes.
-    void add()
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        ++m_count;
-        m_changed.notify_all();
-    }
-    int count()
-    {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return m_count;
-    }
-    bool waitFor(int target, int timeoutMs = 30000)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_count >= target; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    int m_count = 0;
-};
-
-inline void countCompletion(unsigned long, unsigned long, void* context)
-{
-    static_cast<Counter*>(context)->add();
-}
-
-// Lets a completion that should not come arrive before the test looks.
-inline void settle()
-{
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-}
+using testsupport::Counter;
+using testsupport::countCompletion;
+using testsupport::settle;
 
 class AsyncQueueTest : public ::testing::Test {
 protected:

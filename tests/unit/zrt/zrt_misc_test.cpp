@@ -32,6 +32,7 @@ TEST(ZrtClock, TicksAreMonotonicAndTimeIsWallClock)
     EXPECT_NEAR((double)(now / 1000000), (double)time(nullptr), 2.0);
 }
 
+// The plug-in's digest nonces take their random part from here.
 TEST(ZrtText, RandomNumbersStayInRangeAndVary)
 {
     std::set<ZRT_INT32> seen;
@@ -43,19 +44,11 @@ TEST(ZrtText, RandomNumbersStayInRangeAndVary)
     EXPECT_GT(seen.size(), 990u);
 }
 
-TEST(ZrtText, Atoi32AndStrncpyBehaveLikeTheirLibcTwins)
+TEST(ZrtText, Atoi32ToleratesNullAndTrailingText)
 {
     EXPECT_EQ(ZRT_Atoi32(nullptr), 0);
-    EXPECT_EQ(ZRT_Atoi32("8080"), 8080);
-    EXPECT_EQ(ZRT_Atoi32("70000abc"), 70000);
     EXPECT_EQ(ZRT_Atoi32(""), 0);
-
-    char buffer[8];
-    memset(buffer, 'x', sizeof buffer);
-    ZRT_Strncpy(buffer, "abcd", 4);  // exactly n: no terminator is written
-    EXPECT_EQ(memcmp(buffer, "abcdxxxx", 8), 0);
-    ZRT_Strncpy(buffer, "ab", 6);    // shorter: zero padded up to n
-    EXPECT_EQ(memcmp(buffer, "ab\0\0\0\0xx", 8), 0);
+    EXPECT_EQ(ZRT_Atoi32("70000abc"), 70000);
 }
 
 TEST(ZrtText, ExecutablePathNamesTheRunningBinary)
@@ -68,7 +61,7 @@ TEST(ZrtText, ExecutablePathNamesTheRunningBinary)
     EXPECT_EQ(ZRT_GetCurExePath(path, 1), -1);
 }
 
-TEST(ZrtDso, LoadsResolvesAndUnloadsALibrary)
+TEST(ZrtDso, LoadsResolvesAndUnloadsALibraryAndFailsWithAReason)
 {
     void* dso = ZRT_LoadDSo(ZRT_TEST_DSO_PATH);
     ASSERT_NE(dso, nullptr) << ZRT_GetDsoError();
@@ -81,10 +74,7 @@ TEST(ZrtDso, LoadsResolvesAndUnloadsALibrary)
     EXPECT_STREQ(name, "zrt-test-dso");
     EXPECT_EQ(ZRT_GetDsoSym(dso, "no_such_symbol"), nullptr);
     EXPECT_EQ(ZRT_UnloadDSo(dso), 0);
-}
 
-TEST(ZrtDso, MissingLibraryFailsWithAReason)
-{
     EXPECT_EQ(ZRT_LoadDSo("/nonexistent/libnothing.so"), nullptr);
     EXPECT_NE(ZRT_GetSystemLastError(), 0);
     EXPECT_EQ(ZRT_LoadDSo(nullptr), nullptr);

@@ -1,8 +1,9 @@
 /*
- * A raw TCP client for the server tests: sends exact bytes, reads exact bytes.
+ * A raw loopback TCP client: sends exact bytes, reads exact bytes. Header-only,
+ * for the suites that link no support library.
  */
-#ifndef NETUTILS_TEST_TESTCLIENT_H
-#define NETUTILS_TEST_TESTCLIENT_H
+#ifndef TESTS_SUPPORT_TESTCLIENT_H
+#define TESTS_SUPPORT_TESTCLIENT_H
 
 #include <arpa/inet.h>
 #include <poll.h>
