@@ -4,10 +4,9 @@
 // RTSP conversion; the file then streams back through send().
 #include <string.h>
 
-#include <json/json.h>
-
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
+#include "session/DownloadUri.h"
 #include "session/HttpSession.h"
 #include "session/HttpSessionMgr.h"
 #include "util/StringUtils.h"
@@ -19,16 +18,6 @@ namespace {
 const unsigned int kRestBadUrlFormat = 0x50000003;
 const unsigned int kRestBadParameters = 0x60000001;
 const size_t kDevIndexLength = 36;
-
-// The first "playback" becomes "download": the gateway serves downloads under
-// the same URI with that word changed.
-void rewritePlaybackToDownload(std::string& uri)
-{
-    size_t found = uri.find("playback");
-    if (found != std::string::npos) {
-        uri.replace(found, 8, "download");
-    }
-}
 }  // namespace
 
 int CHttpSession::processDownloadRequest(char* body, int length)
@@ -47,19 +36,11 @@ int CHttpSession::processDownloadRequest(char* body, int length)
         return -1;
     }
 
-    Json::Value root;
-    Json::Reader reader;
-    if (!reader.parse(body, body + length, root, false) || !root.isObject() || !root.isMember("downloadRequest") ||
-        !root["downloadRequest"].isObject() || !root["downloadRequest"].isMember("playbackURI") ||
-        !root["downloadRequest"]["playbackURI"].isString()) {
+    if (!ReadJsonDownloadUri(body, length, m_strPlaybackURI)) {
         m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadParameters);
         return -1;
     }
-    m_strPlaybackURI = root["downloadRequest"]["playbackURI"].asString();
-    rewritePlaybackToDownload(m_strPlaybackURI);
-
-    if (!Contain(m_strPlaybackURI, "download") || !Contain(m_strPlaybackURI, "starttime") ||
-        !Contain(m_strPlaybackURI, "endtime") || !Contain(m_strPlaybackURI, devIndex)) {
+    if (!IsCompleteDownloadUri(m_strPlaybackURI, devIndex)) {
         m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadParameters);
         return -1;
     }
@@ -128,7 +109,7 @@ int CHttpSession::processQumexDownloadRequest(char* body, int length)
                                                            : "?indexType=rtspPort&rtspPort=";
         m_strPlaybackURI += port;
     }
-    rewritePlaybackToDownload(m_strPlaybackURI);
+    RewritePlaybackToDownload(m_strPlaybackURI);
 
     // This form always announces a Content-Length: it never streams chunked.
     if (convertToRtspProcess(true) != 0) {

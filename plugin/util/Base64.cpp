@@ -6,7 +6,9 @@
 
 namespace {
 
-const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+// constexpr, not just const: the decoding tables below read it at compile time,
+// and the language allows that only for a constexpr array (GCC accepts const).
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 const char kPad = '=';
 
 // Decoding tables for the codes 0 to 127: an alphabet character maps to its
