@@ -1,12 +1,12 @@
 #include "RecordingStream.h"
 
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <new>
 
 #include "Logger.h"
 #include "StreamBlocks.h"
@@ -31,30 +31,50 @@ RecordingStream::~RecordingStream()
 {
     stop();
     close(m_fd);
+    if (m_buffer) {
+        munmap(m_buffer, m_blockSize);
+    }
 }
 
 bool RecordingStream::prepare()
 {
-    try {
-        m_buffer.resize(m_blockSize);
-    } catch (const std::bad_alloc&) {
+    if (m_buffer) {
+        return true;
+    }
+    // Mapped straight from the system rather than taken from malloc: the allocator kept
+    // freed blocks of this size in its per-thread arenas, so after each burst of downloads
+    // the process held on to tens of megabytes more. An unmapped block is gone.
+    void* block = mmap(nullptr, m_blockSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (block == MAP_FAILED) {
         return false;
     }
+    m_buffer = static_cast<unsigned char*>(block);
     return true;
 }
 
 bool RecordingStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server)
 {
     std::lock_guard<std::mutex> guard(m_controlLock);
-    if (m_started || m_buffer.empty()) {
+    if (m_started || !m_buffer) {
         return false;
+    }
+    // When the server is known, the two opening blocks (and so the reply's head) go out on
+    // the caller's thread: the client's first byte does not wait for a new thread to be
+    // scheduled, which on a busy machine takes milliseconds. They are small and meet an
+    // empty socket buffer, so the caller is not held up.
+    PROTOCOL_WRAPPER::IServer* known = server.load();
+    if (known && !sendOpening(known)) {
+        std::lock_guard<std::mutex> outcomeGuard(m_outcomeLock);
+        m_outcome = "client went away";
+        m_started = true;
+        return true;
     }
     {
         std::lock_guard<std::mutex> outcomeGuard(m_outcomeLock);
         m_outcome = "running";
     }
     try {
-        m_thread = std::thread(&RecordingStream::deliver, this, &server);
+        m_thread = std::thread(&RecordingStream::deliver, this, &server, known != nullptr);
     } catch (const std::system_error&) {
         std::lock_guard<std::mutex> outcomeGuard(m_outcomeLock);
         m_outcome = "not started: no thread";
@@ -79,7 +99,7 @@ std::string RecordingStream::outcome()
     return m_outcome;
 }
 
-void RecordingStream::deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
+void RecordingStream::deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot, bool openingSent)
 {
     // A request can reach the plug-in before CreateServer has returned the server to us.
     PROTOCOL_WRAPPER::IServer* server = serverSlot->load();
@@ -87,26 +107,31 @@ void RecordingStream::deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* ser
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         server = serverSlot->load();
     }
-    const std::string outcome = server ? deliverTo(server) : "stopped before delivery";
+    std::string outcome = "stopped before delivery";
+    if (server) {
+        outcome = openingSent || sendOpening(server) ? deliverFile(server) : "client went away";
+    }
     std::lock_guard<std::mutex> guard(m_outcomeLock);
     m_outcome = outcome;
 }
 
-std::string RecordingStream::deliverTo(PROTOCOL_WRAPPER::IServer* server)
+bool RecordingStream::sendOpening(PROTOCOL_WRAPPER::IServer* server)
 {
     auto info = buildStreamInfo(m_fileLength);
     auto head = buildStreamHead(m_fileLength, m_recording.start, m_recording.end, static_cast<uint32_t>(m_blockSize));
-    if (!sendBlock(server, PROTOCOL_WRAPPER::STREAM_INFO, info.data(), info.size()) ||
-        !sendBlock(server, PROTOCOL_WRAPPER::STREAM_HEAD, head.data(), head.size())) {
-        return "client went away";
-    }
+    return sendBlock(server, PROTOCOL_WRAPPER::STREAM_INFO, info.data(), info.size()) &&
+           sendBlock(server, PROTOCOL_WRAPPER::STREAM_HEAD, head.data(), head.size());
+}
+
+std::string RecordingStream::deliverFile(PROTOCOL_WRAPPER::IServer* server)
+{
     uint64_t offset = 0;
     while (offset < m_fileLength) {
         if (m_stopRequested) {
             return "stopped by the plug-in";
         }
-        size_t wanted = static_cast<size_t>(std::min<uint64_t>(m_buffer.size(), m_fileLength - offset));
-        ssize_t got = pread(m_fd, m_buffer.data(), wanted, static_cast<off_t>(offset));
+        size_t wanted = static_cast<size_t>(std::min<uint64_t>(m_blockSize, m_fileLength - offset));
+        ssize_t got = pread(m_fd, m_buffer, wanted, static_cast<off_t>(offset));
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -118,12 +143,12 @@ std::string RecordingStream::deliverTo(PROTOCOL_WRAPPER::IServer* server)
                        reason.c_str(), static_cast<unsigned long long>(offset), m_recording.path.c_str());
             return reason;
         }
-        if (!sendBlock(server, PROTOCOL_WRAPPER::STREAM_DATA, m_buffer.data(), static_cast<size_t>(got))) {
+        if (!sendBlock(server, PROTOCOL_WRAPPER::STREAM_DATA, m_buffer, static_cast<size_t>(got))) {
             return "client went away";
         }
         offset += static_cast<uint64_t>(got);
     }
-    return sendBlock(server, PROTOCOL_WRAPPER::STREAM_END, m_buffer.data(), 0) ? "complete" : "client went away";
+    return sendBlock(server, PROTOCOL_WRAPPER::STREAM_END, m_buffer, 0) ? "complete" : "client went away";
 }
 
 bool RecordingStream::sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length)

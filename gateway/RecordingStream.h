@@ -12,7 +12,6 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "MediaLibrary.h"
 
@@ -31,9 +30,10 @@ public:
     uint64_t fileLength() const { return m_fileLength; }
     uint64_t bytesSent() const { return m_bytesSent; }
 
-    // Allocates the one block buffer the stream reads into; false when memory is short.
+    // Maps the one block buffer the stream reads into; false when memory is short.
     bool prepare();
-    // Starts the delivery thread once; it waits for the server to be known.
+    // Starts the delivery once: sends the opening blocks at once when the server is known,
+    // and starts the thread that sends the rest (it waits for the server to be known).
     bool start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server);
     // Asks the delivery to stop and waits for its thread: no Send follows the return.
     // Safe to call from several threads and more than once.
@@ -42,9 +42,12 @@ public:
     std::string outcome();
 
 private:
-    void deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot);
-    // Sends everything in order; returns how the delivery ended.
-    std::string deliverTo(PROTOCOL_WRAPPER::IServer* server);
+    // The delivery thread; openingSent: start() has sent STREAM_INFO and STREAM_HEAD already.
+    void deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot, bool openingSent);
+    // STREAM_INFO then STREAM_HEAD; false when the client is gone.
+    bool sendOpening(PROTOCOL_WRAPPER::IServer* server);
+    // The file in blocks, then STREAM_END; returns how the delivery ended.
+    std::string deliverFile(PROTOCOL_WRAPPER::IServer* server);
     bool sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length);
 
     const uint64_t m_id;
@@ -55,7 +58,7 @@ private:
     const size_t m_blockSize;
     Logger& m_log;
 
-    std::vector<unsigned char> m_buffer;  // used by the delivery thread only, once started
+    unsigned char* m_buffer = nullptr;  // m_blockSize bytes; used by the delivery thread only, once started
     std::atomic<bool> m_stopRequested;
     std::atomic<uint64_t> m_bytesSent;
     std::mutex m_controlLock;  // guards m_thread and m_started; held while joining

@@ -1,0 +1,714 @@
+#!/usr/bin/env python3
+"""Measures media-gateway with the HTTP plug-in side by side with nginx.
+
+Both servers run at the same time from one temporary folder and serve the
+same recordings: the gateway through its JSON configuration file, nginx from
+a generated configuration (three loopback ports: sendfile off, sendfile on,
+and a fixed 401 answer). Every case runs its rounds interleaved, the order of
+the servers alternating from round to round, so that drift of the machine hits
+both sides; results are medians of the rounds.
+
+Cases:
+  single      one download of a 1 GiB recording with curl to /dev/null
+  concurrent  400 simultaneous downloads of a 16 MiB recording (asyncio client)
+  challenge   requests without credentials (401), one connection each, 50 in flight
+  ttfb        time to the first byte of a download, one download at a time
+
+Usage: bench.py <build-dir> [--rounds N] [--cases LIST] [--block-size BYTES]
+                [--results FILE] [--keep]
+Python 3 standard library only; needs curl and nginx.
+"""
+import argparse
+import asyncio
+import datetime
+import hashlib
+import json
+import os
+import platform
+import random
+import re
+import resource
+import shutil
+import signal
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+USER, PASSWORD, REALM = "bench", "bench-secret", "bench-realm"
+DEVICE = "be0c0000-0000-4000-8000-000000000001"
+HEAD_SIZE = 40  # the gateway's stream head precedes the file in every download body
+MIB = 1024 * 1024
+
+# name, size, start and end time (each recording gets its own period)
+RECORDINGS = {
+    "big": ("big-1g.bin", 1024 * MIB, "20260101T000000Z", "20260101T010000Z"),
+    "mid": ("mid-16m.bin", 16 * MIB, "20260101T010000Z", "20260101T020000Z"),
+    "small": ("small-1m.bin", 1 * MIB, "20260101T020000Z", "20260101T030000Z"),
+}
+
+CONCURRENT_DOWNLOADS = 400
+CHALLENGE_REQUESTS = 4000
+CHALLENGE_IN_FLIGHT = 50
+TTFB_DOWNLOADS = 200
+
+NGINX_CONFIG = """\
+worker_processes {workers};
+pid {dir}/nginx.pid;
+error_log {dir}/error.log warn;
+daemon off;
+events {{ worker_connections 4096; }}
+http {{
+    access_log {dir}/access.log;
+    client_body_temp_path {dir}/body;
+    proxy_temp_path {dir}/proxy;
+    fastcgi_temp_path {dir}/fastcgi;
+    uwsgi_temp_path {dir}/uwsgi;
+    scgi_temp_path {dir}/scgi;
+    default_type application/octet-stream;
+    keepalive_timeout 0;
+    server {{
+        listen 127.0.0.1:{port_copy};
+        root {root};
+        sendfile off;
+    }}
+    server {{
+        listen 127.0.0.1:{port_sendfile};
+        root {root};
+        sendfile on;
+    }}
+    server {{
+        listen 127.0.0.1:{port_challenge};
+        location / {{
+            default_type application/json;
+            add_header WWW-Authenticate '{challenge}' always;
+            return 401 '{body}';
+        }}
+    }}
+}}
+"""
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def md5(text):
+    return hashlib.md5(text.encode()).hexdigest()
+
+
+def percentile(values, fraction):
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, int(round(fraction * (len(ordered) - 1))))]
+
+
+def rss_kib(pid):
+    try:
+        with open("/proc/%d/status" % pid) as status:
+            for line in status:
+                if line.startswith("VmRSS:"):
+                    return int(line.split()[1])
+    except OSError:
+        pass
+    return 0
+
+
+def process_tree(pid):
+    """The process and its children (nginx: master and workers)."""
+    pids = [pid]
+    try:
+        with open("/proc/%d/task/%d/children" % (pid, pid)) as children:
+            pids += [int(child) for child in children.read().split()]
+    except OSError:
+        pass
+    return pids
+
+
+def cpu_seconds(pid):
+    """User plus system time of a process (all its threads) and its children, in seconds."""
+    total = 0
+    for member in process_tree(pid):
+        try:
+            with open("/proc/%d/stat" % member) as stat:
+                fields = stat.read().rsplit(")", 1)[1].split()
+            total += int(fields[11]) + int(fields[12])  # utime, stime
+        except (OSError, IndexError, ValueError):
+            pass
+    return total / os.sysconf("SC_CLK_TCK")
+
+
+def tree_rss_kib(pid):
+    return sum(rss_kib(p) for p in process_tree(pid))
+
+
+class RssSampler:
+    """Samples the summed VmRSS of a process tree every few milliseconds; keeps the peak."""
+
+    def __init__(self, pid):
+        self.pid, self.peak = pid, 0
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._run, daemon=True)
+
+    def _run(self):
+        while not self._stop.is_set():
+            self.peak = max(self.peak, tree_rss_kib(self.pid))
+            self._stop.wait(0.005)
+
+    def __enter__(self):
+        self._thread.start()
+        return self
+
+    def __exit__(self, *exc):
+        self._stop.set()
+        self._thread.join()
+
+
+# ---------------------------------------------------------------- the two servers
+
+class Server:
+    """What the client needs to know to fetch from one server."""
+
+    def __init__(self, label, port, pid):
+        self.label, self.port, self.pid = label, port, pid
+        self.idle_rss = 0  # set by Bed.warm_up
+
+    def download_request(self, key):
+        raise NotImplementedError
+
+    def body_length(self, key):
+        raise NotImplementedError
+
+
+class Gateway(Server):
+    def __init__(self, port, pid):
+        super().__init__("ours", port, pid)
+        self.realm_and_nonce = None
+        self.nc = 0
+
+    def path(self):
+        return "/QUMEX/ContentMgmt/download?format=json&devIndex=%s" % DEVICE
+
+    def json_body(self, key):
+        name, size, start, end = RECORDINGS[key]
+        uri = ("rtsp://127.0.0.1:554/Streaming/tracks/101/playback?starttime=%s&endtime=%s&name=%s&size=%d"
+               "&devIndex=%s" % (start, end, name, size, DEVICE))
+        return json.dumps({"downloadRequest": {"playbackURI": uri}})
+
+    def learn_nonce(self):
+        """One challenge; its nonce then serves every download (it stays fresh for minutes)."""
+        status, headers, _ = blocking_request(self.port, self.request_bytes("mid", None))
+        challenge = headers.get("www-authenticate", "")
+        params = dict(re.findall(r'(\w+)="([^"]*)"', challenge))
+        if status != 401 or "nonce" not in params:
+            raise SystemExit("bench: the gateway did not answer with a Digest challenge (%s)" % status)
+        self.realm_and_nonce = (params["realm"], params["nonce"])
+
+    def authorization(self):
+        realm, nonce = self.realm_and_nonce
+        self.nc += 1
+        nc, cnonce = "%08x" % self.nc, "%016x" % random.getrandbits(64)
+        ha1, ha2 = md5("%s:%s:%s" % (USER, realm, PASSWORD)), md5("POST:%s" % self.path())
+        response = md5("%s:%s:%s:%s:auth:%s" % (ha1, nonce, nc, cnonce, ha2))
+        return ('Digest username="%s", realm="%s", nonce="%s", uri="%s", qop=auth, nc=%s, cnonce="%s", '
+                'response="%s"' % (USER, realm, nonce, self.path(), nc, cnonce, response))
+
+    def request_bytes(self, key, authorization):
+        body = self.json_body(key).encode()
+        # The same bytes go to nginx in the challenge case, so the Host names no port.
+        head = "POST %s HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Type: application/json\r\n" % self.path()
+        if authorization:
+            head += "Authorization: %s\r\n" % authorization
+        head += "Content-Length: %d\r\nConnection: close\r\n\r\n" % len(body)
+        return head.encode() + body
+
+    def download_request(self, key):
+        return self.request_bytes(key, self.authorization())
+
+    def challenge_request(self):
+        return self.request_bytes("mid", None)
+
+    def body_length(self, key):
+        return RECORDINGS[key][1] + HEAD_SIZE
+
+
+class Nginx(Server):
+    def download_request(self, key):
+        return ("GET /%s HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n" % RECORDINGS[key][0]).encode()
+
+    def body_length(self, key):
+        return RECORDINGS[key][1]
+
+
+def blocking_request(port, request):
+    """One request on a fresh connection; the whole reply (the servers close after it)."""
+    with socket.create_connection(("127.0.0.1", port), timeout=30) as connection:
+        connection.sendall(request)
+        data = b""
+        while True:
+            chunk = connection.recv(65536)
+            if not chunk:
+                break
+            data += chunk
+    head, _, body = data.partition(b"\r\n\r\n")
+    lines = head.decode("latin-1").split("\r\n")
+    headers = {}
+    for line in lines[1:]:
+        name, _, value = line.partition(":")
+        headers[name.strip().lower()] = value.strip()
+    return int(lines[0].split()[1]), headers, body
+
+
+class Bed:
+    """The temporary folder with the recordings, both servers and their logs."""
+
+    def __init__(self, build_dir, keep, block_size):
+        self.build_dir = os.path.abspath(build_dir)
+        self.keep = keep
+        self.block_size = block_size
+        self.dir = tempfile.mkdtemp(prefix="hpw-bench-")
+        os.chmod(self.dir, 0o755)  # nginx started as root reads the files as its worker user
+        self.media = os.path.join(self.dir, "media")
+        self.device_dir = os.path.join(self.media, DEVICE)
+        self.gateway_process = None
+        self.nginx_process = None
+
+    def prepare_media(self):
+        os.makedirs(self.device_dir)
+        block = random.Random(7).randbytes(MIB)  # incompressible, repeated: cheap to write
+        index = {"recordings": []}
+        for name, size, start, end in RECORDINGS.values():
+            with open(os.path.join(self.device_dir, name), "wb") as out:
+                for _ in range(size // MIB):
+                    out.write(block)
+            index["recordings"].append({"name": name, "starttime": start, "endtime": end})
+        with open(os.path.join(self.device_dir, "recordings.json"), "w") as out:
+            json.dump(index, out)
+
+    def start_gateway(self):
+        port = free_port()
+        self.gateway_status = os.path.join(self.dir, "gateway-status.json")
+        config = {
+            "server": {"httpPort": port},
+            "auth": {"realm": REALM, "users": [{"name": USER, "password": PASSWORD}]},
+            "media": {"folder": self.media, "blockSize": self.block_size, "devices": [
+                {"devIndex": DEVICE, "address": "127.0.0.1", "rtspPort": 554}]},
+            "log": {"level": "info", "file": os.path.join(self.dir, "gateway.log")},
+        }
+        config_path = os.path.join(self.dir, "gateway.json")
+        with open(config_path, "w") as out:
+            json.dump(config, out)
+        stderr = open(os.path.join(self.dir, "gateway-stderr.txt"), "wb")
+        self.gateway_process = subprocess.Popen(
+            [os.path.join(self.build_dir, "bin", "media-gateway"), "--config", config_path,
+             "--plugin", os.path.join(self.build_dir, "lib", "libHttpProtocolWrapper.so"),
+             "--status-file", self.gateway_status], stdout=stderr, stderr=stderr)
+        stderr.close()
+        self.wait_until(lambda: '"ready":true' in read_text(self.gateway_status).replace(" ", ""),
+                        self.gateway_process, "the gateway to be ready")
+        self.gateway = Gateway(port, self.gateway_process.pid)
+        self.gateway.learn_nonce()
+
+    def start_nginx(self, challenge_body):
+        nginx_dir = os.path.join(self.dir, "nginx")
+        os.makedirs(nginx_dir)
+        ports = [free_port() for _ in range(3)]
+        challenge = ('Digest realm="%s", qop="auth", nonce="%s", opaque="%s"'
+                     % (REALM, "0" * 48, "0" * 32))
+        config = os.path.join(nginx_dir, "nginx.conf")
+        with open(config, "w") as out:
+            out.write(NGINX_CONFIG.format(dir=nginx_dir, root=self.device_dir, workers=os.cpu_count() or 1,
+                                          port_copy=ports[0], port_sendfile=ports[1], port_challenge=ports[2],
+                                          challenge=challenge, body=challenge_body.replace("'", "\\'")))
+        nginx = shutil.which("nginx") or "/usr/sbin/nginx"
+        self.nginx_process = subprocess.Popen(
+            [nginx, "-p", nginx_dir, "-c", config, "-e", os.path.join(nginx_dir, "early.log")],
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.wait_until(lambda: all(port_open(p) for p in ports), self.nginx_process, "nginx to listen")
+        pid = self.nginx_process.pid
+        self.nginx_copy = Nginx("nginx sendfile off", ports[0], pid)
+        self.nginx_sendfile = Nginx("nginx sendfile on", ports[1], pid)
+        self.nginx_challenge = Nginx("nginx return 401", ports[2], pid)
+
+    def warm_up(self):
+        """One download from each server, then their idle memory.
+
+        What the first request loads once (libraries, caches) is not memory per download.
+        Idle is taken once, before any case: memory a server keeps after a burst (allocator
+        caches) must not shrink the next round's increase.
+        """
+        async def fetch_one(server):
+            protocol, _, _ = await fetch(server.port, server.download_request("small"))
+            check_download(server, "small", protocol)
+
+        for server in (self.gateway, self.nginx_copy):
+            asyncio.run(fetch_one(server))
+        self.wait_streams_closed()
+        for server in (self.gateway, self.nginx_copy, self.nginx_sendfile, self.nginx_challenge):
+            server.idle_rss = tree_rss_kib(server.pid)
+
+    def wait_until(self, condition, process, what, timeout=20):
+        deadline = time.monotonic() + timeout
+        while not condition():
+            if process.poll() is not None:
+                raise SystemExit("bench: stopped at start while waiting for %s (exit %s); see %s"
+                                 % (what, process.returncode, self.dir))
+            if time.monotonic() > deadline:
+                raise SystemExit("bench: timed out waiting for %s; see %s" % (what, self.dir))
+            time.sleep(0.05)
+
+    def wait_streams_closed(self):
+        """The plug-in counts a download until its session is released: wait for zero open streams."""
+        deadline = time.monotonic() + 30
+        while json.loads(read_text(self.gateway_status) or "{}").get("openStreams") != 0:
+            if time.monotonic() > deadline:
+                raise SystemExit("bench: gateway streams still open; see %s" % self.dir)
+            time.sleep(0.05)
+
+    def stop(self):
+        for process in (self.gateway_process, self.nginx_process):
+            if process and process.poll() is None:
+                process.send_signal(signal.SIGTERM if process is self.gateway_process else signal.SIGQUIT)
+                try:
+                    process.wait(timeout=30)
+                except subprocess.TimeoutExpired:
+                    process.kill()
+                    process.wait()
+        if self.keep:
+            print("bench: kept %s" % self.dir)
+        else:
+            shutil.rmtree(self.dir, ignore_errors=True)
+
+
+def read_text(path):
+    try:
+        with open(path) as source:
+            return source.read()
+    except OSError:
+        return ""
+
+
+def port_open(port):
+    try:
+        socket.create_connection(("127.0.0.1", port), timeout=1).close()
+        return True
+    except OSError:
+        return False
+
+
+# ---------------------------------------------------------------- asyncio client
+
+SHARED_BUFFER = bytearray(256 * 1024)  # every body is counted, none is kept
+
+
+class Fetch(asyncio.BufferedProtocol):
+    """One request on its own connection; counts the reply's body into a shared buffer."""
+
+    def __init__(self, request, done):
+        self.request, self.done = request, done
+        self.head = bytearray()
+        self.status = None
+        self.headers = {}
+        self.content_length = None
+        self.body = 0
+        self.first_byte = None
+        self.view = memoryview(SHARED_BUFFER)
+
+    def connection_made(self, transport):
+        self.transport = transport
+        transport.write(self.request)
+
+    def get_buffer(self, size_hint):
+        return self.view
+
+    def buffer_updated(self, count):
+        if self.first_byte is None:
+            self.first_byte = time.perf_counter()
+        if self.status is None:
+            self.head += self.view[:count]
+            end = self.head.find(b"\r\n\r\n")
+            if end < 0:
+                return
+            self.parse_head(bytes(self.head[:end]))
+            self.body = len(self.head) - end - 4
+            self.head = None
+        else:
+            self.body += count
+        if self.content_length is not None and self.body >= self.content_length:
+            self.finish()
+
+    def parse_head(self, head):
+        lines = head.decode("latin-1").split("\r\n")
+        self.status = int(lines[0].split()[1])
+        for line in lines[1:]:
+            name, _, value = line.partition(":")
+            self.headers[name.strip().lower()] = value.strip()
+        if "content-length" in self.headers:
+            self.content_length = int(self.headers["content-length"])
+
+    def finish(self):
+        if not self.done.done():
+            self.done.set_result(time.perf_counter())
+        self.transport.close()
+
+    def eof_received(self):
+        self.finish()
+        return False
+
+    def connection_lost(self, exc):
+        if not self.done.done():
+            self.done.set_result(time.perf_counter())
+
+
+async def fetch(port, request):
+    """Returns (protocol, start, end): the reply's status, headers, body count and times."""
+    loop = asyncio.get_running_loop()
+    done = loop.create_future()
+    started = time.perf_counter()
+    _, protocol = await loop.create_connection(lambda: Fetch(request, done), "127.0.0.1", port)
+    ended = await done
+    return protocol, started, ended
+
+
+def check_download(server, key, protocol):
+    expected = server.body_length(key)
+    if protocol.status != 200 or protocol.body != expected:
+        raise SystemExit("bench: %s download of %s gave status %s and %d body bytes, expected 200 and %d"
+                         % (server.label, key, protocol.status, protocol.body, expected))
+
+
+# ---------------------------------------------------------------- the cases
+
+def case_single(bed, server):
+    """MB/s of one curl download of the 1 GiB recording to /dev/null."""
+    name = RECORDINGS["big"][0]
+    command = ["curl", "-sS", "-o", "/dev/null", "-w", "%{http_code} %{size_download} %{time_total}"]
+    if isinstance(server, Gateway):
+        command += ["--digest", "-u", "%s:%s" % (USER, PASSWORD), "-X", "POST",
+                    "http://127.0.0.1:%d%s" % (server.port, server.path()),
+                    "-H", "Content-Type: application/json", "--data-binary", server.json_body("big")]
+    else:
+        command += ["http://127.0.0.1:%d/%s" % (server.port, name)]
+    output = subprocess.run(command, capture_output=True, text=True, check=True, timeout=300).stdout.split()
+    status, size, seconds = int(output[0]), int(output[1]), float(output[2])
+    if status != 200 or size != server.body_length("big"):
+        raise SystemExit("bench: %s single download gave %d and %d bytes" % (server.label, status, size))
+    return {"MB/s": size / seconds / 1e6}
+
+
+def case_concurrent(bed, server):
+    """400 simultaneous downloads of the 16 MiB recording: aggregate MB/s, wall time, peak memory."""
+    if isinstance(server, Gateway):
+        bed.wait_streams_closed()
+    requests = [server.download_request("mid") for _ in range(CONCURRENT_DOWNLOADS)]
+
+    async def run():
+        return await asyncio.gather(*(fetch(server.port, request) for request in requests))
+
+    cpu_before = cpu_seconds(server.pid)
+    with RssSampler(server.pid) as memory:
+        started = time.perf_counter()
+        results = asyncio.run(run())
+        wall = time.perf_counter() - started
+    cpu = cpu_seconds(server.pid) - cpu_before
+    total = 0
+    for protocol, _, _ in results:
+        check_download(server, "mid", protocol)
+        total += protocol.body
+    return {"MB/s": total / wall / 1e6, "wall s": wall, "server CPU s/GB": cpu / (total / 1e9),
+            "KiB/download": (memory.peak - server.idle_rss) / CONCURRENT_DOWNLOADS}
+
+
+def case_challenge(bed, server):
+    """Requests without credentials on fresh connections, 50 in flight: req/s and latency."""
+    request = bed.gateway.challenge_request()  # the same bytes to both servers
+    latencies = []
+
+    async def worker(count):
+        for _ in range(count):
+            protocol, begun, ended = await fetch(server.port, request)
+            if protocol.status != 401 or "digest" not in protocol.headers.get("www-authenticate", "").lower():
+                raise SystemExit("bench: %s answered %s without a Digest challenge" % (server.label, protocol.status))
+            latencies.append(ended - begun)
+
+    async def run():
+        share = CHALLENGE_REQUESTS // CHALLENGE_IN_FLIGHT
+        await asyncio.gather(*(worker(share) for _ in range(CHALLENGE_IN_FLIGHT)))
+
+    cpu_before = cpu_seconds(server.pid)
+    started = time.perf_counter()
+    asyncio.run(run())
+    wall = time.perf_counter() - started
+    cpu = cpu_seconds(server.pid) - cpu_before
+    return {"req/s": len(latencies) / wall, "p50 ms": percentile(latencies, 0.5) * 1e3,
+            "p99 ms": percentile(latencies, 0.99) * 1e3, "server CPU us/req": cpu / len(latencies) * 1e6}
+
+
+def case_ttfb(bed, server):
+    """One download of the 1 MiB recording at a time: time from connecting to the first reply byte."""
+    times = []
+
+    async def run():
+        for _ in range(TTFB_DOWNLOADS):
+            protocol, begun, _ = await fetch(server.port, server.download_request("small"))
+            check_download(server, "small", protocol)
+            times.append(protocol.first_byte - begun)
+
+    asyncio.run(run())
+    return {"median ms": statistics.median(times) * 1e3, "p99 ms": percentile(times, 0.99) * 1e3}
+
+
+def interleave(rounds, case, bed, servers):
+    """Runs the case round after round, the servers' order alternating; per-server lists of results."""
+    results = {server.label: [] for server in servers}
+    for index in range(rounds):
+        order = servers if index % 2 == 0 else list(reversed(servers))
+        for server in order:
+            results[server.label].append(case(bed, server))
+    return results
+
+
+def median_of(results, label, metric):
+    return statistics.median(result[metric] for result in results[label])
+
+
+def max_of(results, label, metric):
+    return max(result[metric] for result in results[label])
+
+
+# ---------------------------------------------------------------- report
+
+def machine():
+    model, cores = platform.processor() or "unknown", os.cpu_count()
+    try:
+        info = subprocess.run(["lscpu"], capture_output=True, text=True).stdout
+        found = re.search(r"^Model name:\s*(.+)$", info, re.M)
+        model = found.group(1).strip() if found else model
+    except OSError:
+        pass
+    return "%s, %d cores, %s" % (model, cores, platform.platform())
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("build_dir")
+    parser.add_argument("--rounds", type=int, default=5, help="rounds per case and server (default 5)")
+    parser.add_argument("--block-size", type=int, default=262144,
+                        help="the gateway's stream block in bytes (default 262144, the gateway's own default)")
+    parser.add_argument("--results", help="also write the table into this Markdown file")
+    parser.add_argument("--cases", default=",".join(CASES),
+                        help="comma-separated subset of %s (default all)" % ", ".join(CASES))
+    parser.add_argument("--keep", action="store_true", help="keep the temporary folder (logs, configurations)")
+    args = parser.parse_args()
+    cases = args.cases.split(",")
+    unknown = [case for case in cases if case not in CASES]
+    if unknown:
+        parser.error("unknown case(s): %s" % ", ".join(unknown))
+
+    # 400 client sockets, 400 server sockets and 400 open recordings need more than 1024 descriptors.
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    wanted = 8192 if hard == resource.RLIM_INFINITY else min(8192, hard)
+    if soft < wanted:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (wanted, hard))
+
+    began = time.monotonic()
+    load_before = os.getloadavg()[0]
+    bed = Bed(args.build_dir, args.keep, args.block_size)
+    try:
+        print("bench: writing recordings into %s" % bed.dir, flush=True)
+        bed.prepare_media()
+        bed.start_gateway()
+        _, _, our_challenge_body = blocking_request(bed.gateway.port, bed.gateway.challenge_request())
+        bed.start_nginx(our_challenge_body.decode("latin-1"))
+        bed.warm_up()
+        rows = run_cases(bed, args.rounds, cases)
+    finally:
+        bed.stop()
+    table = render(rows, args.rounds, args.block_size, time.monotonic() - began, load_before)
+    print(table)
+    # A partial run would replace the full table with fewer rows.
+    if args.results and len(cases) == len(CASES):
+        write_results(args.results, table)
+    return 0
+
+
+CASES = ("single", "concurrent", "challenge", "ttfb")
+
+
+def run_cases(bed, rounds, cases):
+    ours, copy, zero, challenge = bed.gateway, bed.nginx_copy, bed.nginx_sendfile, bed.nginx_challenge
+    rows = []
+
+    def row(case, metric, results, their_label, target, passed, pick=median_of):
+        our_value, their_value = pick(results, ours.label, metric), pick(results, their_label, metric)
+        ratio = our_value / their_value if their_value else float("inf")
+        verdict = "" if passed is None else "PASS" if passed(our_value, ratio) else "MISS"
+        rows.append((case, metric, our_value, their_value, their_label, ratio, target, verdict))
+
+    if "single" in cases:
+        print("bench: single download, 1 GiB", flush=True)
+        single = interleave(rounds, case_single, bed, [ours, copy, zero])
+        row("1 GiB download", "MB/s", single, copy.label, ">= 0.9x", lambda o, r: r >= 0.9)
+        row("1 GiB download", "MB/s", single, zero.label, ">= 0.6x", lambda o, r: r >= 0.6)
+
+    if "concurrent" in cases:
+        print("bench: %d concurrent downloads, 16 MiB" % CONCURRENT_DOWNLOADS, flush=True)
+        many = interleave(rounds, case_concurrent, bed, [ours, copy])
+        row("400 x 16 MiB", "MB/s", many, copy.label, ">= 0.9x", lambda o, r: r >= 0.9)
+        row("400 x 16 MiB", "wall s", many, copy.label, "-", None)
+        row("400 x 16 MiB", "server CPU s/GB", many, copy.label, "-", None)
+        row("400 x 16 MiB", "KiB/download", many, copy.label, "<= 128 KiB", lambda o, r: o <= 128, max_of)
+
+    if "challenge" in cases:
+        print("bench: Digest challenges, %d in flight" % CHALLENGE_IN_FLIGHT, flush=True)
+        challenges = interleave(rounds, case_challenge, bed, [ours, challenge])
+        row("401 challenge", "req/s", challenges, challenge.label, ">= 0.7x", lambda o, r: r >= 0.7)
+        row("401 challenge", "p50 ms", challenges, challenge.label, "-", None)
+        row("401 challenge", "p99 ms", challenges, challenge.label, "<= 2x", lambda o, r: r <= 2)
+        row("401 challenge", "server CPU us/req", challenges, challenge.label, "-", None)
+
+    if "ttfb" in cases:
+        print("bench: time to first byte", flush=True)
+        ttfb = interleave(rounds, case_ttfb, bed, [ours, copy])
+        row("time to first byte", "median ms", ttfb, copy.label, "<= 2 ms", lambda o, r: o <= 2)
+        row("time to first byte", "p99 ms", ttfb, copy.label, "-", None)
+    return rows
+
+
+def render(rows, rounds, block_size, seconds, load_before):
+    lines = [
+        "Date: %s" % datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
+        "Machine: %s" % machine(),
+        "Rounds: %d per server and case, interleaved; values are medians (memory: the largest round); "
+        "gateway block %d bytes; bench time %.0f s" % (rounds, block_size, seconds),
+        # Other work on the machine shares the cores with both servers and the client.
+        "Load average (1 min) before / after: %.2f / %.2f" % (load_before, os.getloadavg()[0]),
+        "",
+        "| case | metric | ours | nginx | compared with | ours / nginx | target | result |",
+        "|---|---|---:|---:|---|---:|---|---|",
+    ]
+    for case, metric, ours, theirs, label, ratio, target, verdict in rows:
+        lines.append("| %s | %s | %.2f | %.2f | %s | %.2f | %s | %s |"
+                     % (case, metric, ours, theirs, label, ratio, target, verdict))
+    return "\n".join(lines)
+
+
+def write_results(path, table):
+    """Replaces the measured table in the results file, keeping the analysis written around it."""
+    begin, end = "<!-- bench table begin -->", "<!-- bench table end -->"
+    block = "%s\n%s\n%s" % (begin, table, end)
+    text = read_text(path)
+    if begin in text and end in text:
+        text = text[:text.index(begin)] + block + text[text.index(end) + len(end):]
+    else:
+        text = "# Benchmark results\n\n%s\n" % block
+    with open(path, "w") as out:
+        out.write(text)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
