@@ -3,6 +3,9 @@
 #   make test           build and run the whole test suite
 #   make test SAN=address|thread   the same under a sanitizer (own build folder)
 #   make e2e            only the end-to-end tests
+#   make bench          throughput, challenges and first byte against nginx
+#   make fuzz           each fuzz target for FUZZ_SECONDS (default 120)
+#   make soak           10 minutes of mixed load, then a leak check (SOAK_SECONDS=60 for less)
 JOBS ?= $(shell nproc)
 SAN ?=
 BUILD_TYPE ?= RelWithDebInfo
@@ -14,8 +17,10 @@ BUILD_DIR ?= build-$(SAN)
 endif
 
 CTEST_ARGS ?=
+SOAK_SECONDS ?= 600
+FUZZ_SECONDS ?= 120
 
-.PHONY: all deps configure build test e2e run clean
+.PHONY: all deps configure build test e2e run bench soak fuzz clean
 
 all: build
 
@@ -34,8 +39,24 @@ test: build
 e2e: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -L e2e $(CTEST_ARGS)
 
+# Side by side with nginx on loopback, in a Release tree of its own (bench/RESULTS.md).
+bench: BUILD_DIR = build-bench
+bench: BUILD_TYPE = Release
+bench: build
+	@./bench/run.sh $(BUILD_DIR)
+
+# Mixed hostile load against the gateway, then checks that nothing was left
+# behind. Use a build without sanitizers.
+soak: build
+	@python3 tools/soak.py --build $(BUILD_DIR) --seconds $(SOAK_SECONDS)
+
+# libFuzzer targets (clang) over the parsers, each for FUZZ_SECONDS, in build-fuzz.
+fuzz:
+	@HPW_EXTRA_PACKAGES="clang libclang-rt-14-dev" ./scripts/install-deps.sh
+	@./fuzz/run.sh build-fuzz $(FUZZ_SECONDS)
+
 run: build
 	@./tools/run-gateway.sh $(BUILD_DIR)
 
 clean:
-	rm -rf build build-address build-thread
+	rm -rf build build-address build-thread build-bench build-fuzz
