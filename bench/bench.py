@@ -18,6 +18,7 @@ Usage: bench.py <build-dir> [--rounds N] [--cases LIST] [--block-size BYTES]
                 [--results FILE] [--keep]
 Python 3 standard library only; needs curl and nginx.
 """
+import abc
 import argparse
 import asyncio
 import datetime
@@ -170,18 +171,20 @@ class RssSampler:
 
 # ---------------------------------------------------------------- the two servers
 
-class Server:
+class Server(abc.ABC):
     """What the client needs to know to fetch from one server."""
 
     def __init__(self, label, port, pid):
         self.label, self.port, self.pid = label, port, pid
         self.idle_rss = 0  # set by Bed.warm_up
 
+    @abc.abstractmethod
     def download_request(self, key):
-        raise NotImplementedError
+        """The request bytes that download the recording `key`."""
 
+    @abc.abstractmethod
     def body_length(self, key):
-        raise NotImplementedError
+        """The length of the body that download returns."""
 
 
 class Gateway(Server):

@@ -105,7 +105,7 @@ class Recording:
 
 def write_media(folder):
     """<media>/<devIndex>/<file> plus each device's recordings.json index."""
-    recordings = [Recording(*spec) for spec in RECORDINGS + [stall_recording()]]
+    recordings = [Recording(*fields) for fields in RECORDINGS + [stall_recording()]]
     for device in (DEVICE, CAMERA):
         os.makedirs(os.path.join(folder, device))
         index = []
