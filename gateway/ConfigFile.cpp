@@ -1,10 +1,9 @@
 #include "ConfigFile.h"
 
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <utility>
 
+#include "JsonFile.h"
 #include "Logger.h"
 
 namespace {
@@ -228,25 +227,7 @@ void readLog(const Json::Value& log, GatewayConfig& config)
 
 bool readConfigFile(const std::string& path, Json::Value& root, std::string& error)
 {
-    std::ifstream file(path);
-    if (!file) {
-        error = path + ": cannot be read";
-        return false;
-    }
-    std::stringstream text;
-    text << file.rdbuf();
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    std::string parseErrors;
-    std::istringstream input(text.str());
-    if (!Json::parseFromStream(builder, input, &root, &parseErrors)) {
-        error = path + ": not valid JSON: " + parseErrors;
-        while (!error.empty() && error.back() == '\n') {
-            error.pop_back();
-        }
-        return false;
-    }
-    return true;
+    return readJsonFile(path, root, error);
 }
 
 bool parseGatewayConfig(const Json::Value& root, GatewayConfig& config, std::string& error)

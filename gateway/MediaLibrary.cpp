@@ -7,9 +7,9 @@
 #include <cstdio>
 #include <fstream>
 #include <set>
-#include <sstream>
 
 #include "IsoTime.h"
+#include "JsonFile.h"
 #include "Logger.h"
 
 namespace {
@@ -74,20 +74,8 @@ bool readRecordingIndex(const std::string& folder, std::vector<Recording>& recor
 {
     recordings.clear();
     const std::string path = folder + "/" + kRecordingIndexFile;
-    std::ifstream file(path);
-    if (!file) {
-        error = path + ": cannot be read";
-        return false;
-    }
-    std::stringstream text;
-    text << file.rdbuf();
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
     Json::Value root;
-    std::string parseErrors;
-    std::istringstream input(text.str());
-    if (!Json::parseFromStream(builder, input, &root, &parseErrors)) {
-        error = path + ": not valid JSON";
+    if (!readJsonFile(path, root, error)) {
         return false;
     }
     if (!root.isObject() || root.getMemberNames() != std::vector<std::string>{"recordings"} ||
