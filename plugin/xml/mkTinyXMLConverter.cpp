@@ -1,6 +1,7 @@
 #include "xml/mkTinyXMLConverter.h"
 
 #include <cstdio>
+#include <fstream>
 #include <iterator>
 
 namespace HttpWrapper {
@@ -10,16 +11,50 @@ namespace {
 const char kDefaultPosName[] = "default";
 const int kIntTextSize = 24;
 
-// The parser wants a line break at the end of the text; one is added unless the
-// text already ends in one.
-std::string WithFinalLineBreak(const char* text)
+// The DOM library steps over a multi-byte UTF-8 sequence by the length its lead
+// byte announces, even when the text ends inside it, so a truncated sequence at
+// the very end would make it read past the terminator. Parsing a copy followed by
+// this many more terminators keeps every such step inside the copy.
+const size_t kParsePadding = 4;  // the longest UTF-8 sequence
+
+// The text as the parser gets it: a line break at the end, added unless the text
+// already ends in one, then the padding.
+std::string ParseableText(const std::string& text)
 {
-    std::string terminated(text);
-    const char last = terminated.back();
+    std::string parseable(text, 0, text.find('\0'));
+    const char last = parseable.empty() ? '\0' : parseable.back();
     if (last != '\n' && last != '\r') {
-        terminated.push_back('\n');
+        parseable.push_back('\n');
     }
-    return terminated;
+    parseable.append(kParsePadding, '\0');
+    return parseable;
+}
+
+// Reads a file as the DOM library's own loader would, CR LF and a lone CR both
+// becoming LF; false when it cannot be read.
+bool ReadTextFile(const char* path, std::string& text)
+{
+    std::ifstream file(path, std::ios::binary);
+    if (!file) {
+        return false;
+    }
+    const std::string raw((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    if (file.bad()) {
+        return false;
+    }
+    text.clear();
+    text.reserve(raw.size());
+    for (size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] != '\r') {
+            text.push_back(raw[i]);
+            continue;
+        }
+        text.push_back('\n');
+        if (i + 1 < raw.size() && raw[i + 1] == '\n') {
+            ++i;
+        }
+    }
+    return true;
 }
 
 std::string IntText(int value)
@@ -106,7 +141,7 @@ bool CmkTinyXMLConverter::SetDoc(const char* text)
     if (text == nullptr || text[0] == '\0') {
         return false;
     }
-    Parse(WithFinalLineBreak(text).c_str());
+    Parse(ParseableText(text).c_str());
     m_bWellFormed = !Error();
     return IsWellFormed();
 }
@@ -125,7 +160,17 @@ bool CmkTinyXMLConverter::Load(const char* path)
     // Loading replaces the tree the positions point into, so they go back to
     // the top as well; callers that still call ResetPos afterwards lose nothing.
     ResetPos();
-    m_bWellFormed = path != nullptr && LoadFile(path);
+    // The file is read here rather than by the DOM library's loader so that it
+    // is parsed with the same padding as a text.
+    std::string text;
+    m_bWellFormed = false;
+    if (path == nullptr || !ReadTextFile(path, text)) {
+        return false;
+    }
+    Clear();
+    SetValue(path);
+    Parse(ParseableText(text).c_str());
+    m_bWellFormed = !Error();
     return IsWellFormed();
 }
 
@@ -361,7 +406,7 @@ bool CmkTinyXMLConverter::PlaceFragment(const char* xml, ADD_TYPE type, TiXmlNod
         return false;
     }
     TiXmlDocument fragment;
-    fragment.Parse(WithFinalLineBreak(xml).c_str());
+    fragment.Parse(ParseableText(xml).c_str());
     if (fragment.Error()) {
         return false;
     }
