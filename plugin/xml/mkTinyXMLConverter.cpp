@@ -19,9 +19,9 @@ const size_t kParsePadding = 4;  // the longest UTF-8 sequence
 
 // The text as the parser gets it: a line break at the end, added unless the text
 // already ends in one, then the padding.
-std::string ParseableText(const std::string& text)
+std::string ParseableText(const char* text)
 {
-    std::string parseable(text, 0, text.find('\0'));
+    std::string parseable(text);
     const char last = parseable.empty() ? '\0' : parseable.back();
     if (last != '\n' && last != '\r') {
         parseable.push_back('\n');
@@ -169,7 +169,7 @@ bool CmkTinyXMLConverter::Load(const char* path)
     }
     Clear();
     SetValue(path);
-    Parse(ParseableText(text).c_str());
+    Parse(ParseableText(text.c_str()).c_str());  // up to the first NUL, as the loader reads
     m_bWellFormed = !Error();
     return IsWellFormed();
 }
