@@ -6,8 +6,9 @@
 // Open fails (it then has closed it already). Close unbinds and closes it.
 //
 // Owners' rules:
-// - buffers given to SendData and RecvData stay valid until their completion
-//   arrives or Close returns; nothing is copied;
+// - a buffer given to RecvData stays valid until its completion arrives or
+//   Close returns; a buffer given to SendData is free when the call returns
+//   (the completion queue copies what the socket cannot take at once);
 // - at most one receive is outstanding;
 // - Close waits for an owner callback running on another thread, so it must not
 //   be called while holding a lock that the callbacks take, nor from inside one

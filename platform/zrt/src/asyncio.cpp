@@ -3,6 +3,7 @@
 #include "asyncio_internal.h"
 
 #include <errno.h>
+#include <string.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
@@ -16,6 +17,25 @@ int fail(int error)
 {
     errno = error;
     return -1;
+}
+
+// A send the socket could not take at once waits on a copy of its bytes: the
+// poster's buffer is free when the post returns, whatever the peer's pace. The
+// audio relay depends on it, since the gateway reuses its packet buffer as soon
+// as IServer::Send returns. A send that completed at once costs no copy.
+// False when memory is short (the send then fails as a whole).
+bool keepSendCopy(AsyncOp* op)
+{
+    if (op->finished || op->length == 0) {
+        return true;
+    }
+    op->ownCopy = new (std::nothrow) char[(size_t)op->length];
+    if (op->ownCopy == nullptr) {
+        return false;
+    }
+    memcpy(op->ownCopy, op->buffer, (size_t)op->length);
+    op->buffer = op->ownCopy;
+    return true;
 }
 
 // Posts a send (to may be null) or a receive (from may be null) on a bound
@@ -55,13 +75,26 @@ ZRT_INT32 postOperation(int sock, OpKind kind, char* buffer, int length, void* c
         } else {
             OpList& list = kind == OpKind::Send ? handle->sends : handle->recvs;
             bool idle = list.empty();
-            list.push(op);
-            op = nullptr;
-            if (idle) {
-                if (kind == OpKind::Send) {
-                    driveSends(handle);
-                } else {
-                    driveRecvs(handle);
+            if (kind == OpKind::Send && !idle && !keepSendCopy(op)) {
+                error = ENOMEM;
+            } else {
+                list.push(op);
+                AsyncOp* posted = op;
+                op = nullptr;
+                if (idle) {
+                    if (kind == OpKind::Send) {
+                        driveSends(handle);
+                        // Still waiting for the socket: the copy is taken before
+                        // the lock goes, so the poller never reads the poster's
+                        // buffer after the post returned. Memory short: the send
+                        // is completed with ENOMEM from where it stopped.
+                        if (!keepSendCopy(posted)) {
+                            handle->sends.pop();
+                            completeLocked(handle, posted, ENOMEM, (unsigned long)posted->transferred);
+                        }
+                    } else {
+                        driveRecvs(handle);
+                    }
                 }
             }
         }

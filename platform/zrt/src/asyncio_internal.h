@@ -32,8 +32,14 @@ enum class OpKind { Send, Recv };
 
 // One posted operation; it becomes its own completion record once it is done.
 struct AsyncOp {
+    ~AsyncOp() { delete[] ownCopy; }
+
     AsyncOp* next = nullptr;
     char* buffer = nullptr;
+    // A send that has to wait for the socket works on its own copy of the bytes
+    // (see keepSendCopy), so the poster's buffer is free once the post returns.
+    char* ownCopy = nullptr;
+    bool finished = false;  // completed: on the socket's completed list, or delivered
     int length = 0;
     int transferred = 0;  // bytes written so far by a send
     void* context = nullptr;

@@ -282,6 +282,7 @@ void completeLocked(AsyncHandle* handle, AsyncOp* op, unsigned long error, unsig
 {
     op->error = error;
     op->bytes = bytes;
+    op->finished = true;
     handle->completed.push(op);
     if (!handle->scheduled) {
         handle->scheduled = true;

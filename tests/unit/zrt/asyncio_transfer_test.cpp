@@ -1,6 +1,9 @@
 // Data paths of the completion queue: byte-exact duplex streams under load,
-// with sends completing in posting order, and peer close.
+// with sends completing in posting order, send buffers reusable at once, and
+// peer close.
 #include "asyncio_test_helpers.h"
+
+#include <string.h>
 
 #include <algorithm>
 #include <atomic>
@@ -115,6 +118,37 @@ TEST_F(AsyncQueueTest, ConcurrentDuplexStreamsArriveByteExactAndSendsCompleteInO
         EXPECT_EQ(ZRT_AsyncIO_UnBindIOHandleEx(end->sock, m_queue), 0);
         close(end->sock);
     }
+}
+
+// A poster may reuse its buffer as soon as the post returns, also when the peer
+// does not read and the sends have to wait: what arrives is what was posted.
+TEST_F(AsyncQueueTest, SendBufferIsFreeWhenThePostReturnsEvenWhileThePeerDoesNotRead)
+{
+    const int kSmallBuffer = 4096;
+    setsockopt(m_server, SOL_SOCKET, SO_SNDBUF, &kSmallBuffer, sizeof kSmallBuffer);
+    setsockopt(m_client, SOL_SOCKET, SO_RCVBUF, &kSmallBuffer, sizeof kSmallBuffer);
+    ASSERT_EQ(ZRT_AsyncIO_BindIOHandleToQueueEx(m_server, m_queue), 0);
+
+    const int kChunk = 1000;
+    const int kChunks = 400;  // far more than the two socket buffers hold
+    Counter sent;
+    std::vector<char> reused(kChunk);
+    for (int i = 0; i < kChunks; ++i) {
+        fillPattern(reused.data(), reused.size(), (uint64_t)i * kChunk, 3);
+        ASSERT_EQ(ZRT_AsyncIO_SendEx(m_server, reused.data(), kChunk, &sent, countCompletion), 0);
+        memset(reused.data(), 0x5A, reused.size());  // the poster's buffer changes at once
+    }
+
+    std::vector<char> got((size_t)kChunk * kChunks);
+    size_t have = 0;
+    while (have < got.size()) {
+        ssize_t n = recv(m_client, got.data() + have, got.size() - have, 0);
+        ASSERT_GT(n, 0);
+        have += (size_t)n;
+    }
+    EXPECT_TRUE(matchesPattern(got.data(), got.size(), 0, 3));
+    EXPECT_TRUE(sent.waitFor(kChunks));
+    EXPECT_EQ(ZRT_AsyncIO_UnBindIOHandleEx(m_server, m_queue), 0);
 }
 
 TEST_F(AsyncQueueTest, PeerCloseCompletesEveryReceiveWithZeroBytes)

@@ -155,15 +155,16 @@ ZRT_API ZRT_INT32 ZRT_AsyncIO_BindCallBackToIOHandleEx(int sock, ZRT_ASYNCIO_CAL
  * while holding a lock that the socket's callbacks take. */
 ZRT_API ZRT_INT32 ZRT_AsyncIO_UnBindIOHandleEx(int sock, void* queue);
 /* Completes when all len bytes were written (short writes continue inside the
- * queue); sends on one socket are written and complete in posting order. The
- * buffer must stay valid until the completion. len 0 completes with 0 bytes. */
+ * queue); sends on one socket are written and complete in posting order. What
+ * the socket cannot take at once is copied, so the buffer is free again when the
+ * call returns. len 0 completes with 0 bytes. */
 ZRT_API ZRT_INT32 ZRT_AsyncIO_SendEx(int sock, const char* buf, int len, void* context,
                                      ZRT_ASYNCIO_CALLBACK cb);
 /* Completes with what one read returned (0: the peer closed). len must be > 0.
  * Receives on one socket are served in posting order. */
 ZRT_API ZRT_INT32 ZRT_AsyncIO_RecvEx(int sock, char* buf, int len, void* context,
                                      ZRT_ASYNCIO_CALLBACK cb);
-/* One datagram to the address (copied at the call). */
+/* One datagram to the address (copied at the call), its buffer as for SendEx. */
 ZRT_API ZRT_INT32 ZRT_AsyncIO_SendToEx(int sock, const char* buf, int len, void* context,
                                        const ZRT_ADDR_T* to, ZRT_ASYNCIO_CALLBACK cb);
 /* from, when not null, receives the sender's address before the callback runs. */
