@@ -7,12 +7,16 @@
 #include "frame/Log.h"
 #include "session/HttpSession.h"
 #include "session/HttpSessionMgr.h"
+#include "talk/AudioTalkSessionMgr.h"
+#include "talk/HttpUnstandardSession.h"
+#include "talk/HttpUnstandardSessionMgr.h"
+#include "talk/QumexAudioTalkSession.h"
+#include "transport/SocketHelpers.h"
 
 namespace HttpWrapper {
 
 namespace {
 const ZRT_UINT32 kPopWaitMs = 100;
-const int kTimeoutCheckSleeps = 100;  // 100 x 100 ms: one pass about every 10 s
 const ZRT_UINT32 kTimeoutCheckSleepMs = 100;
 
 // Finishes the standard session of a connection, or hands the bare connection
@@ -35,6 +39,35 @@ void CHttpServerWrapper::undoEvent(const tagAsyncReq& req)
 {
     if (req.lHttpHandle >= 0) {
         releaseHttpConnection(req.lHttpHandle);
+    }
+    if (req.iSocket != -1) {
+        std::shared_ptr<CHttpUnstandardSession> session =
+            singleton<CHttpUnstandardSessionMgr>::instance()->removeSession(req.iSocket);
+        if (session) {
+            session->fini();
+        } else {
+            int socket = req.iSocket;
+            CloseSocket(socket);
+        }
+    }
+    if (!req.strKey.empty()) {
+        std::string key = req.strKey;
+        std::shared_ptr<CQumexAudioTalkSession> talk = singleton<CAudioTalkSessionMgr>::instance()->removeSession(key);
+        if (talk) {
+            talk->stop();
+        }
+    }
+}
+
+void CHttpServerWrapper::dropLeftoverJobs()
+{
+    while (tagAsyncReq* job = m_requestQueue.pop(0)) {
+        // An accepted audio connection whose session was never made is closed
+        // here; everything else a job names is closed with its manager.
+        if (job->iCmdType == ASYNC_UNSTANDARD_CREATE && job->iSocket != -1) {
+            CloseSocket(job->iSocket);
+        }
+        CAsyncRequestQueue::freeJob(job);
     }
 }
 
@@ -78,6 +111,7 @@ bool CHttpServerWrapper::runAsyncReq(tagAsyncReq* req, ZRT_UINT64 nowMs)
         HPW_LOGI("[timeDiff=%ld]Throw timeout request", (long)age);
     } else {
         CHttpSessionMgr* sessions = singleton<CHttpSessionMgr>::instance();
+        CHttpUnstandardSessionMgr* rawSessions = singleton<CHttpUnstandardSessionMgr>::instance();
         switch (req->iCmdType) {
         case ASYNC_HTTP_CREATE:
             sessions->processHttpCreate(req);
@@ -87,6 +121,18 @@ bool CHttpServerWrapper::runAsyncReq(tagAsyncReq* req, ZRT_UINT64 nowMs)
             break;
         case ASYNC_HTTP_DESTROY:
             sessions->processHttpDestroy(req);
+            break;
+        case ASYNC_UNSTANDARD_CREATE:
+            rawSessions->processHttpUnstandardCreate(req);
+            break;
+        case ASYNC_UNSTANDARD_PROCESS:
+            rawSessions->processHttpUnstandardProcess(req);
+            break;
+        case ASYNC_UNSTANDARD_DESTROY:
+            rawSessions->processHttpUnstandardDestroy(req);
+            break;
+        case ASYNC_TALK_DESTROY:
+            singleton<CAudioTalkSessionMgr>::instance()->processHttpTalkDestroy(req);
             break;
         default:
             HPW_LOGE(HPW_ERR_NOT_SUPPORTED, "[cmdType=%d]Http request type not support!", req->iCmdType);
@@ -130,7 +176,9 @@ void* CHttpServerWrapper::fnTimeoutCheckThread(void* server)
     }
     while (self->m_iRunning != 0) {
         singleton<CHttpSessionMgr>::instance()->timeOutCheck();
-        for (int i = 0; i < kTimeoutCheckSleeps && self->m_iRunning != 0; ++i) {
+        singleton<CHttpUnstandardSessionMgr>::instance()->timeOutCheck();
+        singleton<CAudioTalkSessionMgr>::instance()->timeOutCheck();
+        for (int i = 0; i < self->m_iTimeoutCheckSleeps && self->m_iRunning != 0; ++i) {
             ZRT_Sleep(kTimeoutCheckSleepMs);
         }
     }

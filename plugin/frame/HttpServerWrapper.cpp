@@ -6,6 +6,8 @@
 #include "frame/Log.h"
 #include "frame/SessionInterface.h"
 #include "session/HttpSessionMgr.h"
+#include "talk/AudioTalkSessionMgr.h"
+#include "talk/HttpUnstandardSessionMgr.h"
 #include "util/StringUtils.h"
 
 namespace HttpWrapper {
@@ -26,6 +28,8 @@ CHttpServerWrapper::~CHttpServerWrapper() = default;
 int CHttpServerWrapper::setProtocolFilterChain(PROTOCOL_FILTER::IProtocolFilter* chain)
 {
     singleton<CHttpSessionMgr>::instance()->setProtocolFilterChain(chain);
+    singleton<CHttpUnstandardSessionMgr>::instance()->setProtocolFilterChain(chain);
+    singleton<CAudioTalkSessionMgr>::instance()->setProtocolFilterChain(chain);
     return 0;
 }
 
@@ -110,7 +114,14 @@ int CHttpServerWrapper::startServer(const char* url, PROTOCOL_WRAPPER::IServerSi
         m_workerThreads.push_back(worker);
     }
 
-    return singleton<CHttpSessionMgr>::instance()->startListen(url, sink, params);
+    int result = singleton<CHttpSessionMgr>::instance()->startListen(url, sink, params);
+    if (result == 0) {
+        result = singleton<CHttpUnstandardSessionMgr>::instance()->startListen(url, sink, params);
+    }
+    if (result == 0) {
+        result = singleton<CAudioTalkSessionMgr>::instance()->start(url, sink);
+    }
+    return result;
 }
 
 int CHttpServerWrapper::stopServer()
@@ -119,6 +130,8 @@ int CHttpServerWrapper::stopServer()
         return 0;
     }
     singleton<CHttpSessionMgr>::instance()->stopListen();
+    singleton<CHttpUnstandardSessionMgr>::instance()->stopListen();
+    singleton<CAudioTalkSessionMgr>::instance()->stop();
 
     m_iRunning = 0;
     if (m_timeoutThread != ZRT_INVALID_THREAD) {
@@ -130,6 +143,13 @@ int CHttpServerWrapper::stopServer()
     }
     m_workerThreads.clear();
 
+    // Nothing of the audio channel outlives the server: connections accepted
+    // but not yet served, raw sessions and open talks are closed (the talks'
+    // gateway streams with them) while the completion queue their links are
+    // bound to still exists.
+    dropLeftoverJobs();
+    singleton<CHttpUnstandardSessionMgr>::instance()->closeAll();
+    singleton<CAudioTalkSessionMgr>::instance()->closeAll();
     m_requestQueue.destroy();
     if (m_hAsyncIocpQueue != nullptr && m_hAsyncIocpQueue != ZRT_INVALID_ASYNCIOQUEUE) {
         ZRT_AsyncIO_DestroyQueueEx(m_hAsyncIocpQueue);
@@ -150,7 +170,8 @@ int CHttpServerWrapper::Send(PROTOCOL_WRAPPER::IServerData* data, int index, int
 
 int CHttpServerWrapper::getSessionCount()
 {
-    return singleton<CHttpSessionMgr>::instance()->getDownloadNum();
+    return singleton<CHttpSessionMgr>::instance()->getDownloadNum() +
+           (int)singleton<CAudioTalkSessionMgr>::instance()->getTalkSessionCount();
 }
 
 }  // namespace HttpWrapper

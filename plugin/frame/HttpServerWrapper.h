@@ -53,8 +53,15 @@ public:
 
     static const ZRT_UINT64 kStaleJobMs = 60000;
 
+    // Sleeps of 100 ms between two passes of the time-out thread (default 100,
+    // a pass about every 10 s). Tests shorten it rather than wait minutes.
+    void setTimeoutCheckSleeps(int sleeps) { m_iTimeoutCheckSleeps = sleeps; }
+
 private:
     void undoEvent(const tagAsyncReq& req);
+    // Deletes the jobs no worker will run any more, closing the sockets of
+    // accepted audio connections among them.
+    void dropLeftoverJobs();
 
     std::atomic<int> m_iStarted{0};
     std::atomic<int> m_iRunning{0};  // polled by the threads at least every 100 ms
@@ -63,6 +70,7 @@ private:
     std::list<ZRT_THREAD_T> m_workerThreads;
     CAsyncRequestQueue m_requestQueue;
     ZRT_THREAD_T m_timeoutThread = ZRT_INVALID_THREAD;
+    std::atomic<int> m_iTimeoutCheckSleeps{100};
 };
 
 }  // namespace HttpWrapper

@@ -13,6 +13,8 @@ namespace HttpWrapper {
 namespace {
 const char kDownloadUrl[] = "/QUMEX/ContentMgmt/download";
 const char kJsonFormatQuery[] = "?format=json";
+const char kTalkOpenUrl[] = "/QUMEX/System/TwoWayAudio/channels/%d/open";
+const char kTalkCloseUrl[] = "/QUMEX/System/TwoWayAudio/channels/%d/close";
 
 // REST error numbers of the device API answered here.
 const unsigned int kRestInvalidOperation = 0x40000006;
@@ -94,10 +96,20 @@ int CHttpSession::processHttpGet(char* body, int length)
 int CHttpSession::processHttpPut(char* body, int length)
 {
     ZRT_Guard guard(m_lock);
-    // Two-way audio talks are not served by this build: their open and close
-    // URLs answer like any other unknown PUT URL.
-    m_errorHandler.renderXMLResponseStatus(m_iHttpHandle, kRestInvalidOperation);
-    return -1;
+    try {
+        const char* url = requestUrl();
+        if (m_httpHelper.CheckUrlWithVariable(url, kTalkOpenUrl, 1)) {
+            return processQumexAudioTalkOpen(body, length);
+        }
+        if (m_httpHelper.CheckUrlWithVariable(url, kTalkCloseUrl, 1)) {
+            return processQumexAudioTalkClose(body, length);
+        }
+        m_errorHandler.renderXMLResponseStatus(m_iHttpHandle, kRestInvalidOperation);
+        return -1;
+    } catch (const std::exception&) {
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadJsonFormat);
+        return -1;
+    }
 }
 
 int CHttpSession::processHttpPost(char* body, int length)

@@ -32,6 +32,10 @@ public:
     int processDownloadRequest(char* body, int length);
     int processQumexDownloadRequest(char* body, int length);
 
+    // Two-way audio: PUT .../TwoWayAudio/channels/<n>/open and .../close.
+    int processQumexAudioTalkOpen(char* body, int length);
+    int processQumexAudioTalkClose(char* body, int length);
+
     // Authentication gate: forwards Digest credentials or sends the challenge.
     int processAuth();
 
@@ -53,6 +57,12 @@ public:
     static const ZRT_UINT64 kSendStallLimitMs = 60000;
 
 protected:
+    // The talk URL of an open or close request (the playback URI), with the
+    // Host's address and port; answers the client itself on failure (-1).
+    int talkUrlOfRequest(const char* verb, std::string& address, int& port);
+    // 0 when the gateway accepts the talk request; otherwise the refusal is sent.
+    int checkTalkWithGateway();
+
     std::atomic<int> m_iHttpHandle{-1};
     std::atomic<unsigned long long> m_ullFileLen{0};
     std::atomic<int> m_iDestroyRequested{0};

@@ -46,7 +46,7 @@ TEST_F(Dispatch, DeleteIsForbiddenAfterAuthentication)
 
 TEST_F(Dispatch, UnknownUrlsAnswerInvalidOperation)
 {
-    const std::string audio = "/QUMEX/System/TwoWayAudio/channels/1/open";
+    const std::string otherPut = "/QUMEX/System/TwoWayAudio/channels/1/mute";
     const struct {
         const char* method;
         std::string target;
@@ -55,8 +55,8 @@ TEST_F(Dispatch, UnknownUrlsAnswerInvalidOperation)
         std::string fragment;
     } rows[] = {
         {"GET", "/QUMEX/Other?x=1", 403, "application/json", "\"subStatusCode\":\"invalidOperation\""},
-        {"PUT", audio, 403, "application/xml", "<subStatusCode>invalidOperation</subStatusCode>"},
-        {"PUT", audio, 403, "application/xml", "<requestURL>" + audio + "</requestURL>"},
+        {"PUT", otherPut, 403, "application/xml", "<subStatusCode>invalidOperation</subStatusCode>"},
+        {"PUT", otherPut, 403, "application/xml", "<requestURL>" + otherPut + "</requestURL>"},
         // POST must name the JSON format; with it, only the download URL is known.
         {"POST", "/QUMEX/ContentMgmt/download", 400, "application/json", "\"subStatusCode\":\"badURLFormat\""},
         {"POST", "/QUMEX/Other?format=json", 403, "application/json", "\"subStatusCode\":\"invalidOperation\""},

@@ -1,6 +1,10 @@
 #include "FakeGateway.h"
 
+#include <stdio.h>
 #include <string.h>
+
+#include <algorithm>
+#include <chrono>
 
 int FakeFilterChain::Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
                              PROTOCOL_FILTER::IConnectContext* context)
@@ -20,6 +24,22 @@ int FakeFilterChain::Request(PROTOCOL_FILTER::IProtocolRequest* request, int fla
         std::lock_guard<std::mutex> guard(m_lock);
         m_seen.push_back(seen);
     }
+    if (seen.url.find("/TwoWayAudio/") != std::string::npos) {
+        int answer = talkResult;
+        if (answer != 0) {
+            context->SetStatusCode(answer == 0x1930844 ? 0 : talkStatusOnRefusal.load());
+        }
+        return answer;
+    }
+    size_t talk = seen.url.find("/dac/talk/");
+    if (talk != std::string::npos) {
+        int answer = describeResult;
+        if (answer == 0) {
+            context->SetFilterURL("fake://filter");
+            context->SetMediaURL(("fake://talk/" + seen.url.substr(talk + 10)).c_str());
+        }
+        return answer;
+    }
     int answer = result;
     if (answer != 0) {
         context->SetStatusCode(statusOnRefusal);
@@ -38,6 +58,7 @@ std::vector<SeenRequest> FakeFilterChain::seen()
 
 struct FakeServerSink::Stream {
     PROTOCOL_WRAPPER::IServerData* data = nullptr;
+    bool talk = false;
     std::thread thread;
     std::atomic<bool> stop{false};
     std::string buffer;  // one block of a generated recording
@@ -51,24 +72,91 @@ void FakeServerSink::syntheticBytes(unsigned long long offset, char* out, size_t
     }
 }
 
-int FakeServerSink::OnOpen(const char*, const char*, PROTOCOL_WRAPPER::IServerData* data, void** sessionHandle)
+int FakeServerSink::OnOpen(const char*, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
+                           void** sessionHandle)
 {
     if (openResult != 0) {
         return openResult;
     }
     Stream* stream = new Stream;
     stream->data = data;
+    stream->talk = mediaUrl != nullptr && strncmp(mediaUrl, "fake://talk/", 12) == 0;
     *sessionHandle = stream;
     ++m_open;
     ++m_opened;
+    if (stream->talk) {
+        ++m_talksOpen;
+    }
     return 0;
 }
 
 int FakeServerSink::OnStart(void* sessionHandle, int)
 {
     Stream* stream = static_cast<Stream*>(sessionHandle);
-    stream->thread = std::thread(&FakeServerSink::deliver, this, stream);
+    stream->thread = stream->talk ? std::thread(&FakeServerSink::speak, this, stream)
+                                  : std::thread(&FakeServerSink::deliver, this, stream);
     return 0;
+}
+
+void FakeServerSink::speak(Stream* stream)
+{
+    char header[1620];
+    memset(header, 0, sizeof header);
+    snprintf(header + 300, sizeof header - 300, "%s", talkCodec.c_str());
+    m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_INFO, header, sizeof header);
+    std::string packet((size_t)talkPacketSize, '\0');
+    auto next = std::chrono::steady_clock::now();
+    for (size_t offset = 0; offset < talkAudioBytes && !stream->stop; offset += packet.size()) {
+        size_t piece = std::min(packet.size(), talkAudioBytes - offset);
+        for (size_t i = 0; i < piece; ++i) {
+            packet[i] = deviceAudioByte(offset + i);
+        }
+        while (m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &packet[0], (int)piece) != 0 &&
+               talkRetryUntilAccepted && !stream->stop) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        ++m_devicePackets;
+        if (talkPacketIntervalMs > 0) {
+            next += std::chrono::milliseconds(talkPacketIntervalMs);
+            while (!stream->stop && std::chrono::steady_clock::now() < next) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        }
+    }
+}
+
+int FakeServerSink::OnInputData(void* sessionHandle, int, int dataType, void* data, int length)
+{
+    std::lock_guard<std::mutex> guard(m_inputLock);
+    if (dataType == PROTOCOL_WRAPPER::STREAM_DATA && data != nullptr && length > 0) {
+        m_clientAudio.append(static_cast<const char*>(data), (size_t)length);
+        m_clientPackets.push_back(length);
+    }
+    return 0;
+}
+
+std::string FakeServerSink::clientAudio()
+{
+    std::lock_guard<std::mutex> guard(m_inputLock);
+    return m_clientAudio;
+}
+
+std::vector<int> FakeServerSink::clientPacketSizes()
+{
+    std::lock_guard<std::mutex> guard(m_inputLock);
+    return m_clientPackets;
+}
+
+bool FakeServerSink::waitForClientAudio(size_t bytes, int timeoutMs)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (clientAudio().size() >= bytes) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return clientAudio().size() >= bytes;
 }
 
 void FakeServerSink::deliver(Stream* stream)
@@ -112,6 +200,9 @@ int FakeServerSink::OnClose(void* sessionHandle)
     stream->stop = true;
     if (stream->thread.joinable()) {
         stream->thread.join();
+    }
+    if (stream->talk) {
+        --m_talksOpen;
     }
     delete stream;
     ++m_closed;

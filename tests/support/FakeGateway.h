@@ -1,6 +1,8 @@
 // A gateway in miniature for the plug-in's tests: a filter chain that records
 // every RTSP request and may refuse it, and a server sink that delivers a
-// recording from memory on its own thread, as a real gateway does.
+// recording from memory on its own thread, as a real gateway does, and plays a
+// talking device: it sends device audio to a talk and records what the client
+// says.
 #ifndef TESTS_SUPPORT_FAKEGATEWAY_H
 #define TESTS_SUPPORT_FAKEGATEWAY_H
 
@@ -36,6 +38,14 @@ public:
     std::atomic<int> statusOnRefusal{0};
     std::string mediaUrl = "fake://media";
 
+    // Talk requests (a ".../TwoWayAudio/..." URL): accepted with the code the
+    // plug-in expects, or refused with talkStatusOnRefusal set.
+    std::atomic<int> talkResult{0x1930844};
+    std::atomic<int> talkStatusOnRefusal{0};
+    // The talk's DESCRIBE of a "/dac/talk/" URL; accepted with media URL
+    // "fake://talk/<rest of the URL>".
+    std::atomic<int> describeResult{0};
+
 private:
     std::mutex m_lock;
     std::vector<SeenRequest> m_seen;
@@ -50,10 +60,10 @@ public:
     int OnOpen(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
                void** sessionHandle) override;
     int OnClose(void* sessionHandle) override;
-    int pushStream(void*) override { return 0; }
+    int pushStream(void*) override { return pushResult; }
     int OnStart(void* sessionHandle, int reserved) override;
     int OnStop(void* sessionHandle, int reserved) override;
-    int OnInputData(void*, int, int, void*, int) override { return 0; }
+    int OnInputData(void* sessionHandle, int index, int dataType, void* data, int length) override;
 
     int openStreams() const { return m_open; }
     int opened() const { return m_opened; }
@@ -64,18 +74,47 @@ public:
     std::string streamHead = std::string(40, 'H');
     size_t blockSize = 64 * 1024;
     std::atomic<int> openResult{0};
+    std::atomic<int> pushResult{0};
 
     // Byte pattern of the generated recording at an offset.
     static void syntheticBytes(unsigned long long offset, char* out, size_t length);
 
+    // Talking devices: on start a talk stream gets the stream header naming
+    // talkCodec, then talkAudioBytes of device audio (deviceAudioByte pattern)
+    // in talkPacketSize packets, one every talkPacketIntervalMs, from one
+    // buffer that is reused for every packet, as a real gateway's is.
+    std::string talkCodec = "PCMU";
+    size_t talkAudioBytes = 0;
+    int talkPacketSize = 160;
+    int talkPacketIntervalMs = 0;
+    // Holds each packet until the talk takes it (a client listens), so that a
+    // test can check the audio byte-exact from its first packet; a live device
+    // would drop it.
+    bool talkRetryUntilAccepted = false;
+    static char deviceAudioByte(size_t offset) { return (char)((offset * 7 + (offset >> 8)) & 0xFF); }
+
+    // What the talks' clients said, as handed to OnInputData, all talks together.
+    std::string clientAudio();
+    std::vector<int> clientPacketSizes();
+    bool waitForClientAudio(size_t bytes, int timeoutMs = 10000);
+    int talkStreamsOpen() const { return m_talksOpen; }
+    // Device audio packets every talk stream sent so far (accepted or not).
+    int devicePacketsSent() const { return m_devicePackets; }
+
 private:
     struct Stream;
     void deliver(Stream* stream);
+    void speak(Stream* stream);
 
     PROTOCOL_WRAPPER::IServer* m_server = nullptr;
     std::atomic<int> m_open{0};
     std::atomic<int> m_opened{0};
     std::atomic<int> m_closed{0};
+    std::atomic<int> m_talksOpen{0};
+    std::atomic<int> m_devicePackets{0};
+    std::mutex m_inputLock;
+    std::string m_clientAudio;
+    std::vector<int> m_clientPackets;
 };
 
 #endif  // TESTS_SUPPORT_FAKEGATEWAY_H

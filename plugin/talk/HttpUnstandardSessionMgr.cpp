@@ -1,0 +1,272 @@
+#include "talk/HttpUnstandardSessionMgr.h"
+
+#include <errno.h>
+
+#include <new>
+
+#include "frame/ErrorCodes.h"
+#include "frame/Log.h"
+#include "talk/HttpUnstandardSession.h"
+#include "transport/SocketHelpers.h"
+
+namespace HttpWrapper {
+
+namespace {
+// The channel serves the gateway's host only: audio clients on other hosts come
+// through a proxy, as for the standard port.
+const char kListenAddress[] = "127.0.0.1";
+const ZRT_UINT32 kAcceptForever = 0xFFFFFFFF;
+// Out of descriptors or memory: the listener stays, the thread waits this long
+// and tries again rather than leave the channel deaf.
+const ZRT_UINT32 kAcceptBackoffMs = 100;
+const ZRT_UINT32 kBackoffLogEveryMs = 5000;
+
+bool isTransientAcceptError(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+}  // namespace
+
+CHttpUnstandardSessionMgr::CHttpUnstandardSessionMgr() = default;
+
+CHttpUnstandardSessionMgr::~CHttpUnstandardSessionMgr() = default;
+
+int CHttpUnstandardSessionMgr::getIntParam(ServerParams& params, const std::string& name)
+{
+    return CHttpServerWrapper::getIntParam(params, name);
+}
+
+int CHttpUnstandardSessionMgr::startListen(const char* url, PROTOCOL_WRAPPER::IServerSink* sink, ServerParams& params)
+{
+    if (sink == nullptr) {
+        HPW_LOGE(HPW_ERR_PARAM, "CHttpUnstandardSessionMgr StartListen failed, pServerSink is NULL");
+        return HPW_ERR_PARAM;
+    }
+    m_pServerSink = sink;
+    m_iStarted = 1;
+    m_iRunning = 1;
+    m_iListenPort = getIntParam(params, "audioTalkPort");
+    m_iListenSocket = Listen(kListenAddress, (unsigned short)m_iListenPort);
+    if (m_iListenSocket == -1) {
+        return HPW_ERR_LISTEN;  // Listen logged why
+    }
+    m_acceptThread = ZRT_Thread_Create(fnAcceptThread, this, 0);
+    if (m_acceptThread == ZRT_INVALID_THREAD) {
+        HPW_LOGE(HPW_ERR_THREAD, "fnAcceptThread Create fail, errCode<%d>", ZRT_GetSystemLastError());
+        return HPW_ERR_THREAD;  // the listener stays open until stopListen
+    }
+    return 0;
+}
+
+int CHttpUnstandardSessionMgr::stopListen()
+{
+    if (m_iStarted == 0) {
+        return 0;
+    }
+    m_iRunning = 0;
+    // Closing the listener is what wakes the accept thread.
+    int listenSocket = m_iListenSocket.exchange(-1);
+    if (listenSocket != -1) {
+        CloseSocket(listenSocket);
+    }
+    if (m_acceptThread != ZRT_INVALID_THREAD) {
+        ZRT_Thread_Wait(m_acceptThread);
+        m_acceptThread = ZRT_INVALID_THREAD;
+    }
+    return 0;
+}
+
+int CHttpUnstandardSessionMgr::getListenPort()
+{
+    ZRT_ADDR_T address;
+    int listenSocket = m_iListenSocket;
+    if (listenSocket == -1 || ZRT_GetSockName(listenSocket, &address) != 0) {
+        return -1;
+    }
+    return ZRT_GetAddrPort(&address);
+}
+
+void* CHttpUnstandardSessionMgr::fnAcceptThread(void* manager)
+{
+    CHttpUnstandardSessionMgr* self = static_cast<CHttpUnstandardSessionMgr*>(manager);
+    if (self == nullptr) {
+        HPW_LOGE(HPW_ERR_PARAM, "Asyn http process thread parameter error");
+        return nullptr;
+    }
+    // Read once: stopListen forgets the listener when it closes it.
+    const int listenSocket = self->m_iListenSocket;
+    ZRT_UINT64 lastBackoffLog = 0;
+    while (self->m_iRunning != 0) {
+        ZRT_ADDR_T peer;
+        int socket = Accept(listenSocket, &peer, kAcceptForever);
+        if (socket == -1) {
+            int error = ZRT_GetSystemLastError();
+            if (self->m_iRunning != 0 && isTransientAcceptError(error)) {
+                ZRT_UINT64 now = ZRT_GetTimeTick64();
+                if (now - lastBackoffLog >= kBackoffLogEveryMs) {
+                    lastBackoffLog = now;
+                    HPW_LOGW(HPW_ERR_ACCEPT, "Qumex talk accept fail, retrying, systemerr=%d", error);
+                }
+                ZRT_Sleep(kAcceptBackoffMs);
+                continue;
+            }
+            HPW_LOGW(HPW_ERR_ACCEPT, "Qumex talk listen socket may have closed,systemerr=%d", error);
+            break;
+        }
+        tagAsyncReq req;
+        req.iCmdType = ASYNC_UNSTANDARD_CREATE;
+        req.iSocket = socket;
+        singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
+    }
+    HPW_LOGD("Accept thread exit!");
+    return nullptr;
+}
+
+int CHttpUnstandardSessionMgr::processHttpUnstandardCreate(tagAsyncReq* req)
+{
+    if (req == nullptr || req->iCmdType != ASYNC_UNSTANDARD_CREATE) {
+        HPW_LOGE(HPW_ERR_PARAM, "Http unstandard create parameter error");
+        return HPW_ERR_PARAM;
+    }
+    std::shared_ptr<CHttpUnstandardSession> session;
+    CHttpUnstandardSession* created =
+        new (std::nothrow) CHttpUnstandardSession(m_pProtocolFilterChain, m_pServerSink);
+    if (created != nullptr) {
+        try {
+            session.reset(created);  // deletes the session if the control block cannot be made
+        } catch (const std::bad_alloc&) {
+        }
+    }
+    if (!session) {
+        HPW_LOGE(HPW_ERR_NO_MEMORY, "new CHttpSession failed, errcode:%d", ZRT_GetSystemLastError());
+        int socket = req->iSocket;
+        CloseSocket(socket);
+        return HPW_ERR_NO_MEMORY;
+    }
+    if (session->init(req->iSocket) != 0) {
+        session->fini();
+        return HPW_ERR_SESSION_INIT;
+    }
+    if (addSession(req->iSocket, session) != 0) {
+        session->fini();
+        return HPW_ERR_SESSION_NOT_FOUND;
+    }
+    tagAsyncReq process;
+    process.iCmdType = ASYNC_UNSTANDARD_PROCESS;
+    process.pSession = session.get();
+    process.iSocket = req->iSocket;
+    singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&process);
+    return 0;
+}
+
+std::shared_ptr<CHttpUnstandardSession> CHttpUnstandardSessionMgr::findJobSession(tagAsyncReq* req, bool remove)
+{
+    ZRT_Guard guard(m_mutex);
+    auto found = m_sessions.find(req->iSocket);
+    if (found == m_sessions.end() || (req->pSession != nullptr && req->pSession != found->second.get())) {
+        return std::shared_ptr<CHttpUnstandardSession>();
+    }
+    std::shared_ptr<CHttpUnstandardSession> session = found->second;
+    if (remove) {
+        m_sessions.erase(found);
+    }
+    return session;
+}
+
+int CHttpUnstandardSessionMgr::processHttpUnstandardProcess(tagAsyncReq* req)
+{
+    if (req == nullptr || req->iCmdType != ASYNC_UNSTANDARD_PROCESS) {
+        HPW_LOGE(HPW_ERR_PARAM, "Http unstandard process parameter error");
+        return HPW_ERR_PARAM;
+    }
+    std::shared_ptr<CHttpUnstandardSession> session = findJobSession(req, false);
+    if (!session) {
+        HPW_LOGE(HPW_ERR_SESSION_NOT_FOUND, "Http unstandard session not found!");
+        return HPW_ERR_SESSION_NOT_FOUND;
+    }
+    return session->processRecvData(nullptr, 0);
+}
+
+int CHttpUnstandardSessionMgr::processHttpUnstandardDestroy(tagAsyncReq* req)
+{
+    if (req == nullptr || req->iCmdType != ASYNC_UNSTANDARD_DESTROY) {
+        HPW_LOGE(HPW_ERR_PARAM, "Http unstandard destroy parameter error");
+        return HPW_ERR_PARAM;
+    }
+    std::shared_ptr<CHttpUnstandardSession> session = findJobSession(req, true);
+    if (!session) {
+        HPW_LOGE(HPW_ERR_SESSION_NOT_FOUND, "Http unstandard session not found!");
+        return HPW_ERR_SESSION_NOT_FOUND;
+    }
+    return session->fini();
+}
+
+int CHttpUnstandardSessionMgr::addSession(int socket, std::shared_ptr<CHttpUnstandardSession> session)
+{
+    {
+        ZRT_Guard guard(m_mutex);
+        if (m_sessions.find(socket) == m_sessions.end()) {
+            m_sessions[socket] = std::move(session);
+            return 0;
+        }
+    }
+    HPW_LOGE(HPW_ERR_TALK_EXISTS, "[socket = %d]talk already opened", socket);
+    return -1;
+}
+
+std::shared_ptr<CHttpUnstandardSession> CHttpUnstandardSessionMgr::removeSession(int socket)
+{
+    ZRT_Guard guard(m_mutex);
+    auto found = m_sessions.find(socket);
+    if (found == m_sessions.end()) {
+        return std::shared_ptr<CHttpUnstandardSession>();
+    }
+    std::shared_ptr<CHttpUnstandardSession> session = std::move(found->second);
+    m_sessions.erase(found);
+    return session;
+}
+
+std::shared_ptr<CHttpUnstandardSession> CHttpUnstandardSessionMgr::getSession(int socket)
+{
+    ZRT_Guard guard(m_mutex);
+    auto found = m_sessions.find(socket);
+    return found == m_sessions.end() ? std::shared_ptr<CHttpUnstandardSession>() : found->second;
+}
+
+int CHttpUnstandardSessionMgr::getSessionCount()
+{
+    ZRT_Guard guard(m_mutex);
+    return (int)m_sessions.size();
+}
+
+void CHttpUnstandardSessionMgr::timeOutCheck()
+{
+    // Pushing under the table mutex is allowed: the queue's mutex comes after it.
+    ZRT_Guard guard(m_mutex);
+    for (auto& entry : m_sessions) {
+        CHttpUnstandardSession* session = entry.second.get();
+        if (session->getTimeoutCount() > kIdlePasses) {
+            tagAsyncReq req;
+            req.iCmdType = ASYNC_UNSTANDARD_DESTROY;
+            req.iSocket = entry.first;
+            req.pSession = session;
+            singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
+        } else {
+            session->increaseTimeoutCount();
+        }
+    }
+}
+
+void CHttpUnstandardSessionMgr::closeAll()
+{
+    std::map<int, std::shared_ptr<CHttpUnstandardSession>> sessions;
+    {
+        ZRT_Guard guard(m_mutex);
+        sessions.swap(m_sessions);
+    }
+    for (auto& entry : sessions) {
+        entry.second->fini();
+    }
+}
+
+}  // namespace HttpWrapper
