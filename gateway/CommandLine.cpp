@@ -19,6 +19,7 @@ const char* commandLineUsage()
     return "Usage: media-gateway [options]\n"
            "  --config FILE       JSON configuration (every field optional)\n"
            "  --port N            server.httpPort\n"
+           "  --audio-port N      server.audioTalkPort (the two-way audio channel)\n"
            "  --media DIR         media.folder\n"
            "  --status-file FILE  statusFile\n"
            "  --plugin FILE       plugin (path of libHttpProtocolWrapper.so)\n"
@@ -29,8 +30,8 @@ const char* commandLineUsage()
 
 bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::string& error)
 {
-    static const char* const kOptionsWithValue[] = {"--config",   "--port",     "--media",    "--status-file",
-                                                    "--plugin",   "--log-file", "--log-level"};
+    static const char* const kOptionsWithValue[] = {"--config", "--port",     "--audio-port", "--media",
+                                                    "--status-file", "--plugin", "--log-file", "--log-level"};
     commandLine = CommandLine();
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
@@ -56,6 +57,8 @@ bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::stri
             commandLine.configFile = value;
         } else if (option == "--port") {
             overrides["server"]["httpPort"] = numberOrText(value);
+        } else if (option == "--audio-port") {
+            overrides["server"]["audioTalkPort"] = numberOrText(value);
         } else if (option == "--media") {
             overrides["media"]["folder"] = value;
         } else if (option == "--status-file") {

@@ -158,6 +158,19 @@ void readAuth(const Json::Value& auth, GatewayConfig& config)
     }
 }
 
+void readTalk(const Json::Value& talk, const std::string& field, TalkConfig& config)
+{
+    requireObject(talk, field, {"enabled", "channel", "codec", "source", "capture"});
+    readBool(talk, field, "enabled", config.enabled);
+    readInt(talk, field, "channel", 1, 99999, config.channel);
+    readString(talk, field, "codec", config.codec);
+    if (config.codec != "PCMU" && config.codec != "PCMA" && config.codec != "G726-16" && config.codec != "G7221") {
+        throw ConfigProblem{field + ".codec", "must be one of PCMU, PCMA, G726-16, G7221"};
+    }
+    readString(talk, field, "source", config.source);
+    readBool(talk, field, "capture", config.capture);
+}
+
 void readDevices(const Json::Value& devices, GatewayConfig& config)
 {
     const std::string field = "media.devices";
@@ -167,9 +180,10 @@ void readDevices(const Json::Value& devices, GatewayConfig& config)
     config.devices.clear();
     std::set<std::string> indexes, folders;
     std::set<std::pair<std::string, int>> endpoints;
+    std::set<int> channels;
     for (Json::ArrayIndex i = 0; i < devices.size(); ++i) {
         const std::string entry = field + "[" + std::to_string(i) + "]";
-        requireObject(devices[i], entry, {"devIndex", "name", "address", "rtspPort", "folder"});
+        requireObject(devices[i], entry, {"devIndex", "name", "address", "rtspPort", "folder", "talk"});
         DeviceConfig device;
         readString(devices[i], entry, "devIndex", device.devIndex);
         if (device.devIndex.size() != 36 ||
@@ -195,6 +209,16 @@ void readDevices(const Json::Value& devices, GatewayConfig& config)
         }
         if (!endpoints.insert({device.address, device.rtspPort}).second) {
             throw ConfigProblem{entry + ".rtspPort", "another device has the same address and rtspPort"};
+        }
+        if (devices[i].isMember("talk")) {
+            readTalk(devices[i]["talk"], entry + ".talk", device.talk);
+        }
+        if (device.talk.channel == 0) {
+            device.talk.channel = (int)i + 1;
+        }
+        if (device.talk.enabled && !channels.insert(device.talk.channel).second) {
+            throw ConfigProblem{entry + ".talk.channel", "channel " + std::to_string(device.talk.channel) +
+                                                             " is used by another device"};
         }
         config.devices.push_back(device);
     }

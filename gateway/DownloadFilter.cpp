@@ -4,6 +4,7 @@
 #include "Logger.h"
 #include "PlaybackUri.h"
 #include "StatusBoard.h"
+#include "TalkDevices.h"
 
 namespace {
 
@@ -21,8 +22,8 @@ std::string headValue(PROTOCOL_FILTER::IProtocolRequest* request, const char* na
 }  // namespace
 
 DownloadFilter::DownloadFilter(const DigestAuthenticator& authenticator, const MediaLibrary& library,
-                               StatusBoard& status, Logger& log)
-    : m_authenticator(authenticator), m_library(library), m_status(status), m_log(log)
+                               StatusBoard& status, Logger& log, TalkDevices* talks)
+    : m_authenticator(authenticator), m_library(library), m_status(status), m_log(log), m_talks(talks)
 {
 }
 
@@ -60,11 +61,11 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
                                   "user \"" + auth.user + "\": " + auth.reason});
         }
     }
-    // Two-way audio reaches the filter with a plain path; this gateway has no audio devices.
-    if (url.compare(0, 7, "rtsp://") != 0 && url.find("/TwoWayAudio/") != std::string::npos) {
-        return refuse(context, method, url,
-                      Refusal{RestError::kNotSupport, RtspStatusIndex::kNotImplemented,
-                              "two-way audio is not offered by this gateway"});
+    // Two-way audio reaches the filter with a plain path, and its device side
+    // as a DESCRIBE of a "/dac/talk/" URL.
+    if ((url.compare(0, 7, "rtsp://") != 0 && url.find("/TwoWayAudio/") != std::string::npos) ||
+        method == "DESCRIBE") {
+        return checkTalk(context, method, url, auth.user);
     }
     PlaybackUri uri;
     std::string error;
@@ -84,6 +85,32 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
     m_log.logf(kLogInfo, "accepted %s from user \"%s\" client \"%s\": %s", method.c_str(), auth.user.c_str(),
                uri.param("clientIP").c_str(), mediaUrl.c_str());
     return 0;
+}
+
+int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method,
+                              const std::string& url, const std::string& user)
+{
+    const int channel = method == "DESCRIBE" ? talkChannelOfDescribe(url) : talkChannelOfUrl(url);
+    const TalkDevice* device = m_talks != nullptr && channel != 0 ? m_talks->byChannel(channel) : nullptr;
+    if (device == nullptr) {
+        return refuse(context, method, url,
+                      Refusal{RestError::kNotSupport, RtspStatusIndex::kNotFound,
+                              channel == 0 ? "not a talk URL" : "no device talks on channel " + std::to_string(channel)});
+    }
+    if (method == "DESCRIBE") {
+        // The device side of a talk the plug-in accepted: the sink plays it.
+        context->SetFilterURL(url.c_str());
+        context->SetMediaURL(makeTalkMediaUrl(*device).c_str());
+        return 0;
+    }
+    // Open, close, and the audio links all name the channel alike; who asked
+    // last is who the next talk on it belongs to.
+    const std::string client = forwardedClient(url);
+    m_talks->noteRequester(channel, TalkRequester{client, user});
+    m_status.requestAccepted(client);
+    m_log.logf(kLogInfo, "accepted talk %s of channel %d (device %s) from user \"%s\" client \"%s\"", method.c_str(),
+               channel, device->devIndex.c_str(), user.c_str(), client.c_str());
+    return kTalkAccepted;
 }
 
 int DownloadFilter::Response(PROTOCOL_FILTER::IProtocolResponse* response, int flags,

@@ -4,6 +4,8 @@
 // the "Authorization" head carries the client's raw Digest credentials. The
 // filter checks the credentials, finds the recording and tells the plug-in,
 // through the connection context, which media URL to open on the server sink.
+// Two-way audio comes through here too: the talk requests, whose credentials
+// are checked the same way, and the device side of each talk.
 #ifndef GATEWAY_DOWNLOAD_FILTER_H
 #define GATEWAY_DOWNLOAD_FILTER_H
 
@@ -15,11 +17,13 @@
 
 class Logger;
 class StatusBoard;
+class TalkDevices;
 
 class DownloadFilter : public PROTOCOL_FILTER::IProtocolFilter {
 public:
+    // talks: the talking devices; without them every talk request is refused.
     DownloadFilter(const DigestAuthenticator& authenticator, const MediaLibrary& library, StatusBoard& status,
-                   Logger& log);
+                   Logger& log, TalkDevices* talks = nullptr);
 
     // 0 accepts; a refusal returns its REST error number and sets the context's status.
     int Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
@@ -31,11 +35,16 @@ private:
     int check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context);
     int refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
                const Refusal& refusal);
+    // A talk's open, close or audio link (credentials already checked), or its
+    // device side (the DESCRIBE); returns what the plug-in expects or a refusal.
+    int checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
+                  const std::string& user);
 
     const DigestAuthenticator& m_authenticator;
     const MediaLibrary& m_library;
     StatusBoard& m_status;
     Logger& m_log;
+    TalkDevices* m_talks;
 };
 
 #endif  // GATEWAY_DOWNLOAD_FILTER_H

@@ -13,6 +13,7 @@
 #include "SampleMedia.h"
 #include "StatusBoard.h"
 #include "StreamSink.h"
+#include "TalkDevices.h"
 #include "UtilitySink.h"
 
 namespace {
@@ -84,9 +85,9 @@ int serve(const GatewayConfig& config, PluginLibrary& plugin, StreamSink& sink, 
     status.setReady(false, config.httpPort);
     // Returns once the plug-in has closed its connections and joined its threads.
     plugin.destroyServer(server);
-    int left = sink.openStreamCount();
+    int left = sink.openStreamCount() + sink.openTalkCount();
     if (left != 0) {
-        log.logf(kLogWarn, "%d stream(s) still open after the server stopped; closing them", left);
+        log.logf(kLogWarn, "%d stream(s) or talk(s) still open after the server stopped; closing them", left);
         sink.closeAll();
     }
     return kExitStopped;
@@ -130,8 +131,13 @@ int runGateway(const GatewayConfig& config, const sigset_t& stopSignals)
 
     DigestAuthenticator authenticator(config.realm, passwordsOf(config), config.nonceLifetimeSeconds,
                                       [] { return static_cast<int64_t>(time(nullptr)); });
-    DownloadFilter filter(authenticator, library, status, log);
-    StreamSink sink(library, static_cast<size_t>(config.blockSize), status, log);
+    TalkDevices talks;
+    if (!talks.load(config, log, error)) {
+        log.logf(kLogError, "talking devices refused: %s", error.c_str());
+        return kExitBadSetup;
+    }
+    DownloadFilter filter(authenticator, library, status, log, &talks);
+    StreamSink sink(library, static_cast<size_t>(config.blockSize), status, log, &talks);
     UtilitySink utility(config, log);
 
     // Declared last: unloaded first, after everything it may call back has stopped.

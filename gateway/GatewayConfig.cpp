@@ -8,6 +8,7 @@ GatewayConfig defaultGatewayConfig()
     device.devIndex = kDefaultDeviceIndex;
     device.name = "sample camera";
     device.folder = kDefaultDeviceIndex;
+    device.talk.channel = 1;
     config.devices.push_back(device);
     return config;
 }

@@ -16,12 +16,22 @@ struct UserAccount {
     std::string password;
 };
 
+// How a device takes part in two-way audio.
+struct TalkConfig {
+    bool enabled = true;
+    int channel = 0;             // the talk channel clients open; 0: the device's place in the list, from 1
+    std::string codec = "PCMU";  // PCMU, PCMA, G726-16 or G7221
+    std::string source;          // what the device plays; empty: a built-in tone
+    bool capture = true;         // keep what clients say, one file per talk in the device folder
+};
+
 struct DeviceConfig {
     std::string devIndex;  // 36 characters, as clients put it into "devIndex"
     std::string name;
     std::string address = "127.0.0.1";  // with rtspPort, how the XML download form names a device
     int rtspPort = 554;
     std::string folder;  // inside the media folder; the devIndex when not given
+    TalkConfig talk;
 };
 
 struct GatewayConfig {

@@ -20,6 +20,10 @@ constexpr int kBadDevIndex = 0x4000A001;        // "badDevIndex"
 constexpr int kBadParameters = 0x60000001;      // "badParameters"
 }  // namespace RestError
 
+// What the plug-in expects from the filter chain for a talk request it is to
+// handle itself (a module code of the plug-in, not a REST error).
+constexpr int kTalkAccepted = 0x1930844;
+
 namespace RtspStatusIndex {
 constexpr int kBadRequest = 9;            // 400
 constexpr int kUnauthorized = 10;         // 401

@@ -35,6 +35,21 @@ void StatusBoard::streamClosed()
     publishLocked();
 }
 
+void StatusBoard::talkOpened()
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    ++m_status.openTalks;
+    ++m_status.talks;
+    publishLocked();
+}
+
+void StatusBoard::talkClosed()
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    --m_status.openTalks;
+    publishLocked();
+}
+
 void StatusBoard::requestRefused()
 {
     std::lock_guard<std::mutex> guard(m_lock);
@@ -68,6 +83,8 @@ bool StatusBoard::publishLocked()
     root["port"] = m_status.port;
     root["pid"] = static_cast<Json::Int64>(getpid());
     root["openStreams"] = m_status.openStreams;
+    root["openTalks"] = m_status.openTalks;
+    root["talks"] = (Json::UInt64)m_status.talks;
     root["opened"] = static_cast<Json::UInt64>(m_status.opened);
     root["closed"] = static_cast<Json::UInt64>(m_status.closed);
     root["refused"] = static_cast<Json::UInt64>(m_status.refused);

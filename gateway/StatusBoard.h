@@ -3,7 +3,7 @@
 // every change (written to a temporary file and renamed, so a reader never
 // sees half a document):
 //   {"ready":true,"port":8080,"pid":1234,"openStreams":0,"opened":3,"closed":3,
-//    "refused":1,"lastClientIP":"127.0.0.1"}
+//    "openTalks":0,"talks":1,"refused":1,"lastClientIP":"127.0.0.1"}
 #ifndef GATEWAY_STATUS_BOARD_H
 #define GATEWAY_STATUS_BOARD_H
 
@@ -17,6 +17,8 @@ struct GatewayStatus {
     bool ready = false;
     int port = 0;
     int openStreams = 0;
+    int openTalks = 0;
+    uint64_t talks = 0;
     uint64_t opened = 0;
     uint64_t closed = 0;
     uint64_t refused = 0;
@@ -31,6 +33,8 @@ public:
     bool setReady(bool ready, int port);
     void streamOpened();
     void streamClosed();
+    void talkOpened();
+    void talkClosed();
     void requestRefused();
     void requestAccepted(const std::string& clientIP);
     GatewayStatus snapshot();

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <new>
 
 #include "DownloadResolver.h"
@@ -13,6 +14,7 @@
 #include "RestErrors.h"
 #include "StatusBoard.h"
 #include "StreamBlocks.h"
+#include "TalkDevices.h"
 
 namespace {
 
@@ -23,8 +25,10 @@ const char* text(const char* value)
 
 }  // namespace
 
-StreamSink::StreamSink(const MediaLibrary& library, size_t blockSize, StatusBoard& status, Logger& log)
-    : m_library(library), m_blockSize(blockSize), m_status(status), m_log(log), m_server(nullptr), m_nextId(1)
+StreamSink::StreamSink(const MediaLibrary& library, size_t blockSize, StatusBoard& status, Logger& log,
+                       TalkDevices* talks)
+    : m_library(library), m_blockSize(blockSize), m_status(status), m_log(log), m_server(nullptr), m_nextId(1),
+      m_talks(talks)
 {
 }
 
@@ -39,15 +43,26 @@ int StreamSink::openStreamCount()
     return static_cast<int>(m_streams.size());
 }
 
+int StreamSink::openTalkCount()
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    return static_cast<int>(m_talkStreams.size());
+}
+
 void StreamSink::closeAll()
 {
     std::map<void*, std::shared_ptr<RecordingStream>> streams;
+    std::map<void*, std::shared_ptr<TalkStream>> talks;
     {
         std::lock_guard<std::mutex> guard(m_lock);
         streams.swap(m_streams);
+        talks.swap(m_talkStreams);
     }
     for (auto& entry : streams) {
         release(entry.second, "left open by the plug-in at shutdown");
+    }
+    for (auto& entry : talks) {
+        releaseTalk(entry.second, "left open by the plug-in at shutdown");
     }
 }
 
@@ -69,6 +84,9 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
     if (!data || !sessionHandle) {
         m_log.logf(kLogError, "OnOpen %s: called without session data or handle", text(mediaUrl));
         return RestError::kInternalError;
+    }
+    if (talkChannelOfMediaUrl(text(mediaUrl)) != 0) {
+        return openTalk(filterUrl, mediaUrl, data, sessionHandle);
     }
     const Recording* recording = findByMediaUrl(m_library, text(mediaUrl));
     if (!recording) {
@@ -102,9 +120,64 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
     return 0;
 }
 
+int StreamSink::openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
+                         void** sessionHandle)
+{
+    const int channel = talkChannelOfMediaUrl(text(mediaUrl));
+    const TalkDevice* device = m_talks != nullptr ? m_talks->byChannel(channel) : nullptr;
+    if (device == nullptr) {
+        m_log.logf(kLogError, "OnOpen: \"%s\" names no talking device", text(mediaUrl));
+        return RestError::kInternalError;
+    }
+    const TalkRequester requester = m_talks->requester(channel);
+    TalkStreamSetup setup;
+    setup.id = m_nextId++;
+    setup.devIndex = device->devIndex;
+    setup.channel = channel;
+    setup.client = requester.client;
+    setup.user = requester.user;
+    setup.codec = device->codec;
+    setup.audio = device->audio;
+    if (!device->captureFolder.empty()) {
+        char stamp[32];
+        time_t now = time(nullptr);
+        struct tm utc;
+        strftime(stamp, sizeof stamp, "%Y%m%dT%H%M%SZ", gmtime_r(&now, &utc));
+        setup.capturePath = device->captureFolder + "/talk-ch" + std::to_string(channel) + "-" + stamp + "-" +
+                            std::to_string(setup.id) + device->codec->rawExtension;
+    }
+    auto talk = std::make_shared<TalkStream>(setup, data, m_log);
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_talkStreams[talk.get()] = talk;
+    }
+    *sessionHandle = talk.get();
+    m_status.talkOpened();
+    m_log.logf(kLogInfo, "talk %llu opened: device %s channel %d client \"%s\" user \"%s\" codec %s%s%s",
+               (unsigned long long)setup.id, setup.devIndex.c_str(), channel, setup.client.c_str(),
+               setup.user.c_str(), setup.codec->name, setup.capturePath.empty() ? "" : ", keeping it in ",
+               setup.capturePath.c_str());
+    return 0;
+}
+
+std::shared_ptr<TalkStream> StreamSink::findTalk(void* sessionHandle)
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    auto found = m_talkStreams.find(sessionHandle);
+    return found == m_talkStreams.end() ? nullptr : found->second;
+}
+
+void StreamSink::releaseTalk(const std::shared_ptr<TalkStream>& talk, const char* outcome)
+{
+    talk->stop();
+    m_status.talkClosed();
+    m_log.logf(kLogInfo, "%s", talk->summary(outcome).c_str());
+}
+
 int StreamSink::OnClose(void* sessionHandle)
 {
     std::shared_ptr<RecordingStream> stream;
+    std::shared_ptr<TalkStream> talk;
     {
         std::lock_guard<std::mutex> guard(m_lock);
         auto found = m_streams.find(sessionHandle);
@@ -112,6 +185,15 @@ int StreamSink::OnClose(void* sessionHandle)
             stream = found->second;
             m_streams.erase(found);
         }
+        auto foundTalk = m_talkStreams.find(sessionHandle);
+        if (foundTalk != m_talkStreams.end()) {
+            talk = foundTalk->second;
+            m_talkStreams.erase(foundTalk);
+        }
+    }
+    if (talk) {
+        releaseTalk(talk, "closed");
+        return 0;
     }
     if (!stream) {
         m_log.logf(kLogWarn, "OnClose of unknown stream handle %p", sessionHandle);
@@ -123,6 +205,9 @@ int StreamSink::OnClose(void* sessionHandle)
 
 int StreamSink::pushStream(void* sessionHandle)
 {
+    if (std::shared_ptr<TalkStream> talk = findTalk(sessionHandle)) {
+        return talk->prepare() ? 0 : RestError::kInternalError;
+    }
     std::shared_ptr<RecordingStream> stream = find(sessionHandle, "pushStream");
     if (!stream) {
         return RestError::kInternalError;
@@ -137,6 +222,9 @@ int StreamSink::pushStream(void* sessionHandle)
 
 int StreamSink::OnStart(void* sessionHandle, int reserved)
 {
+    if (std::shared_ptr<TalkStream> talk = findTalk(sessionHandle)) {
+        return talk->start(m_server) ? 0 : RestError::kInternalError;
+    }
     std::shared_ptr<RecordingStream> stream = find(sessionHandle, "OnStart");
     if (!stream) {
         return RestError::kInternalError;
@@ -151,6 +239,10 @@ int StreamSink::OnStart(void* sessionHandle, int reserved)
 
 int StreamSink::OnStop(void* sessionHandle, int reserved)
 {
+    if (std::shared_ptr<TalkStream> talk = findTalk(sessionHandle)) {
+        talk->stop();
+        return 0;
+    }
     std::shared_ptr<RecordingStream> stream = find(sessionHandle, "OnStop");
     if (!stream) {
         return -1;
@@ -161,7 +253,14 @@ int StreamSink::OnStop(void* sessionHandle, int reserved)
 
 int StreamSink::OnInputData(void* sessionHandle, int index, int dataType, void* data, int length)
 {
-    // Downloads only send; input comes from two-way audio, which this gateway does not offer.
+    // Only talks hear: what their client says, one codec packet at a time.
+    std::shared_ptr<TalkStream> talk = findTalk(sessionHandle);
+    if (!talk) {
+        return -1;
+    }
+    if (dataType == PROTOCOL_WRAPPER::STREAM_DATA) {
+        talk->input(data, length);
+    }
     return 0;
 }
 

@@ -1,7 +1,8 @@
 // The gateway's server sink: the plug-in opens, starts, stops and closes
-// downloads here, naming each by the handle OnOpen gave it. The plug-in calls
-// OnStop and then OnClose from one of its worker threads when a download ends
-// or its client goes away; after OnClose returns no Send for it follows.
+// downloads and talks here, naming each by the handle OnOpen gave it. The
+// plug-in calls OnStop and then OnClose from one of its worker threads when a
+// download or a talk ends or its client goes away; after OnClose returns no
+// Send for it follows. What a talk's client says comes in through OnInputData.
 #ifndef GATEWAY_STREAM_SINK_H
 #define GATEWAY_STREAM_SINK_H
 
@@ -14,18 +15,23 @@
 
 #include "MediaLibrary.h"
 #include "RecordingStream.h"
+#include "TalkStream.h"
 
 class Logger;
 class StatusBoard;
+class TalkDevices;
 
 class StreamSink : public PROTOCOL_WRAPPER::IServerSink {
 public:
-    StreamSink(const MediaLibrary& library, size_t blockSize, StatusBoard& status, Logger& log);
+    // talks: the talking devices; without them no talk opens.
+    StreamSink(const MediaLibrary& library, size_t blockSize, StatusBoard& status, Logger& log,
+               TalkDevices* talks = nullptr);
     ~StreamSink() override;
 
     // The server that CreateServer returned; deliveries wait for it.
     void attachServer(PROTOCOL_WRAPPER::IServer* server) { m_server = server; }
     int openStreamCount();
+    int openTalkCount();
     // Stops and releases every stream the plug-in left open; for shutdown.
     void closeAll();
 
@@ -42,6 +48,10 @@ private:
                    void** sessionHandle);
     std::shared_ptr<RecordingStream> find(void* sessionHandle, const char* operation);
     void release(const std::shared_ptr<RecordingStream>& stream, const char* why);
+    int openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
+                 void** sessionHandle);
+    std::shared_ptr<TalkStream> findTalk(void* sessionHandle);
+    void releaseTalk(const std::shared_ptr<TalkStream>& talk, const char* outcome);
 
     const MediaLibrary& m_library;
     const size_t m_blockSize;
@@ -53,6 +63,8 @@ private:
     // another never leave a thread joining a deleted stream.
     std::mutex m_lock;
     std::map<void*, std::shared_ptr<RecordingStream>> m_streams;
+    std::map<void*, std::shared_ptr<TalkStream>> m_talkStreams;  // under m_lock too
+    TalkDevices* m_talks;
 };
 
 #endif  // GATEWAY_STREAM_SINK_H

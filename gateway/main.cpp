@@ -1,6 +1,7 @@
 // media-gateway: the reference gateway host of the HTTP protocol plug-in.
-// It loads the plug-in, checks every download's Digest credentials, serves
-// recordings from a media folder and stops cleanly on SIGINT or SIGTERM.
+// It loads the plug-in, checks every request's Digest credentials, serves
+// recordings from a media folder, plays talking devices for two-way audio and
+// stops cleanly on SIGINT or SIGTERM.
 #include <unistd.h>
 
 #include <cstdio>

@@ -5,9 +5,9 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config
-  libjsoncpp-dev libtinyxml-dev libssl-dev libhttp-parser-dev
+  libjsoncpp-dev libtinyxml-dev libssl-dev libhttp-parser-dev libspandsp-dev
   googletest libgtest-dev libgmock-dev
-  curl nginx-light python3
+  curl nginx-light python3 sox
 )
 if [ "${HPW_EXTRA_PACKAGES:-}" != "" ]; then
   read -r -a extra <<<"$HPW_EXTRA_PACKAGES"

@@ -6,7 +6,8 @@
 #
 # Media folder: <build-dir>/media (a sample recording is generated there on
 # first start). Status file: <build-dir>/gateway-status.json. Port: 8080, or
-# GATEWAY_PORT. Default user "admin", password "gateway-demo".
+# GATEWAY_PORT; the two-way audio channel on the next port (GATEWAY_AUDIO_PORT).
+# Default user "admin", password "gateway-demo".
 set -euo pipefail
 
 build_dir=${1:?usage: $0 <build-dir> [media-gateway options...]}
@@ -16,9 +17,11 @@ if [ ! -d "$build_dir" ]; then
     exit 1
 fi
 build_dir=$(cd "$build_dir" && pwd)  # the printed commands work from any folder
+tools=$(cd "$(dirname "$0")" && pwd)
 gateway="$build_dir/bin/media-gateway"
 plugin="$build_dir/lib/libHttpProtocolWrapper.so"
 port=${GATEWAY_PORT:-8080}
+audio_port=${GATEWAY_AUDIO_PORT:-$((port + 1))}
 media="$build_dir/media"
 status="$build_dir/gateway-status.json"
 device="8c5b1a2e-0f4d-4e7a-9b3c-6d2e1f0a7b41"
@@ -34,7 +37,7 @@ for required in "$gateway" "$plugin"; do
 done
 
 rm -f "$status"
-"$gateway" --port "$port" --media "$media" --status-file "$status" "$@" &
+"$gateway" --port "$port" --audio-port "$audio_port" --media "$media" --status-file "$status" "$@" &
 pid=$!
 # Ctrl-C reaches the gateway too (same process group); TERM from elsewhere is passed on.
 trap 'kill -TERM "$pid" 2>/dev/null || true' INT TERM
@@ -56,7 +59,8 @@ json_uri="rtsp://127.0.0.1:554/Streaming/tracks/101/playback?$times&name=$sample
 xml_uri="rtsp://127.0.0.1:554/Streaming/tracks/101/playback?starttime=20260101T000000Z&amp;endtime=20260101T001000Z&amp;name=$sample&amp;size=$sample_size"
 cat <<TEXT
 
-media-gateway is running on port $port (status: $status). Try, from another terminal:
+media-gateway is running on port $port, two-way audio on $audio_port (status: $status).
+Try, from another terminal:
 
 # Download the sample recording, JSON form (POST):
 curl --digest -u admin:gateway-demo -X POST '$base?format=json&devIndex=$device' \\
@@ -68,6 +72,13 @@ curl --digest -u admin:gateway-demo -X GET '$base' \\
 
 # The body is a 40-byte stream head followed by the recording:
 tail -c +41 out.bin | cmp - '$media/$device/$sample' && echo identical
+
+# Talk to the sample device (channel 1, PCMU): play a sound, record what it plays back
+# (make a voice with: espeak-ng -w hello.wav "hello" && sox hello.wav -r 8000 -c 1 -e mu-law voice.wav):
+sox -n -r 8000 -c 1 -e mu-law voice.wav synth 3 sine 300-900
+python3 '$tools/talk.py' --user admin:gateway-demo --channel 1 --audio-port $audio_port \\
+  --send voice.wav --record heard.wav http://127.0.0.1:$port
+# What the device heard is kept in $media/$device/talk-ch1-*.wav
 
 # A wrong password is refused with 401 and a badAuthorization document:
 curl --digest -u admin:wrong-password -X POST '$base?format=json&devIndex=$device' \\

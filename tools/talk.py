@@ -251,22 +251,26 @@ class Talk:
             raise TalkError("the open reply carries no session id: %s" % body[:200])
         session_id = found.group(1)
         say("talk open on channel %d (session %s, %s)" % (args.channel, session_id, self.codec))
-        threads = []
+        threads, links = [], []
         try:
             if args.record:
                 link, early = open_link(self.host, self.audio_port, self.port, self.digest, "GET", args.channel,
                                         session_id)
+                links.append(link)
                 threads.append(threading.Thread(target=self.listen, args=(link, early, Recording(args.record,
                                                                                                  self.codec))))
             if source is not None:
                 link, _ = open_link(self.host, self.audio_port, self.port, self.digest, "PUT", args.channel,
                                     session_id)
+                links.append(link)
                 threads.append(threading.Thread(target=self.speak, args=(link, source)))
             for thread in threads:
                 thread.daemon = True
                 thread.start()
             self.wait(source is not None)
         finally:
+            # The talk is closed before its links: a PUT link that ends first
+            # ends the talk on the plug-in's side, and the close would find none.
             self.stopping.set()
             for thread in threads:
                 thread.join(5)
@@ -277,6 +281,8 @@ class Talk:
             except (TalkError, OSError) as failure:
                 # A talk that ended on the gateway's side (time-out, device gone) has nothing to close.
                 say("close: %s" % failure)
+            for link in links:
+                link.close()
 
     def wait(self, sending):
         """Until the file ends, --seconds pass, or Ctrl-C; a progress line each second."""
@@ -316,7 +322,6 @@ class Talk:
             say("PUT link: %s" % failure)
         finally:
             self.speaker_done = True
-            link.close()
 
     def listen(self, link, early, recording):
         try:
@@ -337,7 +342,6 @@ class Talk:
             say("GET link: %s" % failure)
         finally:
             recording.close()
-            link.close()
 
 
 def say(text):

@@ -1,0 +1,134 @@
+#include "TalkStream.h"
+
+#include <cstring>
+
+#include "Logger.h"
+
+namespace {
+
+constexpr int kStreamHeaderSize = 1620;   // the plug-in's stream header slot
+constexpr int kCodecNameOffset = 300;     // where it reads the codec's name
+
+}  // namespace
+
+TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, Logger& log)
+    : m_setup(std::move(setup)), m_data(data), m_log(log), m_opened(std::chrono::steady_clock::now())
+{
+}
+
+TalkStream::~TalkStream()
+{
+    stop();
+}
+
+bool TalkStream::prepare()
+{
+    if (m_setup.capturePath.empty()) {
+        return true;
+    }
+    std::string error;
+    std::lock_guard<std::mutex> guard(m_captureLock);
+    if (!m_capture.open(m_setup.capturePath, m_setup.codec->wavFormatTag, error)) {
+        m_log.logf(kLogError, "talk %llu: capture file refused: %s", (unsigned long long)m_setup.id, error.c_str());
+        return false;
+    }
+    return true;
+}
+
+bool TalkStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server)
+{
+    std::lock_guard<std::mutex> guard(m_controlLock);
+    if (m_started || m_stopRequested) {
+        return false;
+    }
+    m_started = true;
+    m_thread = std::thread(&TalkStream::play, this, &server);
+    return true;
+}
+
+void TalkStream::stop()
+{
+    std::thread thread;
+    {
+        std::lock_guard<std::mutex> guard(m_controlLock);
+        m_stopRequested = true;
+        thread = std::move(m_thread);
+    }
+    m_wake.notify_all();
+    if (thread.joinable()) {
+        thread.join();
+    }
+    std::lock_guard<std::mutex> guard(m_captureLock);
+    m_capture.close();
+}
+
+void TalkStream::play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
+{
+    std::unique_lock<std::mutex> lock(m_controlLock);
+    PROTOCOL_WRAPPER::IServer* server = nullptr;
+    // The server is known once CreateServer returned; a talk opened before that waits.
+    while (!m_stopRequested && (server = serverSlot->load()) == nullptr) {
+        m_wake.wait_for(lock, std::chrono::milliseconds(10));
+    }
+    if (m_stopRequested) {
+        return;
+    }
+    lock.unlock();
+    char header[kStreamHeaderSize];
+    memset(header, 0, sizeof header);
+    strncpy(header + kCodecNameOffset, m_setup.codec->name, sizeof header - kCodecNameOffset - 1);
+    server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_INFO, header, sizeof header);
+
+    // Live audio at the codec's pace, looped; a packet nobody listens to is lost,
+    // as a microphone's would be.
+    const std::string& audio = *m_setup.audio;
+    const size_t packet = (size_t)m_setup.codec->packetBytes;
+    const auto period = std::chrono::microseconds(1000000LL * m_setup.codec->packetBytes /
+                                                  m_setup.codec->bytesPerSecond);
+    std::string block(packet, '\0');
+    size_t offset = 0;
+    auto next = std::chrono::steady_clock::now();
+    lock.lock();
+    while (!m_stopRequested) {
+        lock.unlock();
+        for (size_t i = 0; i < packet; ++i) {
+            block[i] = audio[(offset + i) % audio.size()];
+        }
+        offset = (offset + packet) % audio.size();
+        if (server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], (int)packet) == 0) {
+            m_bytesToClient += packet;
+        }
+        next += period;
+        lock.lock();
+        m_wake.wait_until(lock, next, [this] { return m_stopRequested; });
+    }
+}
+
+void TalkStream::input(const void* data, int length)
+{
+    if (data == nullptr || length <= 0) {
+        return;
+    }
+    m_bytesFromClient += (uint64_t)length;
+    std::lock_guard<std::mutex> guard(m_captureLock);
+    if (!m_setup.capturePath.empty() && !m_captureFailed && !m_capture.append(data, (size_t)length)) {
+        m_captureFailed = true;
+        m_log.logf(kLogError, "talk %llu: %s cannot grow: %s; the rest of the talk is not kept",
+                   (unsigned long long)m_setup.id, m_capture.path().c_str(), strerror(errno));
+    }
+}
+
+std::string TalkStream::summary(const char* outcome)
+{
+    const double seconds =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - m_opened).count();
+    char line[512];
+    snprintf(line, sizeof line,
+             "talk %llu closed: device %s channel %d client \"%s\" user \"%s\" codec %s, %.1f s, %llu bytes to the "
+             "client, %llu bytes from the client%s%s, %s",
+             (unsigned long long)m_setup.id, m_setup.devIndex.c_str(), m_setup.channel, m_setup.client.c_str(),
+             m_setup.user.c_str(), m_setup.codec->name, seconds, (unsigned long long)m_bytesToClient.load(),
+             (unsigned long long)m_bytesFromClient.load(), m_setup.capturePath.empty() ? "" : " kept in ",
+             m_setup.capturePath.c_str(), outcome);
+    return line;
+}

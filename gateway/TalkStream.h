@@ -1,0 +1,78 @@
+// One talk as the gateway's device plays it: on start the stream header that
+// names the codec, then the device's audio, looped and paced in real time (one
+// packet per packet time), through IServer::Send; what the client says comes
+// in through OnInputData and goes to the capture file.
+#ifndef GATEWAY_TALK_STREAM_H
+#define GATEWAY_TALK_STREAM_H
+
+#include <ProtocolWrapper.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "TalkAudio.h"
+#include "WavFile.h"
+
+class Logger;
+
+struct TalkStreamSetup {
+    uint64_t id = 0;
+    std::string devIndex;
+    int channel = 0;
+    std::string client;  // the client's address as the plug-in forwarded it; may be empty
+    std::string user;
+    const TalkCodec* codec = nullptr;
+    std::shared_ptr<const std::string> audio;  // the device's audio in its codec
+    std::string capturePath;                   // empty: what the client says is not kept
+};
+
+class TalkStream {
+public:
+    TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, Logger& log);
+    ~TalkStream();
+    TalkStream(const TalkStream&) = delete;
+    TalkStream& operator=(const TalkStream&) = delete;
+
+    uint64_t id() const { return m_setup.id; }
+    const TalkStreamSetup& setup() const { return m_setup; }
+
+    // Opens the capture file; false (and logged) when it cannot be written.
+    bool prepare();
+    // Starts the device's audio once; it waits for the server to be known.
+    bool start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server);
+    // Stops the audio and waits for its thread: no Send follows. Idempotent.
+    void stop();
+    // What the client said; kept in order of arrival.
+    void input(const void* data, int length);
+    // The talk's log line: device, channel, client, user, codec, seconds, bytes
+    // each way, outcome.
+    std::string summary(const char* outcome);
+
+private:
+    void play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot);
+
+    const TalkStreamSetup m_setup;
+    PROTOCOL_WRAPPER::IServerData* const m_data;  // the plug-in's talk; valid until OnClose
+    Logger& m_log;
+    const std::chrono::steady_clock::time_point m_opened;
+    std::atomic<uint64_t> m_bytesToClient{0};
+    std::atomic<uint64_t> m_bytesFromClient{0};
+
+    std::mutex m_captureLock;  // input arrives on the plug-in's completion threads
+    CaptureFile m_capture;
+    bool m_captureFailed = false;
+
+    std::mutex m_controlLock;  // guards the thread and the stop request
+    std::condition_variable m_wake;
+    bool m_stopRequested = false;
+    bool m_started = false;
+    std::thread m_thread;
+};
+
+#endif  // GATEWAY_TALK_STREAM_H

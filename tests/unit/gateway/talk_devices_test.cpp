@@ -1,0 +1,139 @@
+// The gateway's talking devices: which channel a talk request names, the
+// device's audio in its codec, the talk settings of the configuration, and a
+// capture file that is a valid WAV after every write.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+#include "ConfigFile.h"
+#include "TalkAudio.h"
+#include "TalkDevices.h"
+#include "WavFile.h"
+
+namespace {
+
+std::string scratchPath(const char* name)
+{
+    return std::string(testing::TempDir()) + "talk-" + std::to_string(getpid()) + "-" + name;
+}
+
+// A WAV of 16-bit PCM at the given rate, written by hand.
+std::string writePcmWav(const char* name, const std::vector<int16_t>& samples, uint32_t rate = 8000)
+{
+    std::string path = scratchPath(name);
+    std::ofstream out(path, std::ios::binary);
+    auto le32 = [&](uint32_t v) { out.write(reinterpret_cast<const char*>(&v), 4); };
+    auto le16 = [&](uint16_t v) { out.write(reinterpret_cast<const char*>(&v), 2); };
+    const uint32_t bytes = (uint32_t)samples.size() * 2;
+    out.write("RIFF", 4), le32(36 + bytes), out.write("WAVEfmt ", 8), le32(16);
+    le16(kWavFormatPcm), le16(1), le32(rate), le32(rate * 2), le16(2), le16(16);
+    out.write("data", 4), le32(bytes);
+    out.write(reinterpret_cast<const char*>(samples.data()), bytes);
+    return path;
+}
+
+}  // namespace
+
+TEST(TalkDevices, TheChannelOfEachKindOfTalkUrl)
+{
+    struct Case {
+        std::string url;
+        int channel;
+    } requests[] = {
+        {"/QUMEX/System/TwoWayAudio/channels/12?indexType=httpPort&httpPort=8080&clientIP=&username=admi", 12},
+        {"/QUMEX/System/TwoWayAudio/channels/1", 1},
+        {"/QUMEX/System/TwoWayAudio/channels/0?x", 0},
+        {"/QUMEX/System/TwoWayAudio/channels/01?x", 0},
+        {"/QUMEX/System/TwoWayAudio/channels/1x?x", 0},
+        {"/QUMEX/System/TwoWayAudio/channels/?x", 0},
+        {"/other/TwoWayAudio/channels/1", 0},
+    };
+    for (const Case& c : requests) {
+        EXPECT_EQ(talkChannelOfUrl(c.url), c.channel) << c.url;
+    }
+    EXPECT_EQ(talkChannelOfDescribe("rtsp://127.0.0.1:8080/dac/talk/3/TCP?indexType=httpPort&httpPort=8080"), 3);
+    EXPECT_EQ(talkChannelOfDescribe("rtsp://127.0.0.1:8080/dac/talk/3"), 0);
+    EXPECT_EQ(talkChannelOfDescribe("/dac/talk/3/TCP"), 0);
+    TalkDevice device;
+    device.devIndex = "8c5b1a2e-0f4d-4e7a-9b3c-6d2e1f0a7b41";
+    device.channel = 7;
+    EXPECT_EQ(talkChannelOfMediaUrl(makeTalkMediaUrl(device)), 7);
+    EXPECT_EQ(talkChannelOfMediaUrl("file:///x/7"), 0);
+}
+
+TEST(TalkDevices, ConfigurationGivesChannelsByPlaceAndRefusesClashes)
+{
+    const std::string a = R"({"devIndex":"aaaaaaaa-0f4d-4e7a-9b3c-6d2e1f0a7b41")";
+    const std::string b = R"({"devIndex":"bbbbbbbb-0f4d-4e7a-9b3c-6d2e1f0a7b41","rtspPort":555)";
+    auto parse = [](const std::string& devices, GatewayConfig& config) {
+        Json::Value root;
+        Json::Reader().parse(R"({"media":{"devices":[)" + devices + "]}}", root);
+        std::string error;
+        return parseGatewayConfig(root, config, error) ? std::string() : error;
+    };
+    GatewayConfig config;
+    ASSERT_EQ(parse(a + "}," + b + R"(,"talk":{"codec":"PCMA","capture":false}})", config), "");
+    EXPECT_EQ(config.devices[0].talk.channel, 1);
+    EXPECT_EQ(config.devices[1].talk.channel, 2);
+    EXPECT_EQ(config.devices[1].talk.codec, "PCMA");
+    EXPECT_FALSE(config.devices[1].talk.capture);
+    EXPECT_EQ(parse(a + R"(,"talk":{"channel":2}},)" + b + "}", config),
+              "media.devices[1].talk.channel: channel 2 is used by another device");
+    EXPECT_EQ(parse(a + R"(,"talk":{"codec":"OPUS"}})", config).rfind("media.devices[0].talk.codec:", 0), 0u);
+    EXPECT_EQ(parse(a + R"(,"talk":{"volume":3}})", config).rfind("media.devices[0].talk", 0), 0u);
+    EXPECT_EQ(parse(a + R"(,"talk":{"channel":2,"enabled":false}},)" + b + "}", config), "");
+}
+
+TEST(TalkAudio, SourcesAreEncodedToTheDeviceCodecOrRefusedByName)
+{
+    std::string audio, error;
+    ASSERT_TRUE(loadTalkSource("", *findTalkCodec("PCMU"), audio, error)) << error;
+    EXPECT_EQ(audio.size(), 8000u);  // the built-in tone: one second
+    ASSERT_TRUE(loadTalkSource("", *findTalkCodec("G726-16"), audio, error)) << error;
+    EXPECT_EQ(audio.size(), 2000u);
+    EXPECT_FALSE(loadTalkSource("", *findTalkCodec("G7221"), audio, error));
+
+    // Silence in A-law is 0xD5, in mu-law 0xFF; full scale hits the ends of the range.
+    std::string silence = writePcmWav("silence.wav", std::vector<int16_t>(320, 0));
+    ASSERT_TRUE(loadTalkSource(silence, *findTalkCodec("PCMA"), audio, error)) << error;
+    EXPECT_EQ(audio, std::string(320, '\xD5'));
+    ASSERT_TRUE(loadTalkSource(silence, *findTalkCodec("PCMU"), audio, error)) << error;
+    EXPECT_EQ(audio, std::string(320, '\xFF'));
+
+    std::string wideband = writePcmWav("wide.wav", std::vector<int16_t>(320, 0), 16000);
+    EXPECT_FALSE(loadTalkSource(wideband, *findTalkCodec("PCMU"), audio, error));
+    EXPECT_NE(error.find(wideband), std::string::npos);
+    EXPECT_NE(error.find("8000 Hz mono"), std::string::npos) << error;
+    EXPECT_FALSE(loadTalkSource(scratchPath("missing.wav"), *findTalkCodec("PCMU"), audio, error));
+    EXPECT_EQ(findTalkCodec("pcmu"), nullptr);
+    std::remove(silence.c_str());
+    std::remove(wideband.c_str());
+}
+
+TEST(TalkCapture, EveryWriteLeavesAPlayableFile)
+{
+    std::string path = scratchPath("capture.wav");
+    CaptureFile capture;
+    std::string error;
+    ASSERT_TRUE(capture.open(path, kWavFormatMulaw, error)) << error;
+    std::string said;
+    for (int packet = 0; packet < 3; ++packet) {
+        std::string bytes(packet == 2 ? 81 : 160, (char)(0x10 + packet));
+        ASSERT_TRUE(capture.append(bytes.data(), bytes.size()));
+        said += bytes;
+        // What a player finds if the talk ended right here.
+        WavAudio wav;
+        ASSERT_TRUE(readWavFile(path, wav, error)) << error;
+        EXPECT_EQ(wav.formatTag, kWavFormatMulaw);
+        EXPECT_EQ(wav.sampleRate, 8000u);
+        EXPECT_EQ(wav.data, said);
+    }
+    capture.close();
+    WavAudio wav;
+    ASSERT_TRUE(readWavFile(path, wav, error));
+    EXPECT_EQ(wav.data, said);
+    std::remove(path.c_str());
+}
