@@ -58,8 +58,10 @@ int CHttpParser::IsEnd(const char* data, int length, bool simple)
         m_iTotalLen = m_iHeadLen;
         return 0;
     }
-    long bodyLength = atol(contentLength + sizeof kContentLength - 1);
-    if (bodyLength < 0 || (long long)m_iHeadLen + bodyLength > (long long)length) {
+    // strtol saturates where atol would overflow; the comparison is made so
+    // that no sum can overflow either, whatever number a client writes.
+    long bodyLength = strtol(contentLength + sizeof kContentLength - 1, nullptr, 10);
+    if (bodyLength < 0 || bodyLength > (long)length - m_iHeadLen) {
         return 1;
     }
     m_iTotalLen = m_iHeadLen + (int)bodyLength;

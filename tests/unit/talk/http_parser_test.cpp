@@ -40,6 +40,11 @@ TEST(HttpParser, FramesByBlankLineAndContentLength)
     EXPECT_EQ(parse(lower, "PUT /a HTTP/1.1\r\ncontent-length: 10\r\n\r\n"), 0);
     EXPECT_EQ(lower.GetTotalLen(), lower.GetHeadLen());
 
+    // A length no request can have waits for ever rather than overflow.
+    CHttpParser huge;
+    const std::string hugeHead = "PUT /a HTTP/1.1\r\nContent-Length: 99999999999999999999999\r\n\r\n";
+    EXPECT_EQ(huge.IsEnd(hugeHead.c_str(), (int)hugeHead.size(), false), 1);
+
     CHttpParser incomplete;
     EXPECT_EQ(incomplete.IsEnd("GET / HTTP/1.1\r\nHost: a\r\n", 25, false), -1);
     EXPECT_EQ(incomplete.SimpleParse("GET / HTTP/1.1\r\nHost: a\r\n", 25), 1);
