@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "FuzzCheck.h"
+#include "OnWorkerStack.h"
 #include "util/Base64.h"
 
 namespace {
@@ -82,11 +83,17 @@ void LenientRoundTrip(const uint8_t* data, size_t size)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+static int FuzzOneInput(const uint8_t* data, size_t size)
 {
     StrictDecode(data, size);
     StrictRoundTrip(data, size);
     LenientDecode(data, size);
     LenientRoundTrip(data, size);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    OnWorkerStack::run([&] { FuzzOneInput(data, size); });
     return 0;
 }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "FuzzCheck.h"
+#include "OnWorkerStack.h"
 #include "protocol/ProtocolRequest.h"
 #include "protocol/ProtocolResponse.h"
 #include "util/StringUtils.h"
@@ -142,7 +143,7 @@ void RoundTrip(const std::string& input, size_t smallSize, Parse parse, Build bu
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+static int FuzzOneInput(const uint8_t* data, size_t size)
 {
     if (size == 0) {
         return 0;
@@ -152,5 +153,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     RoundTrip<CProtocolRequest>(input, smallSize, &CProtocolRequest::ParseRequest, &CProtocolRequest::BuildRequest);
     RoundTrip<CProtocolResponse>(input, smallSize, &CProtocolResponse::ParseResponse,
                                  &CProtocolResponse::BuildResponse);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    OnWorkerStack::run([&] { FuzzOneInput(data, size); });
     return 0;
 }

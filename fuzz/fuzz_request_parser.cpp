@@ -6,6 +6,7 @@
 // Which refusal (400 or 413) comes first may depend on where a read ends, so
 // refusals only have to agree on being refusals.
 #include "FuzzCheck.h"
+#include "OnWorkerStack.h"
 #include "RequestParser.h"
 
 #include <algorithm>
@@ -49,7 +50,7 @@ void checkSameRequest(const RequestParser& whole, const RequestParser& pieces)
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+static int FuzzOneInput(const uint8_t* data, size_t size)
 {
     if (size == 0) {
         return 0;
@@ -83,5 +84,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         FUZZ_CHECK(whole.body().size() <= netutils::kMaxBody);
         checkSameRequest(whole, pieces);
     }
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    OnWorkerStack::run([&] { FuzzOneInput(data, size); });
     return 0;
 }

@@ -7,11 +7,12 @@
 #include <string>
 
 #include "FuzzCheck.h"
+#include "OnWorkerStack.h"
 #include "talk/HttpParser.h"
 
 using HttpWrapper::CHttpParser;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+static int FuzzOneInput(const uint8_t* data, size_t size)
 {
     // The session hands the parser a zero-terminated buffer.
     std::string text(reinterpret_cast<const char*>(data), size);
@@ -48,5 +49,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     parser.Clear();
     FUZZ_CHECK(parser.GetHeadLen() == 0 && parser.getURL().empty() && parser.getMethod().empty());
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    OnWorkerStack::run([&] { FuzzOneInput(data, size); });
     return 0;
 }

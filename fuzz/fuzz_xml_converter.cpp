@@ -12,6 +12,7 @@
 #include <string>
 
 #include "FuzzCheck.h"
+#include "OnWorkerStack.h"
 #include "xml/mkTinyXMLConverter.h"
 
 using HttpWrapper::CmkTinyXMLConverter;
@@ -115,7 +116,7 @@ bool IsUtf8(const std::string& text)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+static int FuzzOneInput(const uint8_t* data, size_t size)
 {
     const std::string text(reinterpret_cast<const char*>(data), size);
     CmkTinyXMLConverter xml;
@@ -128,5 +129,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     }
     CmkTinyXMLConverter again;
     FUZZ_CHECK(again.SetDoc(xml.GetDoc()));
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    OnWorkerStack::run([&] { FuzzOneInput(data, size); });
     return 0;
 }

@@ -2,6 +2,7 @@
 
 #include <json/json.h>
 
+#include "util/NestingLimit.h"
 #include "util/StringUtils.h"
 
 namespace HttpWrapper {
@@ -16,7 +17,10 @@ void RewritePlaybackToDownload(std::string& uri)
 
 bool ReadJsonDownloadUri(const char* body, int length, std::string& uri)
 {
-    if (body == nullptr || length <= 0) {
+    // Checked before the reader, whose own limit (1,000 levels) is deeper than
+    // a worker's stack holds: the reader stays the same, and so does what it
+    // accepts.
+    if (body == nullptr || length <= 0 || !JsonNestingWithin(body, (size_t)length, kMaxRequestNesting)) {
         return false;
     }
     Json::Value root;

@@ -1,8 +1,11 @@
 #include "xml/mkTinyXMLConverter.h"
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iterator>
+
+#include "util/NestingLimit.h"
 
 namespace HttpWrapper {
 
@@ -138,7 +141,9 @@ bool CmkTinyXMLConverter::SetDoc(const char* text)
     ResetPos();
     m_savedPositions.clear();
     m_bWellFormed = false;
-    if (text == nullptr || text[0] == '\0') {
+    // TinyXML parses recursively and has no depth limit of its own: a deep
+    // document from a client is refused before it can exhaust the stack.
+    if (text == nullptr || text[0] == '\0' || !XmlNestingWithin(text, strlen(text), kMaxRequestNesting)) {
         return false;
     }
     Parse(ParseableText(text).c_str());
