@@ -11,6 +11,7 @@
 #include "frame/Log.h"
 #include "session/HttpSessionMgr.h"
 #include "session/RtspStatus.h"
+#include "util/StringUtils.h"
 #include "xml/mkTinyXMLConverter.h"
 
 namespace HttpWrapper {
@@ -108,7 +109,10 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
 {
     // "&clientIP=" is appended even without a "?" and with an empty address, and
     // "Download: 0" is sent for downloads too: the gateway's parser expects both.
-    std::string text = m_strMethod + " " + m_strPlaybackURI + "&clientIP=" + m_strClientIP + " RTSP/1.0\r\n";
+    // The address is the client's own text (a proxy's list, or anything a
+    // client writes): escaped, it stays one parameter of the URL.
+    std::string text = m_strMethod + " " + m_strPlaybackURI + "&clientIP=" + EscapeClientAddress(m_strClientIP) +
+                       " RTSP/1.0\r\n";
     text += "CSeq: 1\r\n";
     text += "Accept: application/sdp\r\n";
     text += "Download: 0\r\n";

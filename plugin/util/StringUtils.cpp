@@ -1,5 +1,7 @@
 #include "util/StringUtils.h"
 
+#include <cstring>
+
 namespace HttpWrapper {
 
 namespace {
@@ -163,17 +165,17 @@ bool Match(const std::string& s, const std::string& start, const std::string& en
     return true;
 }
 
-std::string UriEscape(const std::string& uri, bool keepSlash)
+std::string PercentEscape(const std::string& text, const char* alsoKept)
 {
     static const char kHex[] = "0123456789ABCDEF";
     std::string escaped;
-    escaped.reserve(uri.size());
-    for (const char c : uri) {
+    escaped.reserve(text.size());
+    for (const char c : text) {
         const unsigned char byte = static_cast<unsigned char>(c);
         const bool unreserved = (byte >= 'A' && byte <= 'Z') || (byte >= 'a' && byte <= 'z') ||
                                 (byte >= '0' && byte <= '9') || byte == '-' || byte == '.' || byte == '_' ||
                                 byte == '~';
-        if (unreserved || (keepSlash && byte == '/')) {
+        if (unreserved || (byte != 0 && strchr(alsoKept, c) != nullptr)) {
             escaped.push_back(c);
         } else {
             escaped.push_back('%');
@@ -182,6 +184,16 @@ std::string UriEscape(const std::string& uri, bool keepSlash)
         }
     }
     return escaped;
+}
+
+std::string UriEscape(const std::string& uri, bool keepSlash)
+{
+    return PercentEscape(uri, keepSlash ? "/" : "");
+}
+
+std::string EscapeClientAddress(const std::string& forwardedFor)
+{
+    return PercentEscape(forwardedFor, ":,");
 }
 
 }  // namespace HttpWrapper

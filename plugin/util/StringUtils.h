@@ -60,6 +60,15 @@ bool Match(const std::string& s, const std::string& start, const std::string& en
 // a path keeps its segments. Every other byte becomes "%XX" (upper-case hex).
 std::string UriEscape(const std::string& uri, bool keepSlash);
 
+// The same for any text, with the characters of alsoKept left as they are too.
+std::string PercentEscape(const std::string& text, const char* alsoKept);
+
+// The X-Forwarded-For text as it travels in the RTSP request line after
+// "&clientIP=": escaped but for the unreserved characters, ":" (IPv6) and ","
+// (a proxy's list), so one address reads as before while a list's blank, or
+// an "&" or "=" meant to inject parameters, cannot cut or extend the URL.
+std::string EscapeClientAddress(const std::string& forwardedFor);
+
 }  // namespace HttpWrapper
 
 #endif  // HTTPWRAPPER_UTIL_STRINGUTILS_H

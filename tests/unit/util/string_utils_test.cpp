@@ -119,3 +119,14 @@ TEST(UriEscape, KeepsUnreservedAndOptionallySlash)
     EXPECT_EQ(UriEscape("/a", false), "%2Fa");
     EXPECT_EQ(UriEscape(std::string("\xff\x01", 2), true), "%FF%01");
 }
+
+TEST(EscapeClientAddress, OneAddressReadsAsBeforeAndNothingElseCanCutTheUrl)
+{
+    EXPECT_EQ(EscapeClientAddress("192.0.2.7"), "192.0.2.7");
+    EXPECT_EQ(EscapeClientAddress("2001:db8::1"), "2001:db8::1");
+    EXPECT_EQ(EscapeClientAddress("203.0.113.7, 127.0.0.2"), "203.0.113.7,%20127.0.0.2");
+    EXPECT_EQ(EscapeClientAddress("a&devIndex=zzz"), "a%26devIndex%3Dzzz");
+    EXPECT_EQ(EscapeClientAddress("%26 RTSP/1.0\r\nX: y"), "%2526%20RTSP%2F1.0%0D%0AX:%20y");
+    const std::string escaped = EscapeClientAddress(std::string(128, '&'));
+    EXPECT_EQ(escaped.find_first_of(" &=?#\r\n"), std::string::npos);
+}
