@@ -16,8 +16,11 @@ class OnWorkerStack {
 public:
     static void run(const std::function<void()>& work)
     {
-        static OnWorkerStack runner;
-        runner.post(work);
+        // Never destroyed: the thread waits on the runner until the process
+        // exits, and destroying a condition variable it waits on would hang
+        // the exit.
+        static OnWorkerStack* runner = new OnWorkerStack;
+        runner->post(work);
     }
 
 private:

@@ -289,6 +289,9 @@ void Listener::readRequest(uint64_t id, Entry& entry)
             case RequestParser::Result::TooLarge:
                 refuse(id, entry, 413);
                 return;
+            case RequestParser::Result::MethodNotAllowed:
+                refuse(id, entry, 405);
+                return;
             case RequestParser::Result::Incomplete:
                 if (entry.parser->takeContinueRequest()) {
                     static const char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
@@ -334,9 +337,12 @@ void Listener::publish(uint64_t id, Entry& entry)
 
 void Listener::refuse(uint64_t id, Entry& entry, int status)
 {
-    char reply[128];
-    const int length = snprintf(reply, sizeof(reply), "HTTP/1.1 %d %s\r\nConnection: close\r\nContent-Length: 0\r\n\r\n",
-                                status, status == 413 ? "Payload Too Large" : "Bad Request");
+    char reply[192];
+    const char* phrase = status == 413 ? "Payload Too Large" : status == 405 ? "Method Not Allowed" : "Bad Request";
+    const char* allow = status == 405 ? "Allow: GET, PUT, POST, DELETE\r\n" : "";
+    const int length = snprintf(reply, sizeof(reply),
+                                "HTTP/1.1 %d %s\r\n%sConnection: close\r\nContent-Length: 0\r\n\r\n", status, phrase,
+                                allow);
     sendSmall(entry.connection->fd(), reply, static_cast<size_t>(length));
     entry.connection->end(Connection::End::Completed);
     entry.parser.reset();

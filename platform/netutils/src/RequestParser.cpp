@@ -142,6 +142,11 @@ int RequestParser::endRequestLine(size_t offset)
 int RequestParser::onUrl(http_parser* parser, const char* at, size_t length)
 {
     auto* self = static_cast<RequestParser*>(parser->data);
+    // The owner serves these four methods only: any other is answered by the
+    // server at once, before its headers and body, and never reaches the owner.
+    if (methodCodeOf(parser->method) == NET_HTTP_METHOD_OTHER) {
+        return self->stop(Result::MethodNotAllowed);
+    }
     if (self->m_url.size() + length > kMaxRequestLine) {
         return self->stop(Result::TooLarge);
     }

@@ -32,6 +32,7 @@ public:
         Complete,   // a whole request was read; later bytes are ignored
         BadRequest, // malformed: answer 400
         TooLarge,   // over a limit: answer 413
+        MethodNotAllowed,  // not GET, PUT, POST or DELETE: answer 405 as soon as the request line is read
     };
 
     RequestParser();

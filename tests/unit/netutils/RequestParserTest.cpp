@@ -58,9 +58,8 @@ TEST(RequestParser, CompleteRequestByteByByte)
 
 TEST(RequestParser, MethodCodesAndChunkedBody)
 {
-    const std::pair<const char*, int> methods[] = {{"GET", NET_HTTP_METHOD_GET},       {"PUT", NET_HTTP_METHOD_PUT},
-                                                   {"POST", NET_HTTP_METHOD_POST},     {"DELETE", NET_HTTP_METHOD_DELETE},
-                                                   {"OPTIONS", NET_HTTP_METHOD_OTHER}};
+    const std::pair<const char*, int> methods[] = {{"GET", NET_HTTP_METHOD_GET},   {"PUT", NET_HTTP_METHOD_PUT},
+                                                   {"POST", NET_HTTP_METHOD_POST}, {"DELETE", NET_HTTP_METHOD_DELETE}};
     for (const auto& method : methods) {
         RequestParser parser;
         ASSERT_EQ(feed(parser, std::string(method.first) + " /m HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
@@ -68,6 +67,16 @@ TEST(RequestParser, MethodCodesAndChunkedBody)
                   Result::Complete);
         EXPECT_EQ(parser.methodCode(), method.second) << method.first;
         EXPECT_EQ(parser.body(), "abcde");
+    }
+}
+
+TEST(RequestParser, OtherMethodsAreRefusedAtTheRequestLine)
+{
+    for (const char* method : {"HEAD", "OPTIONS", "TRACE", "PATCH", "CONNECT"}) {
+        RequestParser parser;
+        // Decided before the headers end: the client is not made to send the rest.
+        EXPECT_EQ(feed(parser, std::string(method) + " /x HTTP/1.1\r\nHost: a\r\n"), Result::MethodNotAllowed)
+            << method;
     }
 }
 

@@ -33,6 +33,24 @@ TEST_F(ServerTest, MalformedAndOversizedRequestsAreRefusedWithoutCallback)
     EXPECT_EQ(requestCount(), 0u);
 }
 
+TEST_F(ServerTest, OtherMethodsGet405AtOnceAndNeverReachTheOwner)
+{
+    startListen(30000);
+    const std::string notAllowed = "HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, PUT, POST, DELETE\r\n"
+                                   "Connection: close\r\nContent-Length: 0\r\n\r\n";
+    for (const char* request : {"HEAD /QUMEX/ContentMgmt/download HTTP/1.1\r\nHost: a\r\n\r\n",
+                                "OPTIONS * HTTP/1.1\r\nHost: a\r\n\r\n", "PATCH /x HTTP/1.1\r\n"}) {
+        TestClient client;
+        ASSERT_TRUE(client.connectTo(port()));
+        const auto start = std::chrono::steady_clock::now();
+        client.send(request);
+        EXPECT_EQ(client.receiveAll(3000), notAllowed) << request;
+        EXPECT_TRUE(client.waitForClose(1000)) << request;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1)) << request;
+    }
+    EXPECT_EQ(requestCount(), 0u);
+}
+
 TEST_F(ServerTest, PipelinedBytesAfterTheRequestAreIgnored)
 {
     startListen();
