@@ -81,9 +81,9 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
     const std::string mediaUrl = makeMediaUrl(*download.device, *download.recording);
     context->SetFilterURL(url.c_str());
     context->SetMediaURL(mediaUrl.c_str());
-    m_status.requestAccepted(uri.param("clientIP"));
+    noteClient(uri.client);
     m_log.logf(kLogInfo, "accepted %s from user \"%s\" client \"%s\": %s", method.c_str(), auth.user.c_str(),
-               uri.param("clientIP").c_str(), mediaUrl.c_str());
+               uri.client.address.c_str(), mediaUrl.c_str());
     return 0;
 }
 
@@ -105,12 +105,22 @@ int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const s
     }
     // Open, close, and the audio links all name the channel alike; who asked
     // last is who the next talk on it belongs to.
-    const std::string client = forwardedClient(url);
-    m_talks->noteRequester(channel, TalkRequester{client, user});
-    m_status.requestAccepted(client);
+    ForwardedClient client;
+    splitForwardedClient(url, client);
+    m_talks->noteRequester(channel, TalkRequester{client.address, user});
+    noteClient(client);
     m_log.logf(kLogInfo, "accepted talk %s of channel %d (device %s) from user \"%s\" client \"%s\"", method.c_str(),
-               channel, device->devIndex.c_str(), user.c_str(), client.c_str());
+               channel, device->devIndex.c_str(), user.c_str(), client.address.c_str());
     return kTalkAccepted;
+}
+
+void DownloadFilter::noteClient(const ForwardedClient& client)
+{
+    if (!client.untrusted.empty()) {
+        m_log.logf(kLogWarn, "forwarded client address \"%s\" is not an address; untrusted, not used",
+                   client.untrusted.c_str());
+    }
+    m_status.requestAccepted(client.address);
 }
 
 int DownloadFilter::Response(PROTOCOL_FILTER::IProtocolResponse* response, int flags,

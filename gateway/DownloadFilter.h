@@ -11,6 +11,7 @@
 
 #include <ProtocolFilter.h>
 
+#include "ClientAddress.h"
 #include "DigestAuthenticator.h"
 #include "MediaLibrary.h"
 #include "RestErrors.h"
@@ -39,6 +40,8 @@ private:
     // device side (the DESCRIBE); returns what the plug-in expects or a refusal.
     int checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
                   const std::string& user);
+    // The status board learns a valid client address only; other text is logged as untrusted.
+    void noteClient(const ForwardedClient& client);
 
     const DigestAuthenticator& m_authenticator;
     const MediaLibrary& m_library;

@@ -46,15 +46,17 @@ std::string PlaybackUri::param(const std::string& name) const
     return found == params.end() ? std::string() : found->second;
 }
 
-bool parsePlaybackUri(const std::string& url, PlaybackUri& uri, std::string& error)
+bool parsePlaybackUri(const std::string& fullUrl, PlaybackUri& uri, std::string& error)
 {
     uri = PlaybackUri();
+    const std::string url = splitForwardedClient(fullUrl, uri.client);
     const std::string scheme = "rtsp://";
     if (url.compare(0, scheme.size(), scheme) != 0) {
         error = "not an rtsp:// URL";
         return false;
     }
-    // The plug-in appends "&clientIP=" even to a URI without a query.
+    // The plug-in's suffix starts with "&" even on a URI without a query, and
+    // the rtspPort it appends to the XML form may too.
     size_t queryStart = url.find('?');
     if (queryStart == std::string::npos) {
         queryStart = url.find('&');
@@ -87,8 +89,8 @@ bool parsePlaybackUri(const std::string& url, PlaybackUri& uri, std::string& err
             error = "badly encoded parameter \"" + piece + "\"";
             return false;
         }
-        // Last value wins: what the plug-in appends (clientIP, username, rtspPort)
-        // overrides anything a client wrote into its own URI under the same name.
+        // Last value wins: the rtspPort the plug-in appends to the XML form
+        // overrides one the client wrote into its own URI.
         uri.params[name] = value;
     }
 

@@ -3,18 +3,22 @@
 // client's playback URI: "playback" became "download", the XML form turned
 // "camera/<id>/" into "device/<id>/" or appended
 // "indexType=rtspPort&rtspPort=<port>", and "&clientIP=<X-Forwarded-For>" and
-// "&username=..." were appended last.
+// "&username=..." were appended last. Only the part before that suffix is read
+// for parameters: the forwarded text is the client's and chooses nothing.
 #ifndef GATEWAY_PLAYBACK_URI_H
 #define GATEWAY_PLAYBACK_URI_H
 
 #include <map>
 #include <string>
 
+#include "ClientAddress.h"
+
 struct PlaybackUri {
     std::string host;         // address in the authority, without the port
     std::string deviceIndex;  // "devIndex" parameter, else the "device/<id>/" path segment
     int rtspPort = 0;         // "rtspPort" parameter when "indexType" is "rtspPort", else 0
-    std::map<std::string, std::string> params;  // decoded query; a repeated name keeps its last value
+    std::map<std::string, std::string> params;  // decoded query of the client's URI; a repeated name keeps its last value
+    ForwardedClient client;                     // from the plug-in's suffix, never from params
 
     std::string param(const std::string& name) const;
     bool hasParam(const std::string& name) const { return params.count(name) != 0; }

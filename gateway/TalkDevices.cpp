@@ -37,18 +37,6 @@ int talkChannelOfMediaUrl(const std::string& mediaUrl)
     return end == mediaUrl.size() ? channel : 0;
 }
 
-std::string forwardedClient(const std::string& url)
-{
-    static const std::string kKey = "&clientIP=";
-    size_t at = url.rfind(kKey);
-    if (at == std::string::npos) {
-        return std::string();
-    }
-    at += kKey.size();
-    size_t end = url.find('&', at);
-    return url.substr(at, end == std::string::npos ? std::string::npos : end - at);
-}
-
 int talkChannelOfUrl(const std::string& url)
 {
     static const std::string kPrefix = "/QUMEX/System/TwoWayAudio/channels/";

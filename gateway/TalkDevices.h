@@ -39,9 +39,6 @@ struct TalkRequester {
 std::string makeTalkMediaUrl(const TalkDevice& device);
 int talkChannelOfMediaUrl(const std::string& mediaUrl);
 
-// The client address the plug-in appended ("&clientIP=" up to the next "&").
-std::string forwardedClient(const std::string& url);
-
 // ".../TwoWayAudio/channels/<n>" with anything after a "?": the channel, else 0.
 int talkChannelOfUrl(const std::string& url);
 // "rtsp://.../dac/talk/<n>/...": the channel, else 0.
