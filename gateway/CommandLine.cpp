@@ -25,6 +25,10 @@ const char* commandLineUsage()
            "  --plugin FILE       plugin (path of libHttpProtocolWrapper.so)\n"
            "  --log-file FILE     log.file\n"
            "  --log-level LEVEL   log.level: debug, info, warn or error\n"
+           "  --sample            write a sample recording per device into an empty media folder\n"
+           "                      (creating it); without it a missing media folder is an error\n"
+           "  --strict            refuse to start on a bad entry of a recordings index\n"
+           "                      (without it the entry is logged and skipped)\n"
            "  --help              this text\n";
 }
 
@@ -37,6 +41,10 @@ bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::stri
         const std::string option = argv[i];
         if (option == "--help" || option == "-h") {
             commandLine.showHelp = true;
+            continue;
+        }
+        if (option == "--sample" || option == "--strict") {
+            (option == "--sample" ? commandLine.writeSample : commandLine.strictIndex) = true;
             continue;
         }
         bool known = false;

@@ -10,6 +10,8 @@
 
 struct CommandLine {
     bool showHelp = false;
+    bool writeSample = false;  // --sample
+    bool strictIndex = false;  // --strict
     std::string configFile;   // empty: defaults only
     Json::Value overrides;    // same layout as the configuration file
 };

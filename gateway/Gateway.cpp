@@ -1,5 +1,7 @@
 #include "Gateway.h"
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <ctime>
 #include <cstring>
@@ -18,12 +20,20 @@
 
 namespace {
 
-int waitForStopSignal(const sigset_t& stopSignals)
+// SIGHUP, an operator's habit for "reload", is logged and otherwise ignored
+// until the gateway can reload; only SIGINT and SIGTERM stop it.
+int waitForStopSignal(const sigset_t& stopSignals, Logger& log)
 {
-    int received = 0;
-    while (sigwait(&stopSignals, &received) != 0) {
+    for (;;) {
+        int received = 0;
+        if (sigwait(&stopSignals, &received) != 0) {
+            continue;
+        }
+        if (received != SIGHUP) {
+            return received;
+        }
+        log.logf(kLogInfo, "SIGHUP received: this gateway does not reload; it goes on as it is");
     }
-    return received;
 }
 
 bool offersHttp(PluginLibrary& plugin)
@@ -80,7 +90,7 @@ int serve(const GatewayConfig& config, PluginLibrary& plugin, StreamSink& sink, 
     status.setReady(true, config.httpPort);
     log.logf(kLogInfo, "ready on http://127.0.0.1:%d (server URL %s)", config.httpPort, url.c_str());
 
-    int received = waitForStopSignal(stopSignals);
+    int received = waitForStopSignal(stopSignals, log);
     log.logf(kLogInfo, "%s received, stopping", strsignal(received));
     status.setReady(false, config.httpPort);
     // Returns once the plug-in has closed its connections and joined its threads.
@@ -101,6 +111,7 @@ sigset_t blockStopSignals()
     sigemptyset(&stopSignals);
     sigaddset(&stopSignals, SIGINT);
     sigaddset(&stopSignals, SIGTERM);
+    sigaddset(&stopSignals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
     // A client that hangs up must cost a failed write, not the process.
     signal(SIGPIPE, SIG_IGN);
@@ -118,8 +129,14 @@ int runGateway(const GatewayConfig& config, const sigset_t& stopSignals)
     }
     bool created = false;
     MediaLibrary library;
-    if (!createSampleMediaIfEmpty(config.mediaFolder, config.devices, log, created, error) ||
-        !library.load(config.mediaFolder, config.devices, log, error)) {
+    struct stat folder;
+    if (!config.writeSample && (stat(config.mediaFolder.c_str(), &folder) != 0 || !S_ISDIR(folder.st_mode))) {
+        log.logf(kLogError, "media folder refused: %s is not a folder (give --sample to create it with demo data)",
+                 config.mediaFolder.c_str());
+        return kExitBadSetup;
+    }
+    if ((config.writeSample && !createSampleMediaIfEmpty(config.mediaFolder, config.devices, log, created, error)) ||
+        !library.load(config.mediaFolder, config.devices, log, error, config.strictIndex)) {
         log.logf(kLogError, "media folder refused: %s", error.c_str());
         return kExitBadSetup;
     }

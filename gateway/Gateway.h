@@ -11,12 +11,12 @@ constexpr int kExitStopped = 0;        // stopped by SIGINT or SIGTERM
 constexpr int kExitStartFailed = 1;    // plug-in or server could not start
 constexpr int kExitBadSetup = 2;       // configuration, log file or media folder refused
 
-// Blocks SIGINT and SIGTERM in the calling thread, so that every thread started
-// afterwards (ours and the plug-in's) inherits the mask and only waitForStopSignal
-// receives them. Call before any thread exists.
+// Blocks SIGINT, SIGTERM and SIGHUP in the calling thread, so that every thread
+// started afterwards (ours and the plug-in's) inherits the mask and only the
+// gateway's wait receives them. Call before any thread exists.
 sigset_t blockStopSignals();
 
-// Runs until one of the signals arrives; returns an exit code.
+// Runs until SIGINT or SIGTERM arrives (SIGHUP is logged and ignored); returns an exit code.
 int runGateway(const GatewayConfig& config, const sigset_t& stopSignals);
 
 #endif  // GATEWAY_GATEWAY_H

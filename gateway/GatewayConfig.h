@@ -49,6 +49,11 @@ struct GatewayConfig {
     bool supportIdentifyToken = false;
 
     std::string mediaFolder;  // empty: ../media beside the executable's folder
+    // Demo data only where asked: a sample recording per device goes into an
+    // empty media folder (created if missing) when this is set; otherwise a
+    // missing media folder is an error, so a mistyped or unmounted path is seen.
+    bool writeSample = false;
+    bool strictIndex = false;  // a bad recordings index entry stops the start
     // Each open stream holds one block resident until the client has taken it, so
     // the block size is the memory a download costs; 64 KiB keeps 400 downloads
     // near 40 MiB while one download still fills a loopback link.

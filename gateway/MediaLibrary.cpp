@@ -70,7 +70,8 @@ bool overlaps(const Recording& recording, const RecordingQuery& query)
 
 }  // namespace
 
-bool readRecordingIndex(const std::string& folder, std::vector<Recording>& recordings, std::string& error)
+bool readRecordingIndex(const std::string& folder, std::vector<Recording>& recordings, std::string& error,
+                        std::vector<std::string>* skipped)
 {
     recordings.clear();
     const std::string path = folder + "/" + kRecordingIndexFile;
@@ -88,14 +89,19 @@ bool readRecordingIndex(const std::string& folder, std::vector<Recording>& recor
     for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
         Recording recording;
         const std::string where = path + ": recordings[" + std::to_string(i) + "]";
-        if (!readEntry(entries[i], folder, where, recording, error)) {
+        std::string problem;
+        if (!readEntry(entries[i], folder, where, recording, problem)) {
+        } else if (!names.insert(recording.name).second) {
+            problem = where + ".name: \"" + recording.name + "\" is listed twice";
+        } else {
+            recordings.push_back(recording);
+            continue;
+        }
+        if (skipped == nullptr) {
+            error = problem;
             return false;
         }
-        if (!names.insert(recording.name).second) {
-            error = where + ".name: \"" + recording.name + "\" is listed twice";
-            return false;
-        }
-        recordings.push_back(recording);
+        skipped->push_back(problem);
     }
     std::stable_sort(recordings.begin(), recordings.end(),
                      [](const Recording& a, const Recording& b) { return a.start < b.start; });
@@ -147,7 +153,7 @@ const Recording* findRecording(const DeviceMedia& media, const RecordingQuery& q
 }
 
 bool MediaLibrary::load(const std::string& mediaFolder, const std::vector<DeviceConfig>& devices, Logger& log,
-                        std::string& error)
+                        std::string& error, bool strict)
 {
     m_devices.clear();
     for (const DeviceConfig& device : devices) {
@@ -159,11 +165,20 @@ bool MediaLibrary::load(const std::string& mediaFolder, const std::vector<Device
         if (stat(index.c_str(), &info) != 0) {
             log.logf(kLogWarn, "device %s has no recordings: %s does not exist", device.devIndex.c_str(),
                      index.c_str());
-        } else if (!readRecordingIndex(folder, media.recordings, error)) {
-            return false;
         } else {
-            log.logf(kLogInfo, "device %s: %zu recording(s) in %s", device.devIndex.c_str(),
-                     media.recordings.size(), folder.c_str());
+            std::vector<std::string> skipped;
+            if (!readRecordingIndex(folder, media.recordings, error, strict ? nullptr : &skipped)) {
+                if (strict) {
+                    return false;
+                }
+                log.logf(kLogError, "device %s has no recordings: %s", device.devIndex.c_str(), error.c_str());
+                media.recordings.clear();
+            }
+            for (const std::string& problem : skipped) {
+                log.logf(kLogError, "recording skipped: %s", problem.c_str());
+            }
+            log.logf(kLogInfo, "device %s: %zu recording(s) in %s%s", device.devIndex.c_str(),
+                     media.recordings.size(), folder.c_str(), skipped.empty() ? "" : " (bad entries skipped)");
         }
         m_devices.push_back(media);
     }

@@ -40,8 +40,11 @@ struct RecordingQuery {
     uint64_t size = 0;
 };
 
-// Reads a device folder's index; false with a message naming the file and the entry.
-bool readRecordingIndex(const std::string& folder, std::vector<Recording>& recordings, std::string& error);
+// Reads a device folder's index; false with a message naming the file and the
+// entry. With skipped given, a bad entry is left out and described there
+// instead, and only an index that cannot be read at all fails.
+bool readRecordingIndex(const std::string& folder, std::vector<Recording>& recordings, std::string& error,
+                        std::vector<std::string>* skipped = nullptr);
 
 // Writes the index of the given recordings (names and times) into the folder.
 bool writeRecordingIndex(const std::string& folder, const std::vector<Recording>& recordings, std::string& error);
@@ -52,10 +55,12 @@ const Recording* findRecording(const DeviceMedia& media, const RecordingQuery& q
 
 class MediaLibrary {
 public:
-    // A device without a folder or index simply has no recordings (logged);
-    // an index that cannot be read is an error.
+    // A device without a folder or index simply has no recordings (logged).
+    // A bad entry of an index is logged and skipped, and an index that cannot
+    // be read leaves its device without recordings, so one device's mistake
+    // does not stop the others; strict makes either an error instead.
     bool load(const std::string& mediaFolder, const std::vector<DeviceConfig>& devices, Logger& log,
-              std::string& error);
+              std::string& error, bool strict = false);
 
     const DeviceMedia* findByIndex(const std::string& devIndex) const;
     const DeviceMedia* findByAddress(const std::string& address, int rtspPort) const;

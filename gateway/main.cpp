@@ -55,6 +55,10 @@ int main(int argc, char** argv)
     if (!parseGatewayConfig(document, config, error)) {
         return refuse("configuration refused: " + error, false);
     }
+    // The built-in media folder (build/media in a build tree) is the demo's:
+    // it gets the sample as --sample asks for it.
+    config.writeSample = commandLine.writeSample || config.mediaFolder.empty();
+    config.strictIndex = commandLine.strictIndex;
     fillDefaultPaths(config, executableDir());
     return runGateway(config, stopSignals);
 }

@@ -37,7 +37,7 @@ for required in "$gateway" "$plugin"; do
 done
 
 rm -f "$status"
-"$gateway" --port "$port" --audio-port "$audio_port" --media "$media" --status-file "$status" "$@" &
+"$gateway" --port "$port" --audio-port "$audio_port" --media "$media" --sample --status-file "$status" "$@" &
 pid=$!
 # Ctrl-C reaches the gateway too (same process group); TERM from elsewhere is passed on.
 trap 'kill -TERM "$pid" 2>/dev/null || true' INT TERM

@@ -17,7 +17,7 @@ class StartRefusals(unittest.TestCase):
         self.addCleanup(self.dir.cleanup)
 
     def run_gateway(self, *args, config=None):
-        command = [h.GATEWAY, "--media", os.path.join(self.dir.name, "media"), *args]
+        command = [h.GATEWAY, "--media", os.path.join(self.dir.name, "media"), "--sample", *args]
         if config is not None:
             path = os.path.join(self.dir.name, "gateway.json")
             with open(path, "w") as out:
@@ -39,6 +39,13 @@ class StartRefusals(unittest.TestCase):
                 result = self.run_gateway(*args, config=config)
                 self.assertEqual(result.returncode, code, result.stderr)
                 self.assertIn(text, result.stderr)
+        # Demo data only where asked: a media folder that is missing is an error, not created.
+        missing_media = os.path.join(self.dir.name, "recordngs")
+        result = subprocess.run([h.GATEWAY, "--port", str(h.free_port()), "--media", missing_media],
+                                capture_output=True, text=True, timeout=30)
+        self.assertEqual(result.returncode, 2, result.stderr)
+        self.assertIn(missing_media + " is not a folder", result.stderr)
+        self.assertFalse(os.path.exists(missing_media))
         with socket.socket() as taken:
             taken.bind(("127.0.0.1", 0))
             taken.listen()
@@ -53,7 +60,7 @@ class DefaultsWithoutConfigFile(h.GatewayCase):
 
     def start_gateway(self, config_path, *extra):
         # The plug-in is found at its default place, ../lib beside the executable's folder.
-        return subprocess.Popen([h.GATEWAY, "--port", str(self.port), "--media", self.media,
+        return subprocess.Popen([h.GATEWAY, "--port", str(self.port), "--media", self.media, "--sample",
                                  "--status-file", self.status_path, "--log-file", self.log_path])
 
     def prepare_media(self):
@@ -75,6 +82,33 @@ class DefaultsWithoutConfigFile(h.GatewayCase):
         self.assertFalse(status["ready"])
         with open(self.log_path) as log:
             self.assertIn("stopped", log.read())
+
+
+class OperatorHabits(h.GatewayCase):
+    def prepare_media(self):
+        super().prepare_media()
+        # One bad entry beside a good one: the device serves the good one.
+        with open(os.path.join(self.media, h.DEVICE, "recordings.json"), "w") as out:
+            out.write('{"recordings": [{"name": "missing.bin", "starttime": "%s", "endtime": "%s"},'
+                      ' {"name": "clip-a.bin", "starttime": "%s", "endtime": "%s"}]}' % (h.START, h.END, h.START, h.END))
+
+    def test_sighup_is_ignored_and_a_bad_index_entry_is_skipped(self):
+        self.wait_for_log(r"recording skipped: .*recordings\.json: recordings\[0\]\.name")
+        self.process.send_signal(signal.SIGHUP)
+        self.wait_for_log("SIGHUP received")
+        reply = self.curl(*h.json_download_args(self.port, h.playback_uri(name="clip-a.bin")))
+        self.assertEqual(reply.status, 200, self.log_tail())
+        self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
+        self.assertTrue(self.status()["ready"])
+        # tearDown stops it with SIGTERM and checks exit code 0.
+
+    def test_strict_refuses_the_bad_index_entry(self):
+        result = subprocess.run([h.GATEWAY, "--config", self.write_config(), "--port", str(h.free_port()),
+                                 "--status-file", os.path.join(self.dir, "strict-status.json"), "--strict"],
+                                capture_output=True, text=True, timeout=30)
+        self.assertEqual(result.returncode, 2, result.stderr)
+        with open(self.log_path) as log:
+            self.assertRegex(log.read(), r"media folder refused: .*recordings\[0\]\.name")
 
 
 if __name__ == "__main__":

@@ -142,13 +142,20 @@ TEST(IsoTimeParsing, AcceptsBasicAndExtendedUtcAndRefusesImpossibleDates)
     }
 }
 
-TEST_F(MediaFixture, IndexErrorsNameTheFileAndEntry)
+TEST_F(MediaFixture, ABadIndexEntryIsSkippedUnlessStrict)
 {
     addDevice(device(kCamera, 554), R"({"recordings":[{"name":"gone.bin","starttime":"20260101T000000Z",
+                                        "endtime":"20260101T010000Z"},
+                                       {"name":"a.bin","starttime":"20260101T000000Z",
                                         "endtime":"20260101T010000Z"}]})",
-              {});
+              {{"a.bin", "recording"}});
     MediaLibrary library;
     std::string error;
-    EXPECT_FALSE(library.load(folder, devices, log, error));
+    ASSERT_TRUE(library.load(folder, devices, log, error)) << error;
+    ASSERT_NE(library.findByIndex(kCamera), nullptr);
+    ASSERT_EQ(library.findByIndex(kCamera)->recordings.size(), 1u);
+    EXPECT_EQ(library.findByIndex(kCamera)->recordings[0].name, "a.bin");
+
+    EXPECT_FALSE(library.load(folder, devices, log, error, true));
     EXPECT_NE(error.find("recordings.json: recordings[0].name"), std::string::npos) << error;
 }
