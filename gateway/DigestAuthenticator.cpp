@@ -3,9 +3,13 @@
 #include <cctype>
 #include <strings.h>
 
+#include <cstdlib>
+
 #include "DigestCredentials.h"
 #include "Md5.h"
+#include "PlaybackUri.h"
 #include "PluginNonce.h"
+#include "TalkDevices.h"
 
 namespace {
 
@@ -111,8 +115,83 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
     if (!matches) {
         return refuse(user, "wrong password");
     }
+    // Counted only once the response is proven: a stranger cannot use up a nonce.
+    if (!qop.empty() && !takeNonceCount(nonce, createdAt, (uint32_t)strtoul(credentials.get("nc").c_str(), nullptr, 16))) {
+        return refuse(user, "nc " + credentials.get("nc") + " was used with this nonce already (a replay)");
+    }
     AuthDecision decision;
     decision.accepted = true;
     decision.user = user;
+    decision.uri = credentials.get("uri");
     return decision;
+}
+
+bool DigestAuthenticator::takeNonceCount(const std::string& nonce, int64_t createdAt, uint32_t nc) const
+{
+    std::lock_guard<std::mutex> guard(m_nonceLock);
+    const int64_t now = m_now();
+    for (auto it = m_nonceUses.begin(); it != m_nonceUses.end();) {
+        it = isNonceFresh(it->second.createdAt, now, m_nonceLifetimeSeconds) ? std::next(it) : m_nonceUses.erase(it);
+    }
+    auto found = m_nonceUses.find(nonce);
+    if (found != m_nonceUses.end()) {
+        NonceUse& use = found->second;
+        if (nc > use.highestCount) {
+            const uint32_t step = nc - use.highestCount;
+            use.seen = step >= kCountWindow ? std::bitset<kCountWindow>() : use.seen << step;
+            use.highestCount = nc;
+            use.seen.set(0);
+            return true;
+        }
+        const uint32_t below = use.highestCount - nc;
+        if (below >= kCountWindow || use.seen.test(below)) {
+            return false;  // seen already, or too old to tell
+        }
+        use.seen.set(below);
+        return true;
+    }
+    if (m_nonceUses.size() >= kMaxRememberedNonces) {
+        auto oldest = m_nonceUses.begin();
+        for (auto it = m_nonceUses.begin(); it != m_nonceUses.end(); ++it) {
+            oldest = it->second.createdAt < oldest->second.createdAt ? it : oldest;
+        }
+        m_nonceUses.erase(oldest);
+    }
+    NonceUse& use = m_nonceUses[nonce];
+    use.createdAt = createdAt;
+    use.highestCount = nc;
+    use.seen.set(0);
+    return true;
+}
+
+bool digestUriMatches(const std::string& digestUri, const std::string& rtspUrl, std::string& reason)
+{
+    const std::string path = digestUri.substr(0, digestUri.find('?'));
+    const int channel = talkChannelOfUrl(rtspUrl);
+    if (channel != 0) {
+        const std::string talkPath = "/QUMEX/System/TwoWayAudio/channels/" + std::to_string(channel) + "/";
+        if (path.compare(0, talkPath.size(), talkPath) != 0) {
+            reason = "uri \"" + digestUri + "\" is not channel " + std::to_string(channel) + "'s";
+            return false;
+        }
+        return true;
+    }
+    if (path != "/QUMEX/ContentMgmt/download") {
+        reason = "uri \"" + digestUri + "\" is not the download path";
+        return false;
+    }
+    // A device named by both must be the same one: the body (which recording) is
+    // not covered by the response.
+    const size_t key = digestUri.find("devIndex=");
+    PlaybackUri uri;
+    std::string error;
+    if (key != std::string::npos && parsePlaybackUri(rtspUrl, uri, error) && !uri.deviceIndex.empty()) {
+        const size_t start = key + 9;
+        const std::string named = digestUri.substr(start, digestUri.find('&', start) - start);
+        if (named != uri.deviceIndex) {
+            reason = "uri names device \"" + named + "\", the request \"" + uri.deviceIndex + "\"";
+            return false;
+        }
+    }
+    return true;
 }

@@ -1,20 +1,29 @@
 // Verifies the Digest credentials that the plug-in forwards with every
-// download: RFC 7616 with MD5 and qop=auth, and the RFC 2069 form without qop
+// request: RFC 7616 with MD5 and qop=auth, and the RFC 2069 form without qop
 // that older clients still send. The nonce must be one the plug-in made
-// recently (see PluginNonce.h).
+// recently (see PluginNonce.h), and with qop=auth each use of a nonce must
+// bring an nc of its own: a header seen once cannot be replayed.
 #ifndef GATEWAY_DIGEST_AUTHENTICATOR_H
 #define GATEWAY_DIGEST_AUTHENTICATOR_H
 
+#include <bitset>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <mutex>
 #include <string>
 
 struct AuthDecision {
     bool accepted = false;
     std::string user;    // as the client named it, also when refused
     std::string reason;  // why it was refused, for the log
+    std::string uri;     // the "uri" the response was computed for
 };
+
+// Whether a Digest "uri" fits the request the gateway sees (RFC 7616 §3.4.6):
+// the download path for a download, and for a device named in both, the same
+// device; the channel's own path for a talk. rtspUrl is the plug-in's URL.
+bool digestUriMatches(const std::string& digestUri, const std::string& rtspUrl, std::string& reason);
 
 // response = MD5(HA1:nonce:nc:cnonce:qop:HA2), or MD5(HA1:nonce:HA2) when qop is empty,
 // with HA2 = MD5(method:uri).
@@ -31,11 +40,32 @@ public:
     // method: the HTTP method of the request; authorization: the raw header value.
     AuthDecision verify(const std::string& method, const std::string& authorization) const;
 
+    // Nonces whose highest nc is remembered at most at once: past it the
+    // oldest is forgotten, which only lets that nonce's (already old) headers be
+    // replayed until it expires anyway.
+    static const size_t kMaxRememberedNonces = 4096;
+
 private:
+    // True when nc was not accepted before with this nonce and is not older than
+    // the window below the highest; remembers it.
+    bool takeNonceCount(const std::string& nonce, int64_t createdAt, uint32_t nc) const;
+
     std::string m_realm;
     std::map<std::string, std::string> m_passwords;
     int64_t m_nonceLifetimeSeconds;
     std::function<int64_t()> m_now;
+
+    // The counts seen of one nonce: the highest, and which of the
+    // kCountWindow below it, so that requests a client sends at once on several
+    // connections may arrive in any order while none can come twice.
+    static const uint32_t kCountWindow = 1024;
+    struct NonceUse {
+        int64_t createdAt = 0;
+        uint32_t highestCount = 0;
+        std::bitset<kCountWindow> seen;  // bit i: highestCount - i was accepted
+    };
+    mutable std::mutex m_nonceLock;  // guards m_nonceUses
+    mutable std::map<std::string, NonceUse> m_nonceUses;
 };
 
 #endif  // GATEWAY_DIGEST_AUTHENTICATOR_H

@@ -55,6 +55,11 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
     AuthDecision auth;
     if (request->bNeedAuth()) {
         auth = m_authenticator.verify(method, headValue(request, "Authorization"));
+        std::string mismatch;
+        if (auth.accepted && !digestUriMatches(auth.uri, url, mismatch)) {
+            auth.accepted = false;
+            auth.reason = mismatch;
+        }
         if (!auth.accepted) {
             return refuse(context, method, url,
                           Refusal{RestError::kBadAuthorization, RtspStatusIndex::kUnauthorized,

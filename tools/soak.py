@@ -345,12 +345,20 @@ def md5(text):
     return hashlib.md5(text.encode()).hexdigest()
 
 
+NONCE_COUNTS = {}
+NONCE_COUNTS_LOCK = threading.Lock()
+
+
 def digest_authorization(nonce, method, uri, password=PASSWORD):
+    """Each use of a nonce counts nc up, as the gateway refuses a repeated one (a replay)."""
+    with NONCE_COUNTS_LOCK:
+        NONCE_COUNTS[nonce] = NONCE_COUNTS.get(nonce, 0) + 1
+        nc = "%08x" % NONCE_COUNTS[nonce]
     cnonce = "%016x" % random.getrandbits(64)
     ha1, ha2 = md5("%s:%s:%s" % (USER, REALM, password)), md5("%s:%s" % (method, uri))
-    response = md5("%s:%s:00000001:%s:auth:%s" % (ha1, nonce, cnonce, ha2))
-    return ('Digest username="%s", realm="%s", nonce="%s", uri="%s", qop=auth, nc=00000001, '
-            'cnonce="%s", response="%s"' % (USER, REALM, nonce, uri, cnonce, response))
+    response = md5("%s:%s:%s:%s:auth:%s" % (ha1, nonce, nc, cnonce, ha2))
+    return ('Digest username="%s", realm="%s", nonce="%s", uri="%s", qop=auth, nc=%s, '
+            'cnonce="%s", response="%s"' % (USER, REALM, nonce, uri, nc, cnonce, response))
 
 
 # ------------------------------------------------------------------ downloads

@@ -21,6 +21,7 @@ import sys
 import tempfile
 import time
 import unittest
+import urllib.request as urllib_request
 
 GATEWAY = None
 PLUGIN = None

@@ -34,5 +34,48 @@ class Refusals(h.GatewayCase):
         self.assertEqual((status["opened"], status["openStreams"]), (0, 0))
 
 
+class Replay(h.GatewayCase):
+    """A credential header seen once opens nothing again; clients that count nc keep working."""
+
+    def download(self, authorization, body):
+        connection = h.http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+        try:
+            connection.request("POST", self.path, body=body, headers={"Authorization": authorization})
+            response = connection.getresponse()
+            return response.status, response.read()
+        finally:
+            connection.close()
+
+    def test_a_replayed_or_misdirected_header_is_refused(self):
+        self.path = "/QUMEX/ContentMgmt/download?format=json&devIndex=%s" % h.DEVICE
+        body = h.json.dumps({"downloadRequest": {"playbackURI": h.playback_uri(name="clip-a.bin")}})
+        challenge = self.challenge("POST", self.path, body)
+        header = h.digest_authorization(challenge, "POST", self.path)
+        self.assertEqual(self.download(header, body)[0], 200)
+        self.assertEqual(self.download(header, body)[0], 401, "the same header a second time")
+        self.wait_for_log("a replay")
+        other = h.digest_authorization(self.challenge("POST", self.path, body), "POST", "/other")
+        self.assertEqual(self.download(other, body)[0], 401, "a response computed for another uri")
+        self.wait_for_log('uri "/other" is not the download path')
+
+    def test_clients_that_reuse_a_nonce_count_up_and_keep_working(self):
+        # curl reuses its nonce for the second URL with nc=00000002.
+        args = h.json_download_args(self.port, h.playback_uri(name="clip-a.bin"))
+        url = args[2]
+        result = h.subprocess.run(["curl", "-sS", "--digest", "-u", "%s:%s" % (h.USER, h.PASSWORD),
+                                   "-o", "/dev/null", "-o", "/dev/null", "-w", "%{http_code}\n",
+                                   *args, args[2]], capture_output=True, timeout=60)
+        self.assertEqual(result.stdout.decode().split(), ["200", "200"], result.stderr.decode() + self.log_tail())
+        # Python's own Digest handler counts too.
+        manager = h.urllib_request.HTTPPasswordMgrWithDefaultRealm()
+        manager.add_password(None, url, h.USER, h.PASSWORD)
+        opener = h.urllib_request.build_opener(h.urllib_request.HTTPDigestAuthHandler(manager))
+        for _ in range(3):
+            request = h.urllib_request.Request(url, data=args[-1].encode(), method="POST")
+            with opener.open(request, timeout=30) as reply:
+                self.assertEqual(reply.status, 200)
+                self.assert_recording_body(reply.read(), h.DEVICE, "clip-a.bin")
+
+
 if __name__ == "__main__":
     h.main()

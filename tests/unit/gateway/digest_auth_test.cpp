@@ -21,14 +21,15 @@ struct Credentials {
     std::string uri = "/QUMEX/ContentMgmt/download?format=json";
     std::string nonce = encodePluginNonce(0x1a2b3c4d, kNow - 10);
     std::string qop = "auth";
+    std::string nc = "00000001";
 
     std::string header() const
     {
         std::string ha1 = md5Hex(user + ":" + realm + ":" + password);
-        std::string response = digestResponse(ha1, method, uri, nonce, "00000001", "0a4f113b", qop);
+        std::string response = digestResponse(ha1, method, uri, nonce, nc, "0a4f113b", qop);
         std::string text = "Digest username=\"" + user + "\", realm=\"" + realm + "\", nonce=\"" + nonce +
                            "\", uri=\"" + uri + "\", algorithm=MD5, response=\"" + response + "\"";
-        return qop.empty() ? text : text + ", qop=" + qop + ", nc=00000001, cnonce=\"0a4f113b\"";
+        return qop.empty() ? text : text + ", qop=" + qop + ", nc=" + nc + ", cnonce=\"0a4f113b\"";
     }
 };
 
@@ -121,5 +122,64 @@ TEST(PluginNonce, DecodesTheCreationTimeOfThePluginForm)
     for (const std::string& bad : {std::string(), std::string("4d5"), std::string("zz"), std::string("41414141"),
                                    nonce.substr(0, 46)}) {
         EXPECT_FALSE(decodePluginNonceTime(bad, createdAt)) << bad;
+    }
+}
+
+// A header seen once cannot open anything again: each use of a nonce needs an
+// nc of its own. Counts may arrive out of order (parallel connections of one
+// client), never twice.
+TEST(DigestReplay, EachCountOfANonceIsAcceptedOnce)
+{
+    DigestAuthenticator authenticator = makeAuthenticator();
+    Credentials credentials;
+    auto verifyWith = [&](const char* nc) {
+        credentials.nc = nc;
+        return authenticator.verify("POST", credentials.header());
+    };
+    EXPECT_TRUE(verifyWith("00000001").accepted);
+    AuthDecision replay = verifyWith("00000001");
+    EXPECT_FALSE(replay.accepted);
+    EXPECT_NE(replay.reason.find("replay"), std::string::npos) << replay.reason;
+    EXPECT_TRUE(verifyWith("00000003").accepted);
+    EXPECT_TRUE(verifyWith("00000002").accepted);  // late, but new
+    EXPECT_FALSE(verifyWith("00000002").accepted);
+    EXPECT_TRUE(verifyWith("00000800").accepted);
+    EXPECT_FALSE(verifyWith("00000004").accepted);  // too far behind to tell: refused
+
+    // A wrong password does not use a count up; another nonce counts on its own.
+    credentials.password = "wrong";
+    EXPECT_FALSE(verifyWith("00000900").accepted);
+    credentials.password = "secret";
+    EXPECT_TRUE(verifyWith("00000900").accepted);
+    credentials.nonce = encodePluginNonce(0x55, kNow - 20);
+    EXPECT_TRUE(verifyWith("00000001").accepted);
+    // Without qop (RFC 2069) there is no count to check.
+    credentials.qop = "";
+    EXPECT_TRUE(authenticator.verify("POST", credentials.header()).accepted);
+}
+
+TEST(DigestUri, TheResponseMustBeForTheRequestTheGatewaySees)
+{
+    const std::string device = "e2e00000-0000-4000-8000-000000000001";
+    const std::string download = "rtsp://127.0.0.1:554/Streaming/download?starttime=1&endtime=2&devIndex=" + device +
+                                 "&clientIP=&username=admi";
+    const std::string talk = "/QUMEX/System/TwoWayAudio/channels/2?indexType=httpPort&httpPort=8080&clientIP=";
+    struct Case {
+        std::string digestUri;
+        std::string url;
+        bool matches;
+    } cases[] = {
+        {"/QUMEX/ContentMgmt/download?format=json&devIndex=" + device, download, true},
+        {"/QUMEX/ContentMgmt/download", download, true},
+        {"/QUMEX/ContentMgmt/download?format=json&devIndex=e2e00000-0000-4000-8000-00000000ca3e", download, false},
+        {"/other", download, false},
+        {"/QUMEX/System/TwoWayAudio/channels/2/open", talk, true},
+        {"/QUMEX/System/TwoWayAudio/channels/2/audioData?sessionId=7", talk, true},
+        {"/QUMEX/System/TwoWayAudio/channels/20/open", talk, false},
+        {"/QUMEX/ContentMgmt/download", talk, false},
+    };
+    for (const Case& c : cases) {
+        std::string reason;
+        EXPECT_EQ(digestUriMatches(c.digestUri, c.url, reason), c.matches) << c.digestUri << " for " << c.url;
     }
 }
