@@ -9,6 +9,7 @@
 
 #include "DigestAuthenticator.h"
 #include "DownloadFilter.h"
+#include "IdentityKey.h"
 #include "Logger.h"
 #include "MediaLibrary.h"
 #include "PluginLibrary.h"
@@ -156,6 +157,14 @@ int runGateway(const GatewayConfig& config, const sigset_t& stopSignals)
     DownloadFilter filter(authenticator, library, status, log, &talks);
     StreamSink sink(library, static_cast<size_t>(config.blockSize), status, log, &talks);
     UtilitySink utility(config, log);
+
+    if (config.supportIdentifyToken) {
+        const std::string keyFile = identityKeyPath();
+        if (!checkIdentityKeyFile(keyFile, error)) {
+            log.logf(kLogError, "identity tokens are on, but their key file cannot be used: %s", error.c_str());
+            return kExitStartFailed;
+        }
+    }
 
     // Declared last: unloaded first, after everything it may call back has stopped.
     routePluginLog(config);

@@ -39,6 +39,19 @@ class StartRefusals(unittest.TestCase):
                 result = self.run_gateway(*args, config=config)
                 self.assertEqual(result.returncode, code, result.stderr)
                 self.assertIn(text, result.stderr)
+        # Identity tokens on with a key file the identity library cannot use: exit 1, the path named.
+        key_file = os.path.join(self.dir.name, "identify.key")
+        with open(key_file, "w") as out:
+            out.write("not a key")
+        config_path = os.path.join(self.dir.name, "identify.json")
+        with open(config_path, "w") as out:
+            out.write('{"auth": {"supportIdentifyToken": true}}')
+        result = subprocess.run([h.GATEWAY, "--port", str(h.free_port()), "--media", self.dir.name,
+                                 "--config", config_path], capture_output=True, text=True, timeout=30,
+                                env=dict(os.environ, IDENTIFY_KEY_FILE=key_file))
+        self.assertEqual(result.returncode, 1, result.stderr)
+        self.assertIn(key_file + " is not a 32-byte key file", result.stderr)
+
         # Demo data only where asked: a media folder that is missing is an error, not created.
         missing_media = os.path.join(self.dir.name, "recordngs")
         result = subprocess.run([h.GATEWAY, "--port", str(h.free_port()), "--media", missing_media],
