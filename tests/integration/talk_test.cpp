@@ -2,18 +2,17 @@
 // the raw audio channel's GET and PUT links, device audio to the client and
 // client audio to the gateway in codec packets, every refusal, idle and
 // hung-up talks, and nothing left behind afterwards.
-#include <dirent.h>
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <regex>
 #include <thread>
 
 #include "PluginFixture.h"
+#include "ProcessResources.h"
 #include "TestClient.h"
 #include "frame/HttpServerWrapper.h"
 #include "talk/AudioTalkSessionMgr.h"
@@ -25,29 +24,6 @@ using HttpWrapper::CHttpUnstandardSessionMgr;
 using HttpWrapper::singleton;
 
 namespace {
-
-int countOpenDescriptors()
-{
-    int count = 0;
-    if (DIR* dir = opendir("/proc/self/fd")) {
-        while (readdir(dir) != nullptr) {
-            ++count;
-        }
-        closedir(dir);
-    }
-    return count;
-}
-
-int countThreads()
-{
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        if (line.compare(0, 8, "Threads:") == 0) {
-            return std::stoi(line.substr(8));
-        }
-    }
-    return -1;
-}
 
 std::string clientAudioBytes(size_t length, size_t offset = 0)
 {
@@ -105,7 +81,12 @@ class Talk : public PluginFixture {
 protected:
     // A thread made and joined first: a sanitizer's runtime starts its own
     // helper thread with the process's first one, which is not the server's.
-    Talk() : m_warmUp([] {}), m_descriptorsBefore((m_warmUp.join(), countOpenDescriptors())), m_threadsBefore(countThreads()) {}
+    Talk()
+        : m_warmUp([] {}),
+          m_descriptorsBefore((m_warmUp.join(), testsupport::openDescriptorCount())),
+          m_threadsBefore(testsupport::threadCount())
+    {
+    }
 
     void SetUp() override
     {
@@ -120,8 +101,8 @@ protected:
         PluginFixture::TearDown();
         EXPECT_EQ(singleton<CAudioTalkSessionMgr>::instance()->getTalkSessionCount(), 0u);
         EXPECT_EQ(sink.talkStreamsOpen(), 0);
-        EXPECT_EQ(countOpenDescriptors(), m_descriptorsBefore) << "a socket outlived the server";
-        EXPECT_EQ(countThreads(), m_threadsBefore) << "a thread outlived the server";
+        EXPECT_EQ(testsupport::openDescriptorCount(), m_descriptorsBefore) << "a socket outlived the server";
+        EXPECT_EQ(testsupport::threadCount(), m_threadsBefore) << "a thread outlived the server";
     }
 
     std::string host() const { return "127.0.0.1:" + std::to_string(port); }

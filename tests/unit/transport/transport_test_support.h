@@ -6,13 +6,13 @@
 #include <gtest/gtest.h>
 #include <zrt/zrt.h>
 
-#include <dirent.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <thread>
 
 #include "CompletionCounter.h"
+#include "ProcessResources.h"
 #include "transport/SocketHelpers.h"
 
 namespace transport_test {
@@ -20,14 +20,7 @@ namespace transport_test {
 // Open descriptors of the process, to show that a failed call leaves none behind.
 inline int openFdCount()
 {
-    int count = 0;
-    if (DIR* dir = opendir("/proc/self/fd")) {
-        while (readdir(dir) != nullptr) {
-            ++count;
-        }
-        closedir(dir);
-    }
-    return count;
+    return testsupport::openDescriptorCount();
 }
 
 inline bool makeTcpPair(int& client, int& server)
