@@ -25,8 +25,8 @@ bool refused(Result result)
 }
 
 // The header lookups the server and the plug-in make.
-const char* const kHeaders[] = {"Host", "Authorization", "Content-Length", "Transfer-Encoding", "Expect",
-                                "X-Forwarded-For", "Content-Type"};
+const char* const kHeaders[] = {"Host",   "Authorization",   "Content-Length", "Transfer-Encoding",
+                                "Expect", "X-Forwarded-For", "Content-Type"};
 
 void checkSameRequest(const RequestParser& whole, const RequestParser& pieces)
 {
@@ -48,7 +48,7 @@ void checkSameRequest(const RequestParser& whole, const RequestParser& pieces)
     FUZZ_CHECK(strnlen(a.szUrl, sizeof a.szUrl) < sizeof a.szUrl);
 }
 
-} // namespace
+}  // namespace
 
 static int FuzzOneInput(const uint8_t* data, size_t size)
 {

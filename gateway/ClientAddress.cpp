@@ -63,8 +63,8 @@ std::string splitForwardedClient(const std::string& url, ForwardedClient& client
     // (where "&username=" follows); an older plug-in's raw text is cut there too.
     const size_t start = suffix + kKey.size();
     const size_t end = url.find('&', start);
-    const std::string forwarded = percentDecoded(url.substr(start, end == std::string::npos ? std::string::npos
-                                                                                          : end - start));
+    const std::string forwarded =
+        percentDecoded(url.substr(start, end == std::string::npos ? std::string::npos : end - start));
     std::string first = forwarded.substr(0, forwarded.find(','));
     const size_t from = first.find_first_not_of(" \t");
     const size_t to = first.find_last_not_of(" \t");

@@ -34,8 +34,8 @@ const char* commandLineUsage()
 
 bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::string& error)
 {
-    static const char* const kOptionsWithValue[] = {"--config", "--port",     "--audio-port", "--media",
-                                                    "--status-file", "--plugin", "--log-file", "--log-level"};
+    static const char* const kOptionsWithValue[] = {"--config",      "--port",   "--audio-port", "--media",
+                                                    "--status-file", "--plugin", "--log-file",   "--log-level"};
     commandLine = CommandLine();
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];

@@ -12,8 +12,8 @@ struct CommandLine {
     bool showHelp = false;
     bool writeSample = false;  // --sample
     bool strictIndex = false;  // --strict
-    std::string configFile;   // empty: defaults only
-    Json::Value overrides;    // same layout as the configuration file
+    std::string configFile;    // empty: defaults only
+    Json::Value overrides;     // same layout as the configuration file
 };
 
 // False with a message for an unknown option or a missing value.

@@ -217,8 +217,8 @@ void readDevices(const Json::Value& devices, GatewayConfig& config)
             device.talk.channel = (int)i + 1;
         }
         if (device.talk.enabled && !channels.insert(device.talk.channel).second) {
-            throw ConfigProblem{entry + ".talk.channel", "channel " + std::to_string(device.talk.channel) +
-                                                             " is used by another device"};
+            throw ConfigProblem{entry + ".talk.channel",
+                                "channel " + std::to_string(device.talk.channel) + " is used by another device"};
         }
         config.devices.push_back(device);
     }

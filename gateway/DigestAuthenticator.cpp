@@ -105,8 +105,8 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
     // An unknown user costs the same work as a wrong password, so timing tells nothing.
     const std::string password = account == m_passwords.end() ? std::string() : account->second;
     const std::string ha1 = md5Hex(user + ":" + m_realm + ":" + password);
-    const std::string expected = digestResponse(ha1, method, credentials.get("uri"), nonce,
-                                                credentials.get("nc"), credentials.get("cnonce"), qop);
+    const std::string expected = digestResponse(ha1, method, credentials.get("uri"), nonce, credentials.get("nc"),
+                                                credentials.get("cnonce"), qop);
     const std::string given = lowerCase(credentials.get("response"));
     bool matches = constantTimeEquals(expected, given);
     if (account == m_passwords.end()) {
@@ -116,7 +116,8 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
         return refuse(user, "wrong password");
     }
     // Counted only once the response is proven: a stranger cannot use up a nonce.
-    if (!qop.empty() && !takeNonceCount(nonce, createdAt, (uint32_t)strtoul(credentials.get("nc").c_str(), nullptr, 16))) {
+    if (!qop.empty() &&
+        !takeNonceCount(nonce, createdAt, (uint32_t)strtoul(credentials.get("nc").c_str(), nullptr, 16))) {
         return refuse(user, "nc " + credentials.get("nc") + " was used with this nonce already (a replay)");
     }
     AuthDecision decision;

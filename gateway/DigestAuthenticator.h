@@ -34,8 +34,8 @@ std::string digestResponse(const std::string& ha1, const std::string& method, co
 class DigestAuthenticator {
 public:
     // passwords: user name to password. now: seconds since the epoch.
-    DigestAuthenticator(std::string realm, std::map<std::string, std::string> passwords,
-                        int64_t nonceLifetimeSeconds, std::function<int64_t()> now);
+    DigestAuthenticator(std::string realm, std::map<std::string, std::string> passwords, int64_t nonceLifetimeSeconds,
+                        std::function<int64_t()> now);
 
     // method: the HTTP method of the request; authorization: the raw header value.
     AuthDecision verify(const std::string& method, const std::string& authorization) const;

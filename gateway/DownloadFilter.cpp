@@ -68,15 +68,13 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
     }
     // Two-way audio reaches the filter with a plain path, and its device side
     // as a DESCRIBE of a "/dac/talk/" URL.
-    if ((url.compare(0, 7, "rtsp://") != 0 && url.find("/TwoWayAudio/") != std::string::npos) ||
-        method == "DESCRIBE") {
+    if ((url.compare(0, 7, "rtsp://") != 0 && url.find("/TwoWayAudio/") != std::string::npos) || method == "DESCRIBE") {
         return checkTalk(context, method, url, auth.user);
     }
     PlaybackUri uri;
     std::string error;
     if (!parsePlaybackUri(url, uri, error)) {
-        return refuse(context, method, url,
-                      Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest, error});
+        return refuse(context, method, url, Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest, error});
     }
     ResolvedDownload download;
     Refusal refusal;
@@ -98,9 +96,10 @@ int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const s
     const int channel = method == "DESCRIBE" ? talkChannelOfDescribe(url) : talkChannelOfUrl(url);
     const TalkDevice* device = m_talks != nullptr && channel != 0 ? m_talks->byChannel(channel) : nullptr;
     if (device == nullptr) {
-        return refuse(context, method, url,
-                      Refusal{RestError::kNotSupport, RtspStatusIndex::kNotFound,
-                              channel == 0 ? "not a talk URL" : "no device talks on channel " + std::to_string(channel)});
+        return refuse(
+            context, method, url,
+            Refusal{RestError::kNotSupport, RtspStatusIndex::kNotFound,
+                    channel == 0 ? "not a talk URL" : "no device talks on channel " + std::to_string(channel)});
     }
     if (method == "DESCRIBE") {
         // The device side of a talk the plug-in accepted: the sink plays it.
@@ -134,8 +133,8 @@ int DownloadFilter::Response(PROTOCOL_FILTER::IProtocolResponse* response, int f
     return 0;
 }
 
-int DownloadFilter::refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method,
-                           const std::string& url, const Refusal& refusal)
+int DownloadFilter::refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
+                           const Refusal& refusal)
 {
     context->SetStatusCode(refusal.statusIndex);
     context->SetErrorCode(refusal.restError);

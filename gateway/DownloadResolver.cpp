@@ -68,8 +68,7 @@ bool readQuery(const PlaybackUri& uri, RecordingQuery& query, Refusal& refusal)
 
 }  // namespace
 
-bool resolveDownload(const MediaLibrary& library, const PlaybackUri& uri, ResolvedDownload& download,
-                     Refusal& refusal)
+bool resolveDownload(const MediaLibrary& library, const PlaybackUri& uri, ResolvedDownload& download, Refusal& refusal)
 {
     const DeviceMedia* device = findDevice(library, uri, refusal);
     RecordingQuery query;

@@ -15,8 +15,7 @@ struct ResolvedDownload {
 // The device is named by "devIndex", else by a "device/<id>/" segment, else by
 // the address and "rtspPort"; "starttime" and "endtime" are required, "name"
 // and "size" narrow the choice.
-bool resolveDownload(const MediaLibrary& library, const PlaybackUri& uri, ResolvedDownload& download,
-                     Refusal& refusal);
+bool resolveDownload(const MediaLibrary& library, const PlaybackUri& uri, ResolvedDownload& download, Refusal& refusal);
 
 // The media URL the filter chain hands to OnOpen, and its reading there.
 std::string makeMediaUrl(const DeviceMedia& device, const Recording& recording);

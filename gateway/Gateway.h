@@ -7,9 +7,9 @@
 #include "GatewayConfig.h"
 
 // Exit codes of the program.
-constexpr int kExitStopped = 0;        // stopped by SIGINT or SIGTERM
-constexpr int kExitStartFailed = 1;    // plug-in or server could not start
-constexpr int kExitBadSetup = 2;       // configuration, log file or media folder refused
+constexpr int kExitStopped = 0;      // stopped by SIGINT or SIGTERM
+constexpr int kExitStartFailed = 1;  // plug-in or server could not start
+constexpr int kExitBadSetup = 2;     // configuration, log file or media folder refused
 
 // Blocks SIGINT, SIGTERM and SIGHUP in the calling thread, so that every thread
 // started afterwards (ours and the plug-in's) inherits the mask and only the

@@ -15,10 +15,9 @@ GatewayConfig defaultGatewayConfig()
 
 std::string buildServerUrl(const GatewayConfig& config)
 {
-    std::string url = "http://127.0.0.1:" + std::to_string(config.httpPort) +
-                      "?work_thread=" + std::to_string(config.workThreads) +
-                      "&sendTimeout=" + std::to_string(config.sendTimeoutMs) +
-                      "&recvTimeout=" + std::to_string(config.recvTimeoutMs);
+    std::string url =
+        "http://127.0.0.1:" + std::to_string(config.httpPort) + "?work_thread=" + std::to_string(config.workThreads) +
+        "&sendTimeout=" + std::to_string(config.sendTimeoutMs) + "&recvTimeout=" + std::to_string(config.recvTimeoutMs);
     if (config.audioTalkPort != 0) {
         url += "&audioTalkPort=" + std::to_string(config.audioTalkPort);
     }

@@ -60,7 +60,7 @@ struct GatewayConfig {
     int blockSize = 64 * 1024;
     std::vector<DeviceConfig> devices;
 
-    int logLevel = 3;  // kLogInfo
+    int logLevel = 3;        // kLogInfo
     std::string logFile;     // empty: stderr
     std::string statusFile;  // empty: none
     std::string pluginPath;  // empty: ../lib/libHttpProtocolWrapper.so beside the executable's folder

@@ -14,12 +14,9 @@ const char* levelName(int level)
         return "DEBUG";
     }
     switch (level) {
-    case kLogInfo:
-        return "INFO";
-    case kLogWarn:
-        return "WARN";
-    default:
-        return "ERROR";
+    case kLogInfo: return "INFO";
+    case kLogWarn: return "WARN";
+    default: return "ERROR";
     }
 }
 
@@ -53,7 +50,9 @@ bool parseLogLevel(const std::string& name, int& level)
     return false;
 }
 
-Logger::Logger() : m_file(nullptr), m_level(kLogInfo) {}
+Logger::Logger() : m_file(nullptr), m_level(kLogInfo)
+{
+}
 
 Logger::~Logger()
 {
@@ -90,8 +89,8 @@ void Logger::write(int level, const char* module, const char* text)
     std::string stamp = timeStamp();
     std::lock_guard<std::mutex> guard(m_lock);
     FILE* out = m_file ? m_file : stderr;
-    fprintf(out, "%s %-5s %s %.*s\n", stamp.c_str(), levelName(level), module ? module : "-",
-            static_cast<int>(length), text ? text : "");
+    fprintf(out, "%s %-5s %s %.*s\n", stamp.c_str(), levelName(level), module ? module : "-", static_cast<int>(length),
+            text ? text : "");
     fflush(out);
 }
 

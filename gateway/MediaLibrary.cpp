@@ -177,8 +177,8 @@ bool MediaLibrary::load(const std::string& mediaFolder, const std::vector<Device
             for (const std::string& problem : skipped) {
                 log.logf(kLogError, "recording skipped: %s", problem.c_str());
             }
-            log.logf(kLogInfo, "device %s: %zu recording(s) in %s%s", device.devIndex.c_str(),
-                     media.recordings.size(), folder.c_str(), skipped.empty() ? "" : " (bad entries skipped)");
+            log.logf(kLogInfo, "device %s: %zu recording(s) in %s%s", device.devIndex.c_str(), media.recordings.size(),
+                     folder.c_str(), skipped.empty() ? "" : " (bad entries skipped)");
         }
         m_devices.push_back(media);
     }

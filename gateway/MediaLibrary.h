@@ -59,8 +59,8 @@ public:
     // A bad entry of an index is logged and skipped, and an index that cannot
     // be read leaves its device without recordings, so one device's mistake
     // does not stop the others; strict makes either an error instead.
-    bool load(const std::string& mediaFolder, const std::vector<DeviceConfig>& devices, Logger& log,
-              std::string& error, bool strict = false);
+    bool load(const std::string& mediaFolder, const std::vector<DeviceConfig>& devices, Logger& log, std::string& error,
+              bool strict = false);
 
     const DeviceMedia* findByIndex(const std::string& devIndex) const;
     const DeviceMedia* findByAddress(const std::string& address, int rtspPort) const;

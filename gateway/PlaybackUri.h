@@ -17,8 +17,9 @@ struct PlaybackUri {
     std::string host;         // address in the authority, without the port
     std::string deviceIndex;  // "devIndex" parameter, else the "device/<id>/" path segment
     int rtspPort = 0;         // "rtspPort" parameter when "indexType" is "rtspPort", else 0
-    std::map<std::string, std::string> params;  // decoded query of the client's URI; a repeated name keeps its last value
-    ForwardedClient client;                     // from the plug-in's suffix, never from params
+    std::map<std::string, std::string>
+        params;              // decoded query of the client's URI; a repeated name keeps its last value
+    ForwardedClient client;  // from the plug-in's suffix, never from params
 
     std::string param(const std::string& name) const;
     bool hasParam(const std::string& name) const { return params.count(name) != 0; }

@@ -137,8 +137,8 @@ std::string RecordingStream::deliverFile(PROTOCOL_WRAPPER::IServer* server)
         }
         if (got <= 0) {
             // The client was promised the full length; it will see a short body.
-            std::string reason = std::string("recording cannot be read: ") +
-                                 (got < 0 ? strerror(errno) : "file shrank");
+            std::string reason =
+                std::string("recording cannot be read: ") + (got < 0 ? strerror(errno) : "file shrank");
             m_log.logf(kLogError, "stream %llu: %s at byte %llu of %s", static_cast<unsigned long long>(m_id),
                        reason.c_str(), static_cast<unsigned long long>(offset), m_recording.path.c_str());
             return reason;

@@ -9,15 +9,15 @@
 #include <string>
 
 namespace RestError {
-constexpr int kNoMemory = 0x20000001;           // "noMemory"
-constexpr int kInternalError = 0x30000014;      // "internalError"
-constexpr int kNotSupport = 0x40000001;         // "notSupport"
-constexpr int kBadAuthorization = 0x40000003;   // "badAuthorization"
-constexpr int kNoRecord = 0x4000109D;           // "noRecord"
-constexpr int kTimeRangeError = 0x400010AC;     // "timeRangeError"
-constexpr int kIsoTimeFormatError = 0x400010ED; // "ISO 8601TimeFormatError"
-constexpr int kBadDevIndex = 0x4000A001;        // "badDevIndex"
-constexpr int kBadParameters = 0x60000001;      // "badParameters"
+constexpr int kNoMemory = 0x20000001;            // "noMemory"
+constexpr int kInternalError = 0x30000014;       // "internalError"
+constexpr int kNotSupport = 0x40000001;          // "notSupport"
+constexpr int kBadAuthorization = 0x40000003;    // "badAuthorization"
+constexpr int kNoRecord = 0x4000109D;            // "noRecord"
+constexpr int kTimeRangeError = 0x400010AC;      // "timeRangeError"
+constexpr int kIsoTimeFormatError = 0x400010ED;  // "ISO 8601TimeFormatError"
+constexpr int kBadDevIndex = 0x4000A001;         // "badDevIndex"
+constexpr int kBadParameters = 0x60000001;       // "badParameters"
 }  // namespace RestError
 
 // What the plug-in expects from the filter chain for a talk request it is to

@@ -9,7 +9,9 @@
 
 #include "Logger.h"
 
-StatusBoard::StatusBoard(std::string path, Logger& log) : m_path(std::move(path)), m_log(log) {}
+StatusBoard::StatusBoard(std::string path, Logger& log) : m_path(std::move(path)), m_log(log)
+{
+}
 
 bool StatusBoard::setReady(bool ready, int port)
 {

@@ -27,7 +27,12 @@ const char* text(const char* value)
 
 StreamSink::StreamSink(const MediaLibrary& library, size_t blockSize, StatusBoard& status, Logger& log,
                        TalkDevices* talks)
-    : m_library(library), m_blockSize(blockSize), m_status(status), m_log(log), m_server(nullptr), m_nextId(1),
+    : m_library(library),
+      m_blockSize(blockSize),
+      m_status(status),
+      m_log(log),
+      m_server(nullptr),
+      m_nextId(1),
       m_talks(talks)
 {
 }
@@ -107,8 +112,7 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
         m_log.logf(kLogWarn, "%s changed since start: %llu bytes now, %llu indexed", recording->path.c_str(),
                    static_cast<unsigned long long>(fileLength), static_cast<unsigned long long>(recording->size));
     }
-    auto stream = std::make_shared<RecordingStream>(m_nextId++, *recording, fd, fileLength, data, m_blockSize,
-                                                    m_log);
+    auto stream = std::make_shared<RecordingStream>(m_nextId++, *recording, fd, fileLength, data, m_blockSize, m_log);
     {
         std::lock_guard<std::mutex> guard(m_lock);
         m_streams[stream.get()] = stream;
@@ -154,9 +158,8 @@ int StreamSink::openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_W
     *sessionHandle = talk.get();
     m_status.talkOpened();
     m_log.logf(kLogInfo, "talk %llu opened: device %s channel %d client \"%s\" user \"%s\" codec %s%s%s",
-               (unsigned long long)setup.id, setup.devIndex.c_str(), channel, setup.client.c_str(),
-               setup.user.c_str(), setup.codec->name, setup.capturePath.empty() ? "" : ", keeping it in ",
-               setup.capturePath.c_str());
+               (unsigned long long)setup.id, setup.devIndex.c_str(), channel, setup.client.c_str(), setup.user.c_str(),
+               setup.codec->name, setup.capturePath.empty() ? "" : ", keeping it in ", setup.capturePath.c_str());
     return 0;
 }
 

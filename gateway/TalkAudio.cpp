@@ -14,10 +14,10 @@
 namespace {
 
 const TalkCodec kCodecs[] = {
-    {"PCMU", 8000, 160, kWavFormatMulaw, ".wav"},   // 20 ms packets
+    {"PCMU", 8000, 160, kWavFormatMulaw, ".wav"},  // 20 ms packets
     {"PCMA", 8000, 160, kWavFormatAlaw, ".wav"},
-    {"G726-16", 2000, 80, 0, ".g726"},              // 40 ms packets at 16 kbit/s
-    {"G7221", 4000, 80, 0, ".g7221"},               // 20 ms frames at 32 kbit/s
+    {"G726-16", 2000, 80, 0, ".g726"},  // 40 ms packets at 16 kbit/s
+    {"G7221", 4000, 80, 0, ".g7221"},   // 20 ms frames at 32 kbit/s
 };
 
 constexpr int kSampleRate = 8000;
@@ -130,8 +130,8 @@ bool loadTalkSource(const std::string& path, const TalkCodec& codec, std::string
                 return false;
             }
         } else {
-            error = path + ": format " + std::to_string(wav.formatTag) + " with " +
-                    std::to_string(wav.bitsPerSample) + "-bit samples cannot be played as " + codec.name + convert;
+            error = path + ": format " + std::to_string(wav.formatTag) + " with " + std::to_string(wav.bitsPerSample) +
+                    "-bit samples cannot be played as " + codec.name + convert;
             return false;
         }
     }

@@ -8,10 +8,10 @@
 #include <string>
 
 struct TalkCodec {
-    const char* name;      // as the stream header names it: "PCMU", "PCMA", "G726-16", "G7221"
+    const char* name;  // as the stream header names it: "PCMU", "PCMA", "G726-16", "G7221"
     int bytesPerSecond;
-    int packetBytes;       // one packet to the client every packetBytes / bytesPerSecond seconds
-    uint16_t wavFormatTag; // G.711 tag of a capture WAV; 0: captured as raw bytes
+    int packetBytes;        // one packet to the client every packetBytes / bytesPerSecond seconds
+    uint16_t wavFormatTag;  // G.711 tag of a capture WAV; 0: captured as raw bytes
     const char* rawExtension;
 };
 

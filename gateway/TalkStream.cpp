@@ -6,8 +6,8 @@
 
 namespace {
 
-constexpr int kStreamHeaderSize = 1620;   // the plug-in's stream header slot
-constexpr int kCodecNameOffset = 300;     // where it reads the codec's name
+constexpr int kStreamHeaderSize = 1620;  // the plug-in's stream header slot
+constexpr int kCodecNameOffset = 300;    // where it reads the codec's name
 
 }  // namespace
 
@@ -83,8 +83,8 @@ void TalkStream::play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
     // as a microphone's would be.
     const std::string& audio = *m_setup.audio;
     const size_t packet = (size_t)m_setup.codec->packetBytes;
-    const auto period = std::chrono::microseconds(1000000LL * m_setup.codec->packetBytes /
-                                                  m_setup.codec->bytesPerSecond);
+    const auto period =
+        std::chrono::microseconds(1000000LL * m_setup.codec->packetBytes / m_setup.codec->bytesPerSecond);
     std::string block(packet, '\0');
     size_t offset = 0;
     auto next = std::chrono::steady_clock::now();
@@ -120,8 +120,7 @@ void TalkStream::input(const void* data, int length)
 
 std::string TalkStream::summary(const char* outcome)
 {
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - m_opened).count();
+    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_opened).count();
     char line[512];
     snprintf(line, sizeof line,
              "talk %llu closed: device %s channel %d client \"%s\" user \"%s\" codec %s, %.1f s, %llu bytes to the "

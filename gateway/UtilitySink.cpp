@@ -19,7 +19,9 @@ std::map<std::string, std::string> settingsOf(const GatewayConfig& config)
 
 }  // namespace
 
-UtilitySink::UtilitySink(const GatewayConfig& config, Logger& log) : m_values(settingsOf(config)), m_log(log) {}
+UtilitySink::UtilitySink(const GatewayConfig& config, Logger& log) : m_values(settingsOf(config)), m_log(log)
+{
+}
 
 const char* UtilitySink::GetGatewayName()
 {

@@ -105,15 +105,15 @@ bool CaptureFile::writeHeader()
     memcpy(header + 8, "WAVEfmt ", 8);
     putLe32(header + 16, 18);
     putLe16(header + 20, m_formatTag);
-    putLe16(header + 22, 1);       // mono
-    putLe32(header + 24, 8000);    // samples per second
-    putLe32(header + 28, 8000);    // bytes per second: one byte per sample
-    putLe16(header + 32, 1);       // block align
-    putLe16(header + 34, 8);       // bits per sample
-    putLe16(header + 36, 0);       // no extra format bytes
+    putLe16(header + 22, 1);     // mono
+    putLe32(header + 24, 8000);  // samples per second
+    putLe32(header + 28, 8000);  // bytes per second: one byte per sample
+    putLe16(header + 32, 1);     // block align
+    putLe16(header + 34, 8);     // bits per sample
+    putLe16(header + 36, 0);     // no extra format bytes
     memcpy(header + 38, "fact", 4);
     putLe32(header + 42, 4);
-    putLe32(header + 46, data);    // samples
+    putLe32(header + 46, data);  // samples
     memcpy(header + 50, "data", 4);
     putLe32(header + 54, data);
     return pwrite(m_fd, header, sizeof header, 0) == (ssize_t)sizeof header;

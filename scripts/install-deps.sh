@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  build-essential cmake pkg-config
+  build-essential cmake pkg-config clang-format
   libjsoncpp-dev libtinyxml-dev libssl-dev libhttp-parser-dev libspandsp-dev
   googletest libgtest-dev libgmock-dev
   curl nginx-light python3 sox

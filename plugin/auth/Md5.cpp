@@ -6,7 +6,9 @@
 
 namespace HttpWrapper {
 
-tagMD5Context::tagMD5Context() : pDigest(nullptr) {}
+tagMD5Context::tagMD5Context() : pDigest(nullptr)
+{
+}
 
 tagMD5Context::~tagMD5Context()
 {

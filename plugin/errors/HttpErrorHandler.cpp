@@ -202,8 +202,8 @@ void CHttpErrorHandler::sendReply(ZRT_INT32 handle, const tagRESPONSE_STATUS_REP
 {
     // The HTTP server's results are not checked: there is no one left to tell
     // when the answer to the client cannot be sent.
-    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, kContentTypeHeader,
-                            (int)strlen(kContentTypeHeader), reply.pContentType, (int)strlen(reply.pContentType));
+    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, kContentTypeHeader, (int)strlen(kContentTypeHeader),
+                            reply.pContentType, (int)strlen(reply.pContentType));
     NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, reply.strBody.data(),
                             (int)reply.strBody.size());
     ZRT_INT32 httpStatus = reply.iHttpStatus;

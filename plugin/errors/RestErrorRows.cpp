@@ -26,6 +26,8 @@
 
 namespace HttpWrapper {
 
+// One row per line, however long: the table is read and diffed as data.
+// clang-format off
 const tagREST_ERR_ROW g_aRestErrRows[] = {
     {1, 0x00000001, "ok", "Operation completed."},
     {1, 0x10000002, "riskPassword", "Risky password."},
@@ -639,6 +641,7 @@ const tagREST_ERR_ROW g_aRestErrRows[] = {
     {6, 0x60002002, "AdaptiveStreamAndVariableBitrateEnabled", ""},
     {7, 0x70000001, "rebootRequired", "Reboot device to take effect."},
 };
+// clang-format on
 
 const size_t g_nRestErrRowCount = sizeof(g_aRestErrRows) / sizeof(g_aRestErrRows[0]);
 

@@ -24,10 +24,10 @@ struct tagAsyncReq {
     int iCmdType = 0;
     void* pSession = nullptr;  // not owned
     long lHttpHandle = -1;
-    char* pData = nullptr;     // in a queued copy: owned, allocated with new[]
+    char* pData = nullptr;  // in a queued copy: owned, allocated with new[]
     int iDataLen = 0;
     int iSocket = -1;
-    std::string strKey;        // URL of a talk session
+    std::string strKey;  // URL of a talk session
     ZRT_UINT64 ullEnqueueTime = 0;
 };
 

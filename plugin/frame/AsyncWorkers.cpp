@@ -77,8 +77,7 @@ void CHttpServerWrapper::pushAsyncReq(tagAsyncReq* req)
         return;
     }
     switch (m_requestQueue.push(*req, hpwTickMs())) {
-    case CAsyncRequestQueue::PUSHED:
-        break;
+    case CAsyncRequestQueue::PUSHED: break;
     case CAsyncRequestQueue::NO_JOB_MEMORY:
         undoEvent(*req);
         HPW_LOGE(HPW_ERR_NO_MEMORY, "new AsyncReq failed, errcode:%d", ZRT_GetSystemLastError());
@@ -113,30 +112,14 @@ bool CHttpServerWrapper::runAsyncReq(tagAsyncReq* req, ZRT_UINT64 nowMs)
         CHttpSessionMgr* sessions = singleton<CHttpSessionMgr>::instance();
         CHttpUnstandardSessionMgr* rawSessions = singleton<CHttpUnstandardSessionMgr>::instance();
         switch (req->iCmdType) {
-        case ASYNC_HTTP_CREATE:
-            sessions->processHttpCreate(req);
-            break;
-        case ASYNC_HTTP_PROCESS:
-            sessions->processHttpProcess(req);
-            break;
-        case ASYNC_HTTP_DESTROY:
-            sessions->processHttpDestroy(req);
-            break;
-        case ASYNC_UNSTANDARD_CREATE:
-            rawSessions->processHttpUnstandardCreate(req);
-            break;
-        case ASYNC_UNSTANDARD_PROCESS:
-            rawSessions->processHttpUnstandardProcess(req);
-            break;
-        case ASYNC_UNSTANDARD_DESTROY:
-            rawSessions->processHttpUnstandardDestroy(req);
-            break;
-        case ASYNC_TALK_DESTROY:
-            singleton<CAudioTalkSessionMgr>::instance()->processHttpTalkDestroy(req);
-            break;
-        default:
-            HPW_LOGE(HPW_ERR_NOT_SUPPORTED, "[cmdType=%d]Http request type not support!", req->iCmdType);
-            break;
+        case ASYNC_HTTP_CREATE: sessions->processHttpCreate(req); break;
+        case ASYNC_HTTP_PROCESS: sessions->processHttpProcess(req); break;
+        case ASYNC_HTTP_DESTROY: sessions->processHttpDestroy(req); break;
+        case ASYNC_UNSTANDARD_CREATE: rawSessions->processHttpUnstandardCreate(req); break;
+        case ASYNC_UNSTANDARD_PROCESS: rawSessions->processHttpUnstandardProcess(req); break;
+        case ASYNC_UNSTANDARD_DESTROY: rawSessions->processHttpUnstandardDestroy(req); break;
+        case ASYNC_TALK_DESTROY: singleton<CAudioTalkSessionMgr>::instance()->processHttpTalkDestroy(req); break;
+        default: HPW_LOGE(HPW_ERR_NOT_SUPPORTED, "[cmdType=%d]Http request type not support!", req->iCmdType); break;
         }
     }
     delete[] req->pData;

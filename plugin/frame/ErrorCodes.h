@@ -7,18 +7,18 @@ namespace HttpWrapper {
 
 enum ModuleError : int {
     HPW_OK = 0,
-    HPW_ERR_RUNTIME_INIT = 0x1930800,       // the runtime did not start
-    HPW_ERR_IDENTIFY_LOAD = 0x1930801,      // the identity library could not be loaded
-    HPW_ERR_XML_PARSE = 0x1930803,          // a download request's XML body did not parse
-    HPW_ERR_NO_MEMORY = 0x1930804,          // an allocation or a buffer post failed
-    HPW_ERR_THREAD = 0x1930805,             // a thread (or a socket of a transmitter) could not be made
-    HPW_ERR_SOCKET_CREATE = 0x1930806,      // a socket could not be created
-    HPW_ERR_ASYNC_QUEUE = 0x1930807,        // completion queue missing or a post to it failed
-    HPW_ERR_SOCKET_OPTION = 0x1930808,      // socket option or queue binding failed
-    HPW_ERR_IDENTIFY_INIT = 0x1930809,      // the identity library's initialisation failed
-    HPW_ERR_PARAM = 0x1930811,              // invalid parameter
-    HPW_ERR_IDENTIFY_SYMBOL = 0x1930813,    // an identity library entry point is missing
-    HPW_ERR_ADDRESS = 0x1930821,            // an address text could not be converted
+    HPW_ERR_RUNTIME_INIT = 0x1930800,     // the runtime did not start
+    HPW_ERR_IDENTIFY_LOAD = 0x1930801,    // the identity library could not be loaded
+    HPW_ERR_XML_PARSE = 0x1930803,        // a download request's XML body did not parse
+    HPW_ERR_NO_MEMORY = 0x1930804,        // an allocation or a buffer post failed
+    HPW_ERR_THREAD = 0x1930805,           // a thread (or a socket of a transmitter) could not be made
+    HPW_ERR_SOCKET_CREATE = 0x1930806,    // a socket could not be created
+    HPW_ERR_ASYNC_QUEUE = 0x1930807,      // completion queue missing or a post to it failed
+    HPW_ERR_SOCKET_OPTION = 0x1930808,    // socket option or queue binding failed
+    HPW_ERR_IDENTIFY_INIT = 0x1930809,    // the identity library's initialisation failed
+    HPW_ERR_PARAM = 0x1930811,            // invalid parameter
+    HPW_ERR_IDENTIFY_SYMBOL = 0x1930813,  // an identity library entry point is missing
+    HPW_ERR_ADDRESS = 0x1930821,          // an address text could not be converted
     HPW_ERR_BIND = 0x1930822,
     HPW_ERR_CONNECT = 0x1930823,
     HPW_ERR_LISTEN = 0x1930824,

@@ -11,7 +11,9 @@ CProtocolAttr::CProtocolAttr(const char* name, const char* value)
 {
 }
 
-CProtocolAttr::~CProtocolAttr() {}
+CProtocolAttr::~CProtocolAttr()
+{
+}
 
 const char* CProtocolAttr::GetAttrName()
 {

@@ -5,7 +5,9 @@
 
 namespace HttpWrapper {
 
-CProtocolBody::CProtocolBody() : m_pContent(nullptr), m_iContentLength(0) {}
+CProtocolBody::CProtocolBody() : m_pContent(nullptr), m_iContentLength(0)
+{
+}
 
 CProtocolBody::~CProtocolBody()
 {

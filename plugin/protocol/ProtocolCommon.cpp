@@ -4,7 +4,9 @@ namespace HttpWrapper {
 
 using PROTOCOL_FILTER::IProtocolHead;
 
-CProtocolCommon::CProtocolCommon() {}
+CProtocolCommon::CProtocolCommon()
+{
+}
 
 CProtocolCommon::~CProtocolCommon()
 {

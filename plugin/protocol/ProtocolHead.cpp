@@ -13,7 +13,9 @@ CProtocolHead::CProtocolHead(const char* name, const char* value)
 {
 }
 
-CProtocolHead::~CProtocolHead() {}
+CProtocolHead::~CProtocolHead()
+{
+}
 
 const char* CProtocolHead::GetHeadName()
 {

@@ -12,9 +12,13 @@ using PROTOCOL_FILTER::IProtocolBody;
 using PROTOCOL_FILTER::IProtocolHead;
 using PROTOCOL_FILTER::IProtocolRequestLine;
 
-CProtocolRequest::CProtocolRequest() : m_bNeedAuth(true) {}
+CProtocolRequest::CProtocolRequest() : m_bNeedAuth(true)
+{
+}
 
-CProtocolRequest::~CProtocolRequest() {}
+CProtocolRequest::~CProtocolRequest()
+{
+}
 
 IProtocolRequestLine* CProtocolRequest::GetProtocolRequestLine()
 {

@@ -4,9 +4,13 @@
 
 namespace HttpWrapper {
 
-CProtocolRequestLine::CProtocolRequestLine() {}
+CProtocolRequestLine::CProtocolRequestLine()
+{
+}
 
-CProtocolRequestLine::~CProtocolRequestLine() {}
+CProtocolRequestLine::~CProtocolRequestLine()
+{
+}
 
 const char* CProtocolRequestLine::GetProtocolMethod()
 {

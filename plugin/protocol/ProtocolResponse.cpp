@@ -11,9 +11,13 @@ using PROTOCOL_FILTER::IProtocolBody;
 using PROTOCOL_FILTER::IProtocolHead;
 using PROTOCOL_FILTER::IProtocolStatusLine;
 
-CProtocolResponse::CProtocolResponse() {}
+CProtocolResponse::CProtocolResponse()
+{
+}
 
-CProtocolResponse::~CProtocolResponse() {}
+CProtocolResponse::~CProtocolResponse()
+{
+}
 
 IProtocolStatusLine* CProtocolResponse::GetProtocolStatusLine()
 {

@@ -9,7 +9,9 @@ CProtocolStatusLine::CProtocolStatusLine()
 {
 }
 
-CProtocolStatusLine::~CProtocolStatusLine() {}
+CProtocolStatusLine::~CProtocolStatusLine()
+{
+}
 
 const char* CProtocolStatusLine::GetProtocolName()
 {

@@ -14,9 +14,9 @@ inline const char* TextOrEmpty(const char* text)
     return text == nullptr ? "" : text;
 }
 
-std::string FormatIntValue(int value);            // "%d"
-std::string FormatFloatValue(double value);       // "%f": 1.5 gives "1.500000"
-std::string FormatIntRange(int min, int max);     // "%d-%d"
+std::string FormatIntValue(int value);                 // "%d"
+std::string FormatFloatValue(double value);            // "%f": 1.5 gives "1.500000"
+std::string FormatIntRange(int min, int max);          // "%d-%d"
 std::string FormatFloatRange(double min, double max);  // "%f-%f"
 
 // Splits a range at its first "-" only. True when that gives exactly two

@@ -88,7 +88,8 @@ int CHttpSession::processQumexDownloadRequest(char* body, int length)
     if (camera != std::string::npos && camera + 7 <= m_strPlaybackURI.size()) {
         size_t idStart = camera + 7;
         size_t idEnd = m_strPlaybackURI.find('/', idStart);
-        std::string id = m_strPlaybackURI.substr(idStart, idEnd == std::string::npos ? std::string::npos : idEnd - idStart);
+        std::string id =
+            m_strPlaybackURI.substr(idStart, idEnd == std::string::npos ? std::string::npos : idEnd - idStart);
         if (id.find('-') != std::string::npos) {
             m_strPlaybackURI.replace(camera, 6, "device");
             deviceRewrite = true;
@@ -103,10 +104,10 @@ int CHttpSession::processQumexDownloadRequest(char* body, int length)
             return -1;
         }
         size_t portEnd = m_strPlaybackURI.find('/', colon + 1);
-        std::string port = m_strPlaybackURI.substr(colon + 1, portEnd == std::string::npos ? std::string::npos
-                                                                                            : portEnd - colon - 1);
-        m_strPlaybackURI += Contain(m_strPlaybackURI, "?") ? "&indexType=rtspPort&rtspPort="
-                                                           : "?indexType=rtspPort&rtspPort=";
+        std::string port =
+            m_strPlaybackURI.substr(colon + 1, portEnd == std::string::npos ? std::string::npos : portEnd - colon - 1);
+        m_strPlaybackURI +=
+            Contain(m_strPlaybackURI, "?") ? "&indexType=rtspPort&rtspPort=" : "?indexType=rtspPort&rtspPort=";
         m_strPlaybackURI += port;
     }
     RewritePlaybackToDownload(m_strPlaybackURI);

@@ -60,18 +60,10 @@ int CHttpSession::processRecvData(char* body, int length)
         return result;  // the challenge is out; the session stays initialised
     }
     switch (m_requestParam.iMethod) {
-    case NET_HTTP_METHOD_GET:
-        result = processHttpGet(body, length);
-        break;
-    case NET_HTTP_METHOD_PUT:
-        result = processHttpPut(body, length);
-        break;
-    case NET_HTTP_METHOD_POST:
-        result = processHttpPost(body, length);
-        break;
-    case NET_HTTP_METHOD_DELETE:
-        result = processHttpDelete(body, length);
-        break;
+    case NET_HTTP_METHOD_GET: result = processHttpGet(body, length); break;
+    case NET_HTTP_METHOD_PUT: result = processHttpPut(body, length); break;
+    case NET_HTTP_METHOD_POST: result = processHttpPost(body, length); break;
+    case NET_HTTP_METHOD_DELETE: result = processHttpDelete(body, length); break;
     default:
         HPW_LOGE(HPW_ERR_NOT_SUPPORTED, "Http method not support, method = %d", m_requestParam.iMethod);
         result = HPW_ERR_NOT_SUPPORTED;

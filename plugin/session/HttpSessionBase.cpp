@@ -36,22 +36,6 @@ CHttpSessionBase::CHttpSessionBase(PROTOCOL_FILTER::IProtocolFilter* filterChain
 // The gateway's stream is closed by fini, never here.
 CHttpSessionBase::~CHttpSessionBase() = default;
 
-const char* CHttpSessionBase::GetFilterURL() { return m_strFilterURL.c_str(); }
-const char* CHttpSessionBase::GetMediaURL() { return m_strMediaURL.c_str(); }
-void CHttpSessionBase::SetFilterURL(const char* url) { m_strFilterURL = url != nullptr ? url : ""; }
-void CHttpSessionBase::SetMediaURL(const char* url) { m_strMediaURL = url != nullptr ? url : ""; }
-const char* CHttpSessionBase::GetServerIP() { return m_strServerIP.c_str(); }
-// The server address is not the filter chain's to change: the setter keeps it empty on purpose.
-void CHttpSessionBase::SetServerIP(const char* ip) {}
-int CHttpSessionBase::GetStatusCode() { return m_iStatusCode; }
-void CHttpSessionBase::SetStatusCode(int code) { m_iStatusCode = code; }
-int CHttpSessionBase::GetErrorCode() { return m_iErrorCode; }
-void CHttpSessionBase::SetErrorCode(int code) { m_iErrorCode = code; }
-const char* CHttpSessionBase::GetErrorDescribe() { return m_strErrorDescribe.c_str(); }
-void CHttpSessionBase::SetErrorDescribe(const char* describe) { m_strErrorDescribe = describe != nullptr ? describe : ""; }
-const char* CHttpSessionBase::GetErrorRsp() { return m_strErrorRsp.c_str(); }
-void CHttpSessionBase::SetErrorRsp(const char* response) { m_strErrorRsp = response != nullptr ? response : ""; }
-
 int CHttpSessionBase::getStatusCodeRtspInt()
 {
     return rtspStatusCode(GetStatusCode());
@@ -92,8 +76,8 @@ std::string CHttpSessionBase::getHttpXmlResponse(unsigned int errorNo, const std
     // The phrase text starts with the code itself, so the status line reads
     // "HTTP/1.1 401 401 Unauthorized": the doubled code is what clients of this
     // device API have always received.
-    std::string response = "HTTP/1.1 " + std::to_string(httpStatus) + " " +
-                           m_httpHelper.getHTTPStatsStringByCode(httpStatus) + "\r\n";
+    std::string response =
+        "HTTP/1.1 " + std::to_string(httpStatus) + " " + m_httpHelper.getHTTPStatsStringByCode(httpStatus) + "\r\n";
     response += "Content-Length: " + std::to_string(document.size()) + "\r\n";
     response += "Content-Type: ";
     response += "application/xml\r\n";
@@ -111,8 +95,8 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
     // "Download: 0" is sent for downloads too: the gateway's parser expects both.
     // The address is the client's own text (a proxy's list, or anything a
     // client writes): escaped, it stays one parameter of the URL.
-    std::string text = m_strMethod + " " + m_strPlaybackURI + "&clientIP=" + EscapeClientAddress(m_strClientIP) +
-                       " RTSP/1.0\r\n";
+    std::string text =
+        m_strMethod + " " + m_strPlaybackURI + "&clientIP=" + EscapeClientAddress(m_strClientIP) + " RTSP/1.0\r\n";
     text += "CSeq: 1\r\n";
     text += "Accept: application/sdp\r\n";
     text += "Download: 0\r\n";
@@ -169,10 +153,9 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
         return (int)kRestReachDownloadLimit;
     }
 
-    result = m_pServerSink != nullptr
-                 ? m_pServerSink->OnOpen(GetFilterURL(), GetMediaURL(), static_cast<ISessionInterface*>(this),
-                                         &m_pSessionHandle)
-                 : (int)HPW_ERR_NO_FILTER;
+    result = m_pServerSink != nullptr ? m_pServerSink->OnOpen(GetFilterURL(), GetMediaURL(),
+                                                              static_cast<ISessionInterface*>(this), &m_pSessionHandle)
+                                      : (int)HPW_ERR_NO_FILTER;
     if (result != 0) {
         HPW_LOGE(result, "m_pServerSink OnOpen fail, pszUrl == %s", text.c_str());
         SetErrorCode(result);

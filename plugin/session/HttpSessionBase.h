@@ -34,20 +34,21 @@ public:
     ~CHttpSessionBase() override;
 
     // IConnectContext: written by the filter chain while it handles the request.
-    const char* GetFilterURL() override;
-    const char* GetMediaURL() override;
-    void SetFilterURL(const char* url) override;
-    void SetMediaURL(const char* url) override;
-    const char* GetServerIP() override;
-    void SetServerIP(const char* ip) override;
-    int GetStatusCode() override;
-    void SetStatusCode(int code) override;
-    int GetErrorCode() override;
-    void SetErrorCode(int code) override;
-    const char* GetErrorDescribe() override;
-    void SetErrorDescribe(const char* describe) override;
-    const char* GetErrorRsp() override;
-    void SetErrorRsp(const char* response) override;
+    const char* GetFilterURL() override { return m_strFilterURL.c_str(); }
+    const char* GetMediaURL() override { return m_strMediaURL.c_str(); }
+    void SetFilterURL(const char* url) override { m_strFilterURL = url != nullptr ? url : ""; }
+    void SetMediaURL(const char* url) override { m_strMediaURL = url != nullptr ? url : ""; }
+    const char* GetServerIP() override { return m_strServerIP.c_str(); }
+    // The server address is not the filter chain's to change: the setter keeps it empty on purpose.
+    void SetServerIP(const char*) override {}
+    int GetStatusCode() override { return m_iStatusCode; }
+    void SetStatusCode(int code) override { m_iStatusCode = code; }
+    int GetErrorCode() override { return m_iErrorCode; }
+    void SetErrorCode(int code) override { m_iErrorCode = code; }
+    const char* GetErrorDescribe() override { return m_strErrorDescribe.c_str(); }
+    void SetErrorDescribe(const char* text) override { m_strErrorDescribe = text != nullptr ? text : ""; }
+    const char* GetErrorRsp() override { return m_strErrorRsp.c_str(); }
+    void SetErrorRsp(const char* text) override { m_strErrorRsp = text != nullptr ? text : ""; }
 
     int getStatusCodeRtspInt();
     int getTimeoutCount();

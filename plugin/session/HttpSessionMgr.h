@@ -69,13 +69,13 @@ private:
     PROTOCOL_WRAPPER::IServerSink* m_pServerSink = nullptr;
     PROTOCOL_FILTER::IProtocolFilter* m_pProtocolFilterChain = nullptr;
     std::atomic<int> m_iReleaseRunning{0};
-    volatile ZRT_INT32 m_iDownloadNum = 0;            // changed only atomically
+    volatile ZRT_INT32 m_iDownloadNum = 0;  // changed only atomically
     std::map<long, std::shared_ptr<CHttpSession>> m_sessions;
-    ZRT_Mutex m_sessionMutex{1};                      // guards m_sessions
-    ZRT_Sema m_releaseSema{0, 65535};                 // posted once per handle to close
+    ZRT_Mutex m_sessionMutex{1};       // guards m_sessions
+    ZRT_Sema m_releaseSema{0, 65535};  // posted once per handle to close
     std::deque<long> m_invalidHandles;
     ZRT_THREAD_T m_releaseThread = ZRT_INVALID_THREAD;
-    ZRT_Mutex m_handleMutex{1};                       // guards m_invalidHandles
+    ZRT_Mutex m_handleMutex{1};  // guards m_invalidHandles
 };
 
 }  // namespace HttpWrapper

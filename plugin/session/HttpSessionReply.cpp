@@ -46,7 +46,8 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
         HPW_LOGD("Http download get STREAM_INFO");
         bool validIndex = index >= 0 && index < kStreamInfoSlots;
         // A block is never copied past its record, whatever length the gateway gives.
-        size_t copy = data == nullptr || length <= 0 ? 0 : (size_t)(length < kStreamInfoSize ? length : kStreamInfoSize);
+        size_t copy =
+            data == nullptr || length <= 0 ? 0 : (size_t)(length < kStreamInfoSize ? length : kStreamInfoSize);
         if (m_iWaitFirstInfo != 0) {
             if (validIndex && index == m_iStreamInfoCount && m_iStreamInfoCount <= 3) {
                 if (copy != 0) {
@@ -70,11 +71,8 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
         }
         return 0;
     }
-    case PROTOCOL_WRAPPER::STREAM_HEAD:
-        HPW_LOGD("Http download get STREAM_HEAD");
-        return sendStream(data, length);
-    case PROTOCOL_WRAPPER::STREAM_DATA:
-        return sendStream(data, length);
+    case PROTOCOL_WRAPPER::STREAM_HEAD: HPW_LOGD("Http download get STREAM_HEAD"); return sendStream(data, length);
+    case PROTOCOL_WRAPPER::STREAM_DATA: return sendStream(data, length);
     case PROTOCOL_WRAPPER::STREAM_END: {
         HPW_LOGI("Http download receive STREAM_END");
         int notSent = 0;
@@ -83,8 +81,7 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
         }
         return 0;
     }
-    default:
-        return 0;
+    default: return 0;
     }
 }
 

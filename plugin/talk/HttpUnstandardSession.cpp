@@ -175,8 +175,7 @@ int CHttpUnstandardSession::processRecvData(char* body, int length)
     }
     if (m_iRequestComplete == 0) {
         if (m_pTransmitter == nullptr) {
-            HPW_FATAL_ASSERT("an initialised raw session has its transmitter", __FILE__, __LINE__,
-                             __PRETTY_FUNCTION__);
+            HPW_FATAL_ASSERT("an initialised raw session has its transmitter", __FILE__, __LINE__, __PRETTY_FUNCTION__);
         }
         postReceive();
         return 0;
@@ -187,18 +186,10 @@ int CHttpUnstandardSession::processRecvData(char* body, int length)
         return result;
     }
     switch (m_iMethodCode) {
-    case METHOD_GET:
-        result = processHttpGet(body, length);
-        break;
-    case METHOD_PUT:
-        result = processHttpPut(body, length);
-        break;
-    case METHOD_POST:
-        result = processHttpPost(body, length);
-        break;
-    case METHOD_DELETE:
-        result = processHttpDelete(body, length);
-        break;
+    case METHOD_GET: result = processHttpGet(body, length); break;
+    case METHOD_PUT: result = processHttpPut(body, length); break;
+    case METHOD_POST: result = processHttpPost(body, length); break;
+    case METHOD_DELETE: result = processHttpDelete(body, length); break;
     default:
         HPW_LOGE(HPW_ERR_NOT_SUPPORTED, "Http method not support, method = %d", m_iMethodCode);
         result = HPW_ERR_NOT_SUPPORTED;
@@ -286,8 +277,8 @@ void CHttpUnstandardSession::buildHttpReqParam()
     std::string value = header.substr(start, end == std::string::npos ? std::string::npos : end - start);
     size_t blank = value.find(' ');
     std::vector<std::string> items;
-    Split(blank == std::string::npos ? std::string() : value.substr(blank + 1), std::vector<std::string>{","},
-          items, -1);
+    Split(blank == std::string::npos ? std::string() : value.substr(blank + 1), std::vector<std::string>{","}, items,
+          -1);
     for (const std::string& item : items) {
         size_t equals = item.find('=');
         if (equals == std::string::npos) {
@@ -334,9 +325,7 @@ int CHttpUnstandardSession::processAuth()
     case METHOD_PUT: m_strMethod = "PUT"; break;
     case METHOD_POST: m_strMethod = "POST"; break;
     case METHOD_DELETE: m_strMethod = "DELETE"; break;
-    default:
-        HPW_LOGE(HPW_ERR_NOT_SUPPORTED, "Unknown method, method=%d", m_iMethodCode);
-        break;
+    default: HPW_LOGE(HPW_ERR_NOT_SUPPORTED, "Unknown method, method=%d", m_iMethodCode); break;
     }
     m_strAuthorization = m_parser.getHttpHeadValue("Authorization");
     m_strClientIP = m_parser.getHttpHeadValue("X-Forwarded-For").substr(0, kMaxClientAddress);

@@ -129,8 +129,7 @@ int CHttpUnstandardSessionMgr::processHttpUnstandardCreate(tagAsyncReq* req)
         return HPW_ERR_PARAM;
     }
     std::shared_ptr<CHttpUnstandardSession> session;
-    CHttpUnstandardSession* created =
-        new (std::nothrow) CHttpUnstandardSession(m_pProtocolFilterChain, m_pServerSink);
+    CHttpUnstandardSession* created = new (std::nothrow) CHttpUnstandardSession(m_pProtocolFilterChain, m_pServerSink);
     if (created != nullptr) {
         try {
             session.reset(created);  // deletes the session if the control block cannot be made

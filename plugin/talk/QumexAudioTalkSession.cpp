@@ -109,9 +109,10 @@ int CQumexAudioTalkSession::convertToRtspProcess(const std::string& rtspUrl)
     }
     m_request.setNeedAuth(false);
 
-    int result = m_pProtocolFilterChain != nullptr
-                     ? m_pProtocolFilterChain->Request(&m_request, 0, static_cast<PROTOCOL_FILTER::IConnectContext*>(this))
-                     : (int)HPW_ERR_NO_FILTER;
+    int result =
+        m_pProtocolFilterChain != nullptr
+            ? m_pProtocolFilterChain->Request(&m_request, 0, static_cast<PROTOCOL_FILTER::IConnectContext*>(this))
+            : (int)HPW_ERR_NO_FILTER;
     if (result != 0) {
         HPW_LOGE(result, "CovertToRtspProcess fail, m_pProtocolFilterChainSink Request fail");
         SetErrorCode(result);
@@ -191,7 +192,8 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
         if (m_iWaitFirstHeader != 0) {
             if (index >= 0 && index == m_iStreamHeaderCount && m_iStreamHeaderCount < kStreamHeaderSlots) {
                 if (data != nullptr && length > 0) {
-                    memcpy(m_streamHeaders[index], data, (size_t)(length < kStreamHeaderSize ? length : kStreamHeaderSize));
+                    memcpy(m_streamHeaders[index], data,
+                           (size_t)(length < kStreamHeaderSize ? length : kStreamHeaderSize));
                 }
                 m_iStreamHeaderCount++;
             }
@@ -209,8 +211,7 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
             // Held only to post: stop cannot close the link under a send in progress.
             ZRT_Guard guard(m_lock);
             if (m_pUploadLink != nullptr && m_iDestroyPending == 0 && data != nullptr && length > 0) {
-                result = m_pUploadLink->SendData(static_cast<char*>(data), length, nullptr, nullptr,
-                                                 kCheckSendBacklog);
+                result = m_pUploadLink->SendData(static_cast<char*>(data), length, nullptr, nullptr, kCheckSendBacklog);
             }
         }
         // The device is alive whether or not a client listens.
@@ -221,9 +222,7 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
         pushDestroyReq();
         HPW_LOGD("[strMediaUrl = %s]device STREAM_END", GetMediaURL());
         return -1;
-    default:
-        HPW_LOGI("[type=%d]Unknown data type", dataType);
-        return -1;
+    default: HPW_LOGI("[type=%d]Unknown data type", dataType); return -1;
     }
 }
 
@@ -236,8 +235,8 @@ void CQumexAudioTalkSession::calcAudioPacketSize()
     } else if (codec == "G7221" || codec == "G726-16") {
         m_iPacketSize = kNarrowPacketSize;
     }
-    HPW_LOGI("QUMEX talk audio type is %s, packet size = %d, m_strMediaURL = %s", codec.c_str(),
-             m_iPacketSize.load(), GetMediaURL());
+    HPW_LOGI("QUMEX talk audio type is %s, packet size = %d, m_strMediaURL = %s", codec.c_str(), m_iPacketSize.load(),
+             GetMediaURL());
 }
 
 bool CQumexAudioTalkSession::setClientUploadLink(CIocpTcpTransmitter* link, int socket)
@@ -307,8 +306,8 @@ void CQumexAudioTalkSession::postAudioReceive()
     int space = m_recvBuffer.nSize - m_recvBuffer.nWrite;
     // A full buffer means audio the gateway does not take: the talk ends rather
     // than stall unseen.
-    if (space <= 0 || m_pDownloadLink->RecvData(m_recvBuffer.pBuf + m_recvBuffer.nWrite, space,
-                                                (void*)fnAudioDataRecv, this) != 0) {
+    if (space <= 0 ||
+        m_pDownloadLink->RecvData(m_recvBuffer.pBuf + m_recvBuffer.nWrite, space, (void*)fnAudioDataRecv, this) != 0) {
         pushDestroyReq();
     }
 }

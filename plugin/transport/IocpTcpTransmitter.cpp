@@ -26,7 +26,9 @@ void pfnIocpTcpCB(unsigned long errorCode, unsigned long bytes, void* context)
     DispatchIocpCompletion(errorCode, bytes, context);
 }
 
-CIocpTcpTransmitter::CIocpTcpTransmitter(void* queue) : CIocpTcpTransmitter(queue, IOCP_DEFAULT_MAX_COUNT) {}
+CIocpTcpTransmitter::CIocpTcpTransmitter(void* queue) : CIocpTcpTransmitter(queue, IOCP_DEFAULT_MAX_COUNT)
+{
+}
 
 CIocpTcpTransmitter::CIocpTcpTransmitter(void* queue, int maxCount)
     : m_hAsyncIocpQueue(queue),
@@ -91,15 +93,17 @@ int CIocpTcpTransmitter::Open(int socket)
         return failOpen(HPW_ERR_SOCKET_OPTION, false);
     }
     if (ZRT_AsyncIO_BindIOHandleToQueueEx(m_iConnSocketFd, m_hAsyncIocpQueue) != 0) {
-        HPW_LOGE(HPW_ERR_SOCKET_OPTION,
-                 "HttpProtocolWrapper CIocpTcpTransmitter Open fail, ZRT_AsyncIO_BindIOHandleToQueueEx fail, errCode<%d>",
-                 ZRT_GetSystemLastError());
+        HPW_LOGE(
+            HPW_ERR_SOCKET_OPTION,
+            "HttpProtocolWrapper CIocpTcpTransmitter Open fail, ZRT_AsyncIO_BindIOHandleToQueueEx fail, errCode<%d>",
+            ZRT_GetSystemLastError());
         return failOpen(HPW_ERR_SOCKET_OPTION, false);
     }
     if (ZRT_AsyncIO_BindCallBackToIOHandleEx(m_iConnSocketFd, pfnIocpTcpCB) != 0) {
-        HPW_LOGE(HPW_ERR_SOCKET_OPTION,
-                 "HttpProtocolWrapper CIocpTcpTransmitter Open fail, ZRT_AsyncIO_BindCallBackToIOHandleEx fail, errCode<%d>",
-                 ZRT_GetSystemLastError());
+        HPW_LOGE(
+            HPW_ERR_SOCKET_OPTION,
+            "HttpProtocolWrapper CIocpTcpTransmitter Open fail, ZRT_AsyncIO_BindCallBackToIOHandleEx fail, errCode<%d>",
+            ZRT_GetSystemLastError());
         return failOpen(HPW_ERR_SOCKET_OPTION, true);
     }
     m_pSendData = NewIocpData(IOCP_DATA_SEND);
@@ -164,9 +168,10 @@ int CIocpTcpTransmitter::RecvData(char* buffer, int length, void* callback, void
     SetIocpCallback(recvData, callback, context, false);
     ZRT_AtomicInc(&recvData->nPending);
     if (ZRT_AsyncIO_RecvEx(m_iConnSocketFd, buffer, length, recvData, pfnIocpTcpCB) != 0) {
-        HPW_LOGE(HPW_ERR_ASYNC_RECV,
-                 "HttpProtocolWrapper CIocpTcpTransmitter RecvData Failed, \t\t\t\t  ZRT_AsyncIO_RecvEx fail, errCode<%d>",
-                 ZRT_GetSystemLastError());
+        HPW_LOGE(
+            HPW_ERR_ASYNC_RECV,
+            "HttpProtocolWrapper CIocpTcpTransmitter RecvData Failed, \t\t\t\t  ZRT_AsyncIO_RecvEx fail, errCode<%d>",
+            ZRT_GetSystemLastError());
         ZRT_AtomicDec(&recvData->nPending);
         return -1;
     }

@@ -94,17 +94,19 @@ int CIocpUdpTransmitter::Open(const char* ip, unsigned short port)
         return failOpen(HPW_ERR_SOCKET_OPTION, false);
     }
     if (ZRT_AsyncIO_BindIOHandleToQueueEx(m_iSocketFd, m_hAsyncIocpQueue) != 0) {
-        HPW_LOGE(HPW_ERR_SOCKET_OPTION,
-                 "HttpProtocolWrapper CIocpUdpTransmitter Open fail, ZRT_AsyncIO_BindIOHandleToQueueEx fail, errCode<%d>",
-                 ZRT_GetSystemLastError());
+        HPW_LOGE(
+            HPW_ERR_SOCKET_OPTION,
+            "HttpProtocolWrapper CIocpUdpTransmitter Open fail, ZRT_AsyncIO_BindIOHandleToQueueEx fail, errCode<%d>",
+            ZRT_GetSystemLastError());
         return failOpen(HPW_ERR_SOCKET_OPTION, false);
     }
     if (ZRT_AsyncIO_BindCallBackToIOHandleEx(m_iSocketFd, pfnIocpUdpCB) != 0) {
         // This line carries error code 0, not the system's; it is intended and
         // kept as operators know it.
-        HPW_LOGE(HPW_ERR_SOCKET_OPTION,
-                 "HttpProtocolWrapper CIocpUdpTransmitter Open fail, ZRT_AsyncIO_BindCallBackToIOHandleEx fail, errCode<%d>",
-                 0);
+        HPW_LOGE(
+            HPW_ERR_SOCKET_OPTION,
+            "HttpProtocolWrapper CIocpUdpTransmitter Open fail, ZRT_AsyncIO_BindCallBackToIOHandleEx fail, errCode<%d>",
+            0);
         return failOpen(HPW_ERR_SOCKET_OPTION, true);
     }
     m_pSendData = NewIocpData(IOCP_DATA_SEND);
@@ -166,8 +168,10 @@ int CIocpUdpTransmitter::RecvData(char* buffer, int length, ZRT_ADDR_T* from, vo
     SetIocpCallback(recvData, callback, context, true);
     ZRT_AtomicInc(&recvData->nPending);
     if (ZRT_AsyncIO_RecvFromEx(m_iSocketFd, buffer, length, recvData, from, pfnIocpUdpCB) != 0) {
-        HPW_LOGD("HttpProtocolWrapper CIocpUdpTransmitter RecvData Failed, \t\t\t\t  ZRT_AsyncIO_RecvFromEx fail, errCode<%d>",
-                 ZRT_GetSystemLastError());
+        HPW_LOGD(
+            "HttpProtocolWrapper CIocpUdpTransmitter RecvData Failed, \t\t\t\t  ZRT_AsyncIO_RecvFromEx fail, "
+            "errCode<%d>",
+            ZRT_GetSystemLastError());
         ZRT_AtomicDec(&recvData->nPending);
         return -1;
     }
@@ -184,9 +188,10 @@ int CIocpUdpTransmitter::PostIoEvent(int errorCode, unsigned int bytes)
     if (ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_hAsyncIocpQueue, m_iSocketFd, (unsigned long)errorCode, bytes,
                                                recvData, pfnIocpUdpCB) != 0) {
         // Names the TCP class: the line is shared with it as operators know it.
-        HPW_LOGD("HttpProtocolWrapper CIocpTcpTransmitter PostIoEvent Failed, \t\t\t\t  "
-                 "ZRT_AsyncIO_PostQueuedCompleteStatusEx fail, errCode<%d>",
-                 ZRT_GetSystemLastError());
+        HPW_LOGD(
+            "HttpProtocolWrapper CIocpTcpTransmitter PostIoEvent Failed, \t\t\t\t  "
+            "ZRT_AsyncIO_PostQueuedCompleteStatusEx fail, errCode<%d>",
+            ZRT_GetSystemLastError());
         ZRT_AtomicDec(&recvData->nPending);
         return -1;
     }

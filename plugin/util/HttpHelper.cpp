@@ -222,9 +222,8 @@ bool CHttpHelper::CreateNonce(char* out, int outSize) const
     return true;
 }
 
-std::string CHttpHelper::GetDigestAuthVal(const std::string& uri, const std::string& method,
-                                          const std::string& unused, const std::string& nonce,
-                                          const std::string& ha1) const
+std::string CHttpHelper::GetDigestAuthVal(const std::string& uri, const std::string& method, const std::string& unused,
+                                          const std::string& nonce, const std::string& ha1) const
 {
     const std::string ha2 = Md5Hex(method + ":" + uri);
     return Md5Hex(ha1.substr(0, kDigestHaLength) + ":" + nonce + ":" + ha2);

@@ -40,8 +40,7 @@ bool Contain(const std::string& s, const std::string& part)
     return s.find(part) != std::string::npos;
 }
 
-int Split(const std::string& s, const std::vector<std::string>& delimiters, std::vector<std::string>& out,
-          int maxCuts)
+int Split(const std::string& s, const std::vector<std::string>& delimiters, std::vector<std::string>& out, int maxCuts)
 {
     out.clear();
     const int limit = maxCuts < 1 ? kDefaultMaxCuts : maxCuts;

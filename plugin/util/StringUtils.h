@@ -24,8 +24,7 @@ bool Contain(const std::string& s, const std::string& part);
 // listed first wins) until maxCuts cuts were made; maxCuts below 1 means 64.
 // The rest of the string is always the last piece, empty pieces are kept, so
 // k cuts give k + 1 pieces. Returns the number of pieces in out.
-int Split(const std::string& s, const std::vector<std::string>& delimiters, std::vector<std::string>& out,
-          int maxCuts);
+int Split(const std::string& s, const std::vector<std::string>& delimiters, std::vector<std::string>& out, int maxCuts);
 int Split(const std::string& s, const std::string& delimiter, std::vector<std::string>& out, int maxCuts);
 int Split(const std::string& s, const std::string& delimiter1, const std::string& delimiter2,
           std::vector<std::string>& out, int maxCuts);

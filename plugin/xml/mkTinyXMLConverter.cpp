@@ -123,8 +123,7 @@ const char* SavedPosName(const char* name)
 
 }  // namespace
 
-CmkTinyXMLConverter::CmkTinyXMLConverter()
-    : m_pParent(this), m_pMain(nullptr), m_pChild(nullptr), m_bWellFormed(false)
+CmkTinyXMLConverter::CmkTinyXMLConverter() : m_pParent(this), m_pMain(nullptr), m_pChild(nullptr), m_bWellFormed(false)
 {
 }
 
@@ -133,7 +132,9 @@ CmkTinyXMLConverter::CmkTinyXMLConverter(const char* text) : CmkTinyXMLConverter
     SetDoc(text);
 }
 
-CmkTinyXMLConverter::~CmkTinyXMLConverter() {}
+CmkTinyXMLConverter::~CmkTinyXMLConverter()
+{
+}
 
 bool CmkTinyXMLConverter::SetDoc(const char* text)
 {
@@ -403,8 +404,8 @@ bool CmkTinyXMLConverter::SetData(int value)
     return SetData(IntText(value).c_str(), 0);
 }
 
-bool CmkTinyXMLConverter::PlaceFragment(const char* xml, ADD_TYPE type, TiXmlNode* container,
-                                        TiXmlElement* reference, TiXmlElement*& first)
+bool CmkTinyXMLConverter::PlaceFragment(const char* xml, ADD_TYPE type, TiXmlNode* container, TiXmlElement* reference,
+                                        TiXmlElement*& first)
 {
     first = nullptr;
     if (xml == nullptr || xml[0] == '\0') {
@@ -513,8 +514,8 @@ void CmkTinyXMLConverter::DropSavedPositions(const TiXmlNode* node, bool withChi
     for (std::map<std::string, tagSavedPos>::iterator entry = m_savedPositions.begin();
          entry != m_savedPositions.end();) {
         const tagSavedPos& saved = entry->second;
-        const bool affected = saved.pParent == node || saved.pMain == node ||
-                              (withChild && saved.pChild == node) || IsAncestorOf(node, saved.pParent);
+        const bool affected = saved.pParent == node || saved.pMain == node || (withChild && saved.pChild == node) ||
+                              IsAncestorOf(node, saved.pParent);
         entry = affected ? m_savedPositions.erase(entry) : std::next(entry);
     }
 }

@@ -17,7 +17,8 @@ TEST_F(Dispatch, RequestWithoutCredentialsGetsTheDigestChallenge)
     ASSERT_TRUE(response.complete);
     EXPECT_EQ(response.statusLine, "HTTP/1.1 401 Unauthorized");
     EXPECT_EQ(response.headers["content-type"], "application/json");
-    EXPECT_EQ(response.body, "{\"statusCode\":401,\"statusString\":\"Unauthorized\",\"subStatusCode\":\"badAuthorization\"}\n");
+    EXPECT_EQ(response.body,
+              "{\"statusCode\":401,\"statusString\":\"Unauthorized\",\"subStatusCode\":\"badAuthorization\"}\n");
 
     const std::string& challenge = response.headers["www-authenticate"];
     const std::string prefix = "Digest qop=\"auth\", realm=\"test-realm\", nonce=\"";
@@ -88,8 +89,10 @@ TEST_F(Dispatch, MalformedJsonDownloadsAreRefusedWithoutOpeningAStream)
         {target, "{not json", 400, "badParameters"},
         {target, "{\"downloadRequest\":{\"playbackURI\":5}}", 400, "badParameters"},
         // "playback" is rewritten, but without "starttime" the URI is refused.
-        {target, "{\"downloadRequest\":{\"playbackURI\":\"rtsp://a/playback?endtime=1&devIndex=" +
-                     std::string(kDevIndex) + "\"}}", 400, "badParameters"},
+        {target,
+         "{\"downloadRequest\":{\"playbackURI\":\"rtsp://a/playback?endtime=1&devIndex=" + std::string(kDevIndex) +
+             "\"}}",
+         400, "badParameters"},
     };
     for (const Case& c : cases) {
         RawResponse response = client.exchange(RawHttpClient::request("POST", c.target, c.body, digestHeader()));

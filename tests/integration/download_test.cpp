@@ -50,10 +50,13 @@ TEST_F(Download, TheGatewayReceivesTheRtspRequestHeadByHead)
     EXPECT_EQ(seen[0].version, "1.0");
     EXPECT_TRUE(seen[0].needAuth);
     std::string authorization = digestHeader("admin");
-    authorization = authorization.substr(strlen("Authorization: "), authorization.size() - strlen("Authorization: ") - 2);
-    std::vector<std::pair<std::string, std::string>> heads = {
-        {"CSeq", "1"}, {"Accept", "application/sdp"}, {"Download", "0"},
-        {"Authorization", authorization}, {"User-Agent", "httpClient"}};
+    authorization =
+        authorization.substr(strlen("Authorization: "), authorization.size() - strlen("Authorization: ") - 2);
+    std::vector<std::pair<std::string, std::string>> heads = {{"CSeq", "1"},
+                                                              {"Accept", "application/sdp"},
+                                                              {"Download", "0"},
+                                                              {"Authorization", authorization},
+                                                              {"User-Agent", "httpClient"}};
     EXPECT_EQ(seen[0].heads, heads);
     EXPECT_TRUE(waitIdle());
 }
@@ -100,7 +103,8 @@ TEST_F(Download, XmlFormRewritesTheUriAndAlwaysAnnouncesTheLength)
 {
     sink.recording = recordingOf(5000);
     RawHttpClient client(port);
-    std::string body = xmlDownloadBody("rtsp://10.0.0.5:554/Streaming/tracks/playback/camera/1-2/?starttime=1&amp;endtime=2");
+    std::string body =
+        xmlDownloadBody("rtsp://10.0.0.5:554/Streaming/tracks/playback/camera/1-2/?starttime=1&amp;endtime=2");
     RawResponse response =
         client.exchange(RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", body, digestHeader()));
     ASSERT_EQ(response.status, 200);
@@ -108,14 +112,16 @@ TEST_F(Download, XmlFormRewritesTheUriAndAlwaysAnnouncesTheLength)
     EXPECT_TRUE(response.body == sink.streamHead + sink.recording);
     ASSERT_EQ(filter.seen().size(), 1u);
     EXPECT_EQ(filter.seen()[0].method, "GET");
-    EXPECT_EQ(filter.seen()[0].url,
-              "rtsp://10.0.0.5:554/Streaming/tracks/download/device/1-2/?starttime=1&endtime=2&clientIP=&username=admi");
+    EXPECT_EQ(
+        filter.seen()[0].url,
+        "rtsp://10.0.0.5:554/Streaming/tracks/download/device/1-2/?starttime=1&endtime=2&clientIP=&username=admi");
 
     // Without a device identifier the RTSP port becomes a parameter.
     body = xmlDownloadBody("rtsp://10.0.0.5:554/a?b=1");
     response = client.exchange(RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download", body, digestHeader()));
     ASSERT_EQ(response.status, 200);
-    EXPECT_EQ(filter.seen()[1].url, "rtsp://10.0.0.5:554/a?b=1&indexType=rtspPort&rtspPort=554&clientIP=&username=admi");
+    EXPECT_EQ(filter.seen()[1].url,
+              "rtsp://10.0.0.5:554/a?b=1&indexType=rtspPort&rtspPort=554&clientIP=&username=admi");
     EXPECT_TRUE(waitIdle());
 }
 
@@ -151,8 +157,8 @@ TEST_F(Download, GatewayRefusalsReachTheClient)
     EXPECT_EQ(json.body, HttpWrapper::CHttpErrorHandler().getJSONResponseStatus(0x40000003));
 
     RawHttpClient client(port);
-    RawResponse xml = client.exchange(RawHttpClient::request(
-        "GET", "/QUMEX/ContentMgmt/download", xmlDownloadBody("rtsp://10.0.0.5:554/a"), digestHeader()));
+    RawResponse xml = client.exchange(RawHttpClient::request("GET", "/QUMEX/ContentMgmt/download",
+                                                             xmlDownloadBody("rtsp://10.0.0.5:554/a"), digestHeader()));
     EXPECT_EQ(xml.status, 401);  // a bare head with the mapped status
     EXPECT_TRUE(xml.body.empty());
 

@@ -129,7 +129,8 @@ protected:
             *reply = response;
         }
         std::smatch id;
-        if (response.status != 200 || !std::regex_search(response.body, id, std::regex("<sessionId>([0-9]+)</sessionId>"))) {
+        if (response.status != 200 ||
+            !std::regex_search(response.body, id, std::regex("<sessionId>([0-9]+)</sessionId>"))) {
             return std::string();
         }
         return id[1];
@@ -180,7 +181,8 @@ TEST_F(Talk, OpenRelayBothWaysInCodecPacketsAndClose)
     ASSERT_FALSE(sessionId.empty()) << opened.raw;
     EXPECT_EQ(opened.headers["content-type"], "application/xml");
     EXPECT_NE(opened.body.find("<TwoWayAudioSession version=\"2.0\" xmlns=\"urn:qumex:audio-api:2.0\">"),
-              std::string::npos) << opened.body;
+              std::string::npos)
+        << opened.body;
     EXPECT_EQ(GetServerConnectCount(server), 1);
 
     // What the gateway saw: the talk request with the Host's port, then the
@@ -284,7 +286,9 @@ TEST_F(Talk, RefusalsOnTheStandardPort)
         EXPECT_EQ(response.status, c.status) << c.what << "\n" << response.raw;
         EXPECT_EQ(response.headers["content-type"], "application/xml") << c.what;
         EXPECT_NE(response.body.find(std::string("<subStatusCode>") + c.subStatus + "</subStatusCode>"),
-                  std::string::npos) << c.what << "\n" << response.body;
+                  std::string::npos)
+            << c.what << "\n"
+            << response.body;
     }
     // Without credentials: the standard challenge, and nothing reaches the gateway.
     size_t seenBefore = filter.seen().size();
@@ -320,7 +324,9 @@ TEST_F(Talk, TheGatewaysRefusalDecidesTheAnswer)
         EXPECT_TRUE(openTalk(1, &response).empty()) << c.what;
         EXPECT_EQ(response.status, c.status) << c.what << "\n" << response.raw;
         EXPECT_NE(response.body.find(std::string("<subStatusCode>") + c.subStatus + "</subStatusCode>"),
-                  std::string::npos) << c.what << "\n" << response.body;
+                  std::string::npos)
+            << c.what << "\n"
+            << response.body;
         EXPECT_TRUE(waitForTalks(0)) << c.what << ": the refused talk left a stream open";
     }
 }
@@ -355,10 +361,11 @@ TEST_F(Talk, RefusalsOnTheAudioChannel)
         std::string reply = client.receiveAll(5000);  // the channel closes after one request
         EXPECT_EQ(reply.compare(0, strlen(c.statusLine), c.statusLine), 0) << c.what << "\n" << reply;
         EXPECT_NE(reply.find(std::string("<subStatusCode>") + c.subStatus), std::string::npos) << c.what << "\n"
-                                                                                                  << reply;
+                                                                                               << reply;
         if (strcmp(c.subStatus, "badAuthorization") == 0) {
             EXPECT_NE(reply.find("WWW-Authenticate: Digest qop=\"auth\", realm=\"test-realm\", nonce=\""),
-                      std::string::npos) << reply;
+                      std::string::npos)
+                << reply;
         } else {
             EXPECT_NE(reply.find("<requestURL>"), std::string::npos) << reply;
         }

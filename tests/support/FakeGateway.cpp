@@ -72,8 +72,7 @@ void FakeServerSink::syntheticBytes(unsigned long long offset, char* out, size_t
     }
 }
 
-int FakeServerSink::OnOpen(const char*, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
-                           void** sessionHandle)
+int FakeServerSink::OnOpen(const char*, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data, void** sessionHandle)
 {
     if (openResult != 0) {
         return openResult;

@@ -68,8 +68,8 @@ bool PluginFixture::waitIdle(int timeoutMs)
 
 std::string PluginFixture::digestHeader(const std::string& user, const std::string& uri)
 {
-    return "Authorization: Digest username=\"" + user + "\", realm=\"test-realm\", nonce=\"6e6f6e6365\", uri=\"" +
-           uri + "\", response=\"0123456789abcdef0123456789abcdef\", qop=auth, nc=00000001, cnonce=\"c\"\r\n";
+    return "Authorization: Digest username=\"" + user + "\", realm=\"test-realm\", nonce=\"6e6f6e6365\", uri=\"" + uri +
+           "\", response=\"0123456789abcdef0123456789abcdef\", qop=auth, nc=00000001, cnonce=\"c\"\r\n";
 }
 
 std::string PluginFixture::jsonDownloadTarget() const

@@ -9,12 +9,12 @@
 #include "TestClient.h"
 
 struct RawResponse {
-    bool complete = false;   // the server closed, or a chunked body ended
-    std::string raw;         // every byte received
+    bool complete = false;  // the server closed, or a chunked body ended
+    std::string raw;        // every byte received
     int status = 0;
     std::string statusLine;
     std::map<std::string, std::string> headers;  // names in lower case
-    std::string body;        // as sent (chunked bodies still framed)
+    std::string body;                            // as sent (chunked bodies still framed)
 
     // The body with the chunked transfer coding removed; false when malformed.
     bool dechunk(std::string& out) const;

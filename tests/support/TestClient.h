@@ -99,6 +99,6 @@ private:
     int m_fd = -1;
 };
 
-} // namespace nettest
+}  // namespace nettest
 
 #endif

@@ -61,8 +61,8 @@ ReadResult ReadKey(const char* path, unsigned char key[kKeySize])
     // Exactly the key's size: a truncated or padded file is a damaged key,
     // never something to guess a key from.
     struct stat info;
-    const bool ok = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size == kKeySize &&
-                    ReadAll(fd, key, kKeySize);
+    const bool ok =
+        fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size == kKeySize && ReadAll(fd, key, kKeySize);
     close(fd);
     return ok ? ReadResult::kOk : ReadResult::kBad;
 }
@@ -121,12 +121,9 @@ int PublishNewKey(const char* path)
 int LoadOrCreateKey(const char* path, unsigned char key[kKeySize])
 {
     switch (ReadKey(path, key)) {
-    case ReadResult::kOk:
-        return 0;
-    case ReadResult::kBad:
-        return IDENTIFY_E_KEY_FILE;
-    case ReadResult::kMissing:
-        break;
+    case ReadResult::kOk: return 0;
+    case ReadResult::kBad: return IDENTIFY_E_KEY_FILE;
+    case ReadResult::kMissing: break;
     }
     const int published = PublishNewKey(path);
     if (published != 0) {

@@ -43,14 +43,17 @@ void advance(iovec* iov, int& first, int count, size_t sent)
     }
 }
 
-} // namespace
+}  // namespace
 
 Connection::Connection(int fd, uint64_t id, int sendTimeoutMs, std::shared_ptr<LoopMailbox> mailbox)
     : m_fd(fd), m_id(id), m_sendTimeoutMs(sendTimeoutMs), m_mailbox(std::move(mailbox))
 {
 }
 
-Connection::~Connection() { ::close(m_fd); }
+Connection::~Connection()
+{
+    ::close(m_fd);
+}
 
 bool Connection::end(End reason)
 {
@@ -71,9 +74,7 @@ bool Connection::end(End reason)
         shutdown(m_fd, SHUT_RDWR);
         break;
     }
-    default:
-        shutdown(m_fd, SHUT_RDWR);
-        break;
+    default: shutdown(m_fd, SHUT_RDWR); break;
     }
     return true;
 }
@@ -117,12 +118,10 @@ int Connection::stage(int kind, const char* name, int nameLength, const void* va
         if (error != NET_ERR_NONE || milliseconds < 0) {
             return NET_ERR_PARAM;
         }
-        m_stage.setSendTimeout(milliseconds); // 0: write what the socket takes now, never wait
+        m_stage.setSendTimeout(milliseconds);  // 0: write what the socket takes now, never wait
         return NET_ERR_NONE;
     }
-    case NET_HTTPSERVER_PARAM_STREAM:
-        m_stage.setStreamed();
-        return NET_ERR_NONE;
+    case NET_HTTPSERVER_PARAM_STREAM: m_stage.setStreamed(); return NET_ERR_NONE;
     case NET_HTTPSERVER_PARAM_HEADER:
         if (name == nullptr || nameLength <= 0 || valueLength < 0 || (value == nullptr && valueLength > 0)) {
             return NET_ERR_PARAM;
@@ -132,8 +131,7 @@ int Connection::stage(int kind, const char* name, int nameLength, const void* va
                                  static_cast<size_t>(valueLength))
                    ? NET_ERR_NONE
                    : NET_ERR_PARAM;
-    default:
-        return NET_ERR_PARAM;
+    default: return NET_ERR_PARAM;
     }
 }
 
@@ -176,11 +174,8 @@ int Connection::reply(int& bodyBytesWritten)
     const SendResult result = sendAll(iov, count, headLength, timeoutMs);
     m_bodySent += static_cast<int64_t>(result.bodyBytes);
     switch (result.status) {
-    case SendStatus::Ended:
-        return NET_ERR_CLOSED;
-    case SendStatus::Broken:
-        endAndNotify(End::Broken);
-        return NET_ERR_CLOSED;
+    case SendStatus::Ended: return NET_ERR_CLOSED;
+    case SendStatus::Broken: endAndNotify(End::Broken); return NET_ERR_CLOSED;
     case SendStatus::TimedOut:
         if (result.headLeft > 0) {
             // A head cut short leaves the client nothing it could use.
@@ -188,8 +183,7 @@ int Connection::reply(int& bodyBytesWritten)
             return NET_ERR_CLOSED;
         }
         break;
-    case SendStatus::Done:
-        break;
+    case SendStatus::Done: break;
     }
     if (m_announcedLength != ReplyStage::kUnknownLength && m_bodySent == m_announcedLength) {
         endAndNotify(End::Completed);
@@ -243,4 +237,4 @@ Connection::SendResult Connection::sendAll(iovec* iov, int count, size_t headLen
     return result;
 }
 
-} // namespace netutils
+}  // namespace netutils

@@ -32,12 +32,12 @@ public:
     /* Why a connection ended; the first reason wins. */
     enum class End : int {
         Open = 0,
-        Completed,    // the reply reached the length its head announced
-        ClientGone,   // the client closed or reset the connection
-        Broken,       // a send failed, or the head could not be sent in time
-        Closed,       // the owner released the handle and let the written bytes drain
-        Aborted,      // the owner released the handle without draining
-        ListenerGone, // the listener was destroyed
+        Completed,     // the reply reached the length its head announced
+        ClientGone,    // the client closed or reset the connection
+        Broken,        // a send failed, or the head could not be sent in time
+        Closed,        // the owner released the handle and let the written bytes drain
+        Aborted,       // the owner released the handle without draining
+        ListenerGone,  // the listener was destroyed
     };
 
     Connection(int fd, uint64_t id, int sendTimeoutMs, std::shared_ptr<LoopMailbox> mailbox);
@@ -66,8 +66,8 @@ private:
     enum class SendStatus { Done, TimedOut, Broken, Ended };
     struct SendResult {
         SendStatus status;
-        size_t headLeft;  // bytes of the head not yet sent
-        size_t bodyBytes; // body bytes sent
+        size_t headLeft;   // bytes of the head not yet sent
+        size_t bodyBytes;  // body bytes sent
     };
 
     SendResult sendAll(iovec* iov, int count, size_t headLength, int timeoutMs);
@@ -76,7 +76,7 @@ private:
 
     const int m_fd;
     const uint64_t m_id;
-    const int m_sendTimeoutMs; // the listener's default
+    const int m_sendTimeoutMs;  // the listener's default
     const std::shared_ptr<LoopMailbox> m_mailbox;
     std::unique_ptr<RequestParser> m_request;
 
@@ -94,6 +94,6 @@ private:
     int64_t m_bodySent = 0;
 };
 
-} // namespace netutils
+}  // namespace netutils
 
 #endif

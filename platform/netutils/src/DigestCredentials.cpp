@@ -11,7 +11,7 @@ namespace {
 
 struct Field {
     const char* key;
-    size_t offset; // in the request parameter block
+    size_t offset;  // in the request parameter block
     size_t size;
 };
 
@@ -24,7 +24,10 @@ const Field kFields[] = {
     {"response", offsetof(NET_HTTPSERVER_REQUEST_PARAM, szResponse), sizeof(NET_HTTPSERVER_REQUEST_PARAM::szResponse)},
 };
 
-bool isSpace(char c) { return c == ' ' || c == '\t'; }
+bool isSpace(char c)
+{
+    return c == ' ' || c == '\t';
+}
 
 class Cursor {
 public:
@@ -60,7 +63,7 @@ public:
             ++m_pos;
         }
         if (!atEnd()) {
-            ++m_pos; // closing quote
+            ++m_pos;  // closing quote
         }
         return value;
     }
@@ -101,7 +104,7 @@ void store(const std::string& key, const std::string& value, bool (&seen)[sizeof
     }
 }
 
-} // namespace
+}  // namespace
 
 void parseDigestCredentials(const std::string& authorization, NET_HTTPSERVER_REQUEST_PARAM& block)
 {
@@ -121,9 +124,9 @@ void parseDigestCredentials(const std::string& authorization, NET_HTTPSERVER_REQ
         cursor.skipSpaces();
         if (cursor.atEnd() || cursor.peek() != '=') {
             if (key.empty() && !cursor.atEnd()) {
-                cursor.skip(); // a stray character: step over it
+                cursor.skip();  // a stray character: step over it
             }
-            continue; // an item without a value carries nothing we need
+            continue;  // an item without a value carries nothing we need
         }
         cursor.skip();
         cursor.skipSpaces();
@@ -138,4 +141,4 @@ void parseDigestCredentials(const std::string& authorization, NET_HTTPSERVER_REQ
     }
 }
 
-} // namespace netutils
+}  // namespace netutils

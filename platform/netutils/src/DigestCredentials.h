@@ -15,6 +15,6 @@ namespace netutils {
  * a value of another scheme changes nothing. */
 void parseDigestCredentials(const std::string& authorization, NET_HTTPSERVER_REQUEST_PARAM& block);
 
-} // namespace netutils
+}  // namespace netutils
 
 #endif

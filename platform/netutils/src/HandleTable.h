@@ -23,7 +23,8 @@ class HandleTable {
 public:
     /* lastHandle lets a test reach the wrap-around without two billion insertions. */
     explicit HandleTable(int firstHandle = 1, int lastHandle = INT_MAX)
-        : m_last(lastHandle > 0 ? lastHandle : INT_MAX), m_next(firstHandle > 0 && firstHandle <= m_last ? firstHandle : 1)
+        : m_last(lastHandle > 0 ? lastHandle : INT_MAX),
+          m_next(firstHandle > 0 && firstHandle <= m_last ? firstHandle : 1)
     {
     }
     HandleTable(const HandleTable&) = delete;
@@ -85,11 +86,11 @@ public:
 
 private:
     const int m_last;
-    mutable std::shared_mutex m_mutex; // guards m_items and m_next
+    mutable std::shared_mutex m_mutex;  // guards m_items and m_next
     std::unordered_map<int, std::shared_ptr<T>> m_items;
     int m_next;
 };
 
-} // namespace netutils
+}  // namespace netutils
 
 #endif

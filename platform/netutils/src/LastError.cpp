@@ -6,9 +6,12 @@ namespace {
 // Kept until the next failure of the same thread: callers read it after a -1, possibly
 // after other successful calls in between.
 thread_local int t_lastError = 0;
-} // namespace
+}  // namespace
 
-int lastError() { return t_lastError; }
+int lastError()
+{
+    return t_lastError;
+}
 
 int fail(int error)
 {
@@ -16,4 +19,4 @@ int fail(int error)
     return -1;
 }
 
-} // namespace netutils
+}  // namespace netutils

@@ -11,6 +11,6 @@ int lastError();
 /* Records `error` for the calling thread and returns -1, the failure result of every API call. */
 int fail(int error);
 
-} // namespace netutils
+}  // namespace netutils
 
 #endif

@@ -41,7 +41,7 @@ void sendSmall(int fd, const char* text, size_t length)
     (void)sent;
 }
 
-} // namespace
+}  // namespace
 
 std::unique_ptr<Listener> Listener::start(const NET_HTTPSERVER_LISTEN_PARAM& param, ConnectionTable& handles,
                                           int& error)
@@ -110,7 +110,7 @@ int Listener::open(const NET_HTTPSERVER_LISTEN_PARAM& param)
         return NET_ERR_SOCKET;
     }
     const int on = 1;
-    setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)); // restart while old connections linger
+    setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));  // restart while old connections linger
     if (bind(m_listenFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         listen(m_listenFd, SOMAXCONN) != 0) {
         return NET_ERR_SOCKET;
@@ -216,7 +216,7 @@ void Listener::acceptAll()
         try {
             connection = std::make_shared<Connection>(fd, id, m_sendTimeoutMs, m_mailbox);
         } catch (const std::bad_alloc&) {
-            ::close(fd); // the connection was never made, so the descriptor is still ours
+            ::close(fd);  // the connection was never made, so the descriptor is still ours
             continue;
         }
         // From here on the connection owns the descriptor and closes it with its last reference.
@@ -243,14 +243,12 @@ void Listener::onConnectionEvent(uint64_t id, uint32_t events)
 {
     auto it = m_entries.find(id);
     if (it == m_entries.end()) {
-        return; // removed earlier in the same batch of events
+        return;  // removed earlier in the same batch of events
     }
     Entry& entry = it->second;
     try {
         switch (entry.phase) {
-        case Phase::Reading:
-            readRequest(id, entry);
-            break;
+        case Phase::Reading: readRequest(id, entry); break;
         case Phase::Reported:
             if (!discardInput(entry) || (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
                 entry.connection->end(Connection::End::ClientGone);
@@ -280,18 +278,10 @@ void Listener::readRequest(uint64_t id, Entry& entry)
         const ssize_t got = recv(fd, m_readBuffer, sizeof(m_readBuffer), 0);
         if (got > 0) {
             switch (entry.parser->feed(m_readBuffer, static_cast<size_t>(got))) {
-            case RequestParser::Result::Complete:
-                publish(id, entry);
-                return;
-            case RequestParser::Result::BadRequest:
-                refuse(id, entry, 400);
-                return;
-            case RequestParser::Result::TooLarge:
-                refuse(id, entry, 413);
-                return;
-            case RequestParser::Result::MethodNotAllowed:
-                refuse(id, entry, 405);
-                return;
+            case RequestParser::Result::Complete: publish(id, entry); return;
+            case RequestParser::Result::BadRequest: refuse(id, entry, 400); return;
+            case RequestParser::Result::TooLarge: refuse(id, entry, 413); return;
+            case RequestParser::Result::MethodNotAllowed: refuse(id, entry, 405); return;
             case RequestParser::Result::Incomplete:
                 if (entry.parser->takeContinueRequest()) {
                     static const char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
@@ -340,9 +330,9 @@ void Listener::refuse(uint64_t id, Entry& entry, int status)
     char reply[192];
     const char* phrase = status == 413 ? "Payload Too Large" : status == 405 ? "Method Not Allowed" : "Bad Request";
     const char* allow = status == 405 ? "Allow: GET, PUT, POST, DELETE\r\n" : "";
-    const int length = snprintf(reply, sizeof(reply),
-                                "HTTP/1.1 %d %s\r\n%sConnection: close\r\nContent-Length: 0\r\n\r\n", status, phrase,
-                                allow);
+    const int length =
+        snprintf(reply, sizeof(reply), "HTTP/1.1 %d %s\r\n%sConnection: close\r\nContent-Length: 0\r\n\r\n", status,
+                 phrase, allow);
     sendSmall(entry.connection->fd(), reply, static_cast<size_t>(length));
     entry.connection->end(Connection::End::Completed);
     entry.parser.reset();
@@ -354,7 +344,7 @@ bool Listener::discardInput(Entry& entry)
     for (int i = 0; i < kMaxDiscardReads; ++i) {
         const ssize_t got = recv(entry.connection->fd(), m_readBuffer, sizeof(m_readBuffer), 0);
         if (got > 0) {
-            continue; // one request per connection: whatever follows it is dropped
+            continue;  // one request per connection: whatever follows it is dropped
         }
         if (got < 0 && errno == EINTR) {
             continue;
@@ -370,7 +360,7 @@ void Listener::onNotes()
     for (const LoopMailbox::Note& note : m_notes) {
         auto it = m_entries.find(note.connectionId);
         if (it == m_entries.end()) {
-            continue; // already gone, and its end already reported
+            continue;  // already gone, and its end already reported
         }
         Entry& entry = it->second;
         reportEnd(entry);
@@ -459,4 +449,4 @@ void Listener::shutdownAll()
     m_deadlines.clear();
 }
 
-} // namespace netutils
+}  // namespace netutils

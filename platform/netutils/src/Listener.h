@@ -50,14 +50,14 @@ private:
     using Clock = std::chrono::steady_clock;
 
     enum class Phase {
-        Reading,   // the request is not whole yet; nobody knows the connection
-        Reported,  // the owner has the handle; watched for the client's hang-up
-        Lingering, // the last reply is out; input is read and dropped until the client closes
+        Reading,    // the request is not whole yet; nobody knows the connection
+        Reported,   // the owner has the handle; watched for the client's hang-up
+        Lingering,  // the last reply is out; input is read and dropped until the client closes
     };
 
     struct Entry {
         std::shared_ptr<Connection> connection;
-        std::unique_ptr<RequestParser> parser; // while Reading
+        std::unique_ptr<RequestParser> parser;  // while Reading
         Phase phase = Phase::Reading;
         bool hasDeadline = false;
         Clock::time_point deadline;
@@ -109,6 +109,6 @@ private:
     char m_readBuffer[16 * 1024];
 };
 
-} // namespace netutils
+}  // namespace netutils
 
 #endif

@@ -5,7 +5,9 @@
 
 namespace netutils {
 
-LoopMailbox::LoopMailbox() : m_eventFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+LoopMailbox::LoopMailbox() : m_eventFd(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC))
+{
+}
 
 LoopMailbox::~LoopMailbox()
 {
@@ -38,7 +40,7 @@ void LoopMailbox::takeAll(std::vector<Note>& out)
 {
     uint64_t count = 0;
     ssize_t got = ::read(m_eventFd, &count, sizeof(count));
-    (void)got; // nothing to read is fine: the notes below are what matters
+    (void)got;  // nothing to read is fine: the notes below are what matters
     std::lock_guard<std::mutex> lock(m_mutex);
     out.swap(m_notes);
     m_notes.clear();
@@ -51,4 +53,4 @@ void LoopMailbox::close()
     m_notes.clear();
 }
 
-} // namespace netutils
+}  // namespace netutils

@@ -42,12 +42,12 @@ public:
     void close();
 
 private:
-    std::mutex m_mutex; // guards m_notes and m_open
+    std::mutex m_mutex;  // guards m_notes and m_open
     std::vector<Note> m_notes;
     bool m_open = true;
     const int m_eventFd;
 };
 
-} // namespace netutils
+}  // namespace netutils
 
 #endif

@@ -26,7 +26,7 @@ using netutils::Listener;
 namespace {
 
 struct Library {
-    std::mutex mutex; // guards every field but `handles`, which has its own lock
+    std::mutex mutex;  // guards every field but `handles`, which has its own lock
     int initCount = 0;
     long nextListenHandle = 1;
     std::map<long, std::unique_ptr<Listener>> listeners;
@@ -87,7 +87,7 @@ int copyRequestParam(const Connection& connection, void* buffer, int size)
     return 0;
 }
 
-} // namespace
+}  // namespace
 
 extern "C" {
 
@@ -100,14 +100,9 @@ int NET_UTILS_SetSDKInitCfg(int type, const void* value)
         Library& lib = library();
         std::lock_guard<std::mutex> lock(lib.mutex);
         switch (type) {
-        case NET_SDK_CFG_CRYPTO_PATH:
-            lib.cryptoPath = static_cast<const char*>(value);
-            return 0;
-        case NET_SDK_CFG_SSL_PATH:
-            lib.sslPath = static_cast<const char*>(value);
-            return 0;
-        default:
-            return fail(NET_ERR_PARAM);
+        case NET_SDK_CFG_CRYPTO_PATH: lib.cryptoPath = static_cast<const char*>(value); return 0;
+        case NET_SDK_CFG_SSL_PATH: lib.sslPath = static_cast<const char*>(value); return 0;
+        default: return fail(NET_ERR_PARAM);
         }
     });
 }
@@ -134,7 +129,7 @@ int NET_UTILS_Fini(void)
             if (lib.initCount == 1) {
                 for (const auto& item : lib.listeners) {
                     if (item.second->runsOnCallerThread()) {
-                        return fail(NET_ERR_PARAM); // a callback cannot join its own thread
+                        return fail(NET_ERR_PARAM);  // a callback cannot join its own thread
                     }
                 }
                 listeners.swap(lib.listeners);
@@ -155,7 +150,10 @@ int NET_UTILS_Fini(void)
     });
 }
 
-int NET_UTILS_GetLastError(void) { return netutils::lastError(); }
+int NET_UTILS_GetLastError(void)
+{
+    return netutils::lastError();
+}
 
 long NET_HTTPSERVER_CreateListen(const NET_HTTPSERVER_LISTEN_PARAM* param)
 {
@@ -191,7 +189,7 @@ int NET_HTTPSERVER_DestroyListen(long listenHandle)
                 return fail(NET_ERR_HANDLE);
             }
             if (it->second->runsOnCallerThread()) {
-                return fail(NET_ERR_PARAM); // a callback cannot join its own thread
+                return fail(NET_ERR_PARAM);  // a callback cannot join its own thread
             }
             listener = std::move(it->second);
             lib.listeners.erase(it);
@@ -226,17 +224,13 @@ int NET_HTTPSERVER_GetParamV2(int handle, int type, int subType, const char* nam
     // path (which closes the handle) runs. Failing here made owners give up
     // before learning the handle, and such handles were never closed.
     switch (subType) {
-    case NET_HTTPSERVER_SUB_PARAMS:
-        return copyRequestParam(*connection, buffer, size);
-    case NET_HTTPSERVER_SUB_HEADER:
-        return copyHeader(*connection, name, nameLength, buffer, size);
-    default:
-        return fail(NET_ERR_PARAM);
+    case NET_HTTPSERVER_SUB_PARAMS: return copyRequestParam(*connection, buffer, size);
+    case NET_HTTPSERVER_SUB_HEADER: return copyHeader(*connection, name, nameLength, buffer, size);
+    default: return fail(NET_ERR_PARAM);
     }
 }
 
-int NET_HTTPSERVER_SetParam(int handle, int kind, const char* name, int nameLength, const void* value,
-                            int valueLength)
+int NET_HTTPSERVER_SetParam(int handle, int kind, const char* name, int nameLength, const void* value, int valueLength)
 {
     return guarded([&]() -> int {
         std::shared_ptr<Connection> connection = library().handles.find(handle);
@@ -250,14 +244,14 @@ int NET_HTTPSERVER_SetParam(int handle, int kind, const char* name, int nameLeng
 
 int NET_HTTPSERVER_Reply(int handle, int flags)
 {
-    (void)flags; // no flags are defined; 0 is what every caller passes
+    (void)flags;  // no flags are defined; 0 is what every caller passes
     return guarded([&]() -> int {
         std::shared_ptr<Connection> connection = library().handles.find(handle);
         if (!connection) {
             return fail(NET_ERR_HANDLE);
         }
         int written = 0;
-        const int error = connection->reply(written); // allocates only for the first head
+        const int error = connection->reply(written);  // allocates only for the first head
         return error == NET_ERR_NONE ? written : fail(error);
     });
 }
@@ -266,7 +260,7 @@ int NET_HTTPSERVER_Close(int handle, int flush)
 {
     std::shared_ptr<Connection> connection = library().handles.remove(handle);
     if (!connection) {
-        return fail(NET_ERR_HANDLE); // harmless: closed before, or never given out
+        return fail(NET_ERR_HANDLE);  // harmless: closed before, or never given out
     }
     // A Reply still running on another thread holds its own reference and returns -1;
     // the socket closes when the last reference goes.
@@ -274,4 +268,4 @@ int NET_HTTPSERVER_Close(int handle, int flush)
     return 0;
 }
 
-} // extern "C"
+}  // extern "C"

@@ -58,7 +58,7 @@ int64_t parseLength(const char* text, size_t length)
     return (digits > 0 && i == length) ? value : ReplyStage::kUnknownLength;
 }
 
-} // namespace
+}  // namespace
 
 const char* reasonPhrase(int status)
 {
@@ -103,7 +103,7 @@ const char* reasonPhrase(int status)
     case 503: return "Service Unavailable";
     case 504: return "Gateway Timeout";
     case 505: return "HTTP Version Not Supported";
-    default: return ""; // an empty reason phrase is valid HTTP
+    default: return "";  // an empty reason phrase is valid HTTP
     }
 }
 
@@ -191,4 +191,4 @@ int64_t ReplyStage::announcedLength() const
     return m_streamed ? kUnknownLength : static_cast<int64_t>(m_bodyLength);
 }
 
-} // namespace netutils
+}  // namespace netutils

@@ -52,9 +52,9 @@ public:
 
 private:
     int m_status = 200;
-    std::string m_headers; // "Name: value\r\n" lines
+    std::string m_headers;  // "Name: value\r\n" lines
     bool m_contentLengthStaged = false;
-    int64_t m_stagedContentLength = kUnknownLength; // kUnknownLength when not a plain number
+    int64_t m_stagedContentLength = kUnknownLength;  // kUnknownLength when not a plain number
     bool m_transferEncodingStaged = false;
     bool m_streamed = false;
     int m_sendTimeoutMs = -1;
@@ -63,6 +63,6 @@ private:
     size_t m_bodyLength = 0;
 };
 
-} // namespace netutils
+}  // namespace netutils
 
 #endif

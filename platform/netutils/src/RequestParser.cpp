@@ -22,16 +22,11 @@ RequestParser::Result resultOf(http_errno error)
 int methodCodeOf(unsigned method)
 {
     switch (method) {
-    case HTTP_GET:
-        return NET_HTTP_METHOD_GET;
-    case HTTP_PUT:
-        return NET_HTTP_METHOD_PUT;
-    case HTTP_POST:
-        return NET_HTTP_METHOD_POST;
-    case HTTP_DELETE:
-        return NET_HTTP_METHOD_DELETE;
-    default:
-        return NET_HTTP_METHOD_OTHER;
+    case HTTP_GET: return NET_HTTP_METHOD_GET;
+    case HTTP_PUT: return NET_HTTP_METHOD_PUT;
+    case HTTP_POST: return NET_HTTP_METHOD_POST;
+    case HTTP_DELETE: return NET_HTTP_METHOD_DELETE;
+    default: return NET_HTTP_METHOD_OTHER;
     }
 }
 
@@ -47,7 +42,7 @@ void copyCut(char* field, size_t fieldSize, const std::string& value)
     field[length] = '\0';
 }
 
-} // namespace
+}  // namespace
 
 RequestParser::RequestParser()
 {
@@ -84,7 +79,7 @@ RequestParser::Result RequestParser::feed(const char* data, size_t length)
     const size_t consumed = http_parser_execute(&m_parser, &settings(), data, length);
     m_chunk = nullptr;
     if (m_result != Result::Incomplete) {
-        return m_result; // decided by a callback: complete, or over a limit
+        return m_result;  // decided by a callback: complete, or over a limit
     }
     if (HTTP_PARSER_ERRNO(&m_parser) != HPE_OK) {
         return m_result = resultOf(HTTP_PARSER_ERRNO(&m_parser));
@@ -113,7 +108,7 @@ bool RequestParser::takeContinueRequest()
 int RequestParser::stop(Result result)
 {
     m_result = result;
-    return -1; // any non-zero result stops http-parser at once
+    return -1;  // any non-zero result stops http-parser at once
 }
 
 int RequestParser::scanRequestLine(const char* data, size_t length)
@@ -205,7 +200,7 @@ int RequestParser::onHeadersComplete(http_parser* parser)
     self->m_methodCode = methodCodeOf(parser->method);
     const bool chunked = (parser->flags & F_CHUNKED) != 0;
     if (!chunked && parser->content_length != ULLONG_MAX && parser->content_length > kMaxBody) {
-        return self->stop(Result::TooLarge); // refuse before the client sends it
+        return self->stop(Result::TooLarge);  // refuse before the client sends it
     }
     const std::string* expect = self->findHeader("Expect", 6);
     if (expect != nullptr && equalsIgnoreCase(*expect, "100-continue") &&
@@ -219,7 +214,7 @@ int RequestParser::onBody(http_parser* parser, const char* at, size_t length)
 {
     auto* self = static_cast<RequestParser*>(parser->data);
     if (self->m_body.size() + length > kMaxBody) {
-        return self->stop(Result::TooLarge); // a chunked body has no announced length to check first
+        return self->stop(Result::TooLarge);  // a chunked body has no announced length to check first
     }
     self->m_body.append(at, length);
     return 0;
@@ -252,4 +247,4 @@ void RequestParser::fillRequestParam(NET_HTTPSERVER_REQUEST_PARAM& block) const
     }
 }
 
-} // namespace netutils
+}  // namespace netutils

@@ -21,17 +21,17 @@
 namespace netutils {
 
 /* A request beyond these limits is refused with 413 before it reaches the owner. */
-constexpr size_t kMaxRequestLine = 8 * 1024; // method, target and version, without CR LF
-constexpr size_t kMaxHeaderBlock = 8 * 1024; // every header line with its CR LF, and the empty line
+constexpr size_t kMaxRequestLine = 8 * 1024;  // method, target and version, without CR LF
+constexpr size_t kMaxHeaderBlock = 8 * 1024;  // every header line with its CR LF, and the empty line
 constexpr size_t kMaxBody = 1024 * 1024;
 
 class RequestParser {
 public:
     enum class Result {
-        Incomplete, // more bytes are needed
-        Complete,   // a whole request was read; later bytes are ignored
-        BadRequest, // malformed: answer 400
-        TooLarge,   // over a limit: answer 413
+        Incomplete,        // more bytes are needed
+        Complete,          // a whole request was read; later bytes are ignored
+        BadRequest,        // malformed: answer 400
+        TooLarge,          // over a limit: answer 413
         MethodNotAllowed,  // not GET, PUT, POST or DELETE: answer 405 as soon as the request line is read
     };
 
@@ -73,15 +73,15 @@ private:
 
     http_parser m_parser;
     Result m_result = Result::Incomplete;
-    size_t m_fedBefore = 0;         // bytes consumed by earlier feeds
-    const char* m_chunk = nullptr;  // start of the bytes being fed
-    bool m_requestLineStarted = false; // a byte other than CR and LF was seen
-    bool m_requestLineDone = false;    // its LF was seen
-    size_t m_headerStart = 0;       // stream offset behind the request line's LF
+    size_t m_fedBefore = 0;             // bytes consumed by earlier feeds
+    const char* m_chunk = nullptr;      // start of the bytes being fed
+    bool m_requestLineStarted = false;  // a byte other than CR and LF was seen
+    bool m_requestLineDone = false;     // its LF was seen
+    size_t m_headerStart = 0;           // stream offset behind the request line's LF
     bool m_headersDone = false;
-    bool m_inHeaderValue = false;   // http-parser may split a name or a value over several calls
-    size_t m_fieldEnd = 0;          // stream offset just behind the last name bytes seen
-    size_t m_valueEnd = 0;          // stream offset just behind the last value bytes seen
+    bool m_inHeaderValue = false;  // http-parser may split a name or a value over several calls
+    size_t m_fieldEnd = 0;         // stream offset just behind the last name bytes seen
+    size_t m_valueEnd = 0;         // stream offset just behind the last value bytes seen
     bool m_continuePending = false;
 
     std::string m_url;
@@ -90,6 +90,6 @@ private:
     std::string m_body;
 };
 
-} // namespace netutils
+}  // namespace netutils
 
 #endif

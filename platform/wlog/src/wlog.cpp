@@ -28,7 +28,7 @@ struct Output {
     void* user = nullptr;
 };
 
-std::atomic<int> g_level{-1};   // -1 until the environment was read
+std::atomic<int> g_level{-1};  // -1 until the environment was read
 std::atomic<int> g_fd{-1};
 // Held shared while a host's output function runs, so that once wlog_set_output
 // returns the previous function is never called again.
@@ -105,9 +105,9 @@ void writeLine(int level, const char* module, const char* text)
     gettimeofday(&now, nullptr);
     struct tm local;
     localtime_r(&now.tv_sec, &local);
-    int length = snprintf(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d.%06ld %-5s %s %s\n",
-                          local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
-                          local.tm_sec, (long)now.tv_usec, levelName(level), module ? module : "-", text);
+    int length = snprintf(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d.%06ld %-5s %s %s\n", local.tm_year + 1900,
+                          local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, (long)now.tv_usec,
+                          levelName(level), module ? module : "-", text);
     if (length < 0) {
         return;
     }

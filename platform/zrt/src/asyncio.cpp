@@ -219,8 +219,7 @@ ZRT_INT32 ZRT_AsyncIO_SendToEx(int sock, const char* buf, int len, void* context
     return postOperation(sock, OpKind::Send, const_cast<char*>(buf), len, context, cb, to, nullptr);
 }
 
-ZRT_INT32 ZRT_AsyncIO_RecvFromEx(int sock, char* buf, int len, void* context, ZRT_ADDR_T* from,
-                                 ZRT_ASYNCIO_CALLBACK cb)
+ZRT_INT32 ZRT_AsyncIO_RecvFromEx(int sock, char* buf, int len, void* context, ZRT_ADDR_T* from, ZRT_ASYNCIO_CALLBACK cb)
 {
     return postOperation(sock, OpKind::Recv, buf, len, context, cb, nullptr, from);
 }

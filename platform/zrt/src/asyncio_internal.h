@@ -45,7 +45,7 @@ struct AsyncOp {
     void* context = nullptr;
     ZRT_ASYNCIO_CALLBACK callback = nullptr;
     bool hasTo = false;
-    ZRT_ADDR_T to{};            // copied at posting, so the caller's address may go away
+    ZRT_ADDR_T to{};             // copied at posting, so the caller's address may go away
     ZRT_ADDR_T* from = nullptr;  // caller's, filled before the callback runs
     unsigned long error = 0;
     unsigned long bytes = 0;

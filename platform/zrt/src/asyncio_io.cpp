@@ -32,8 +32,8 @@ ssize_t readOnce(AsyncHandle* handle, AsyncOp* op)
     }
     ZRT_ADDR_T peer{};
     socklen_t length = sizeof peer;
-    ssize_t got = recvfrom(handle->sock, op->buffer, (size_t)op->length, 0, reinterpret_cast<struct sockaddr*>(&peer),
-                           &length);
+    ssize_t got =
+        recvfrom(handle->sock, op->buffer, (size_t)op->length, 0, reinterpret_cast<struct sockaddr*>(&peer), &length);
     // A connected stream socket reports no address; leave the caller's alone then.
     if (got >= 0 && length > 0) {
         *op->from = peer;

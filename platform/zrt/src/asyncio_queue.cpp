@@ -42,7 +42,7 @@ constexpr int kPollBatch = 128;
 constexpr int kDispatchBatch = 16;
 constexpr uint64_t kWakeTag = ~(uint64_t)0;  // epoll tag of the eventfd; sockets use their number
 
-thread_local AsyncQueue* t_queue = nullptr;                // queue whose thread this is
+thread_local AsyncQueue* t_queue = nullptr;               // queue whose thread this is
 thread_local const AsyncHandle* t_dispatching = nullptr;  // socket whose callback runs here
 
 // Caller holds queue->readyLock.
@@ -123,9 +123,8 @@ void* completionThread(void* arg)
         AsyncOp* loose = nullptr;
         {
             std::unique_lock<std::mutex> lock(queue->readyLock);
-            queue->readyCv.wait(lock, [queue] {
-                return queue->stopping || queue->readyHead != nullptr || !queue->loose.empty();
-            });
+            queue->readyCv.wait(
+                lock, [queue] { return queue->stopping || queue->readyHead != nullptr || !queue->loose.empty(); });
             if (queue->stopping) {
                 break;
             }

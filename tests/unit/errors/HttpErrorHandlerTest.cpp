@@ -54,9 +54,10 @@ TEST(ResponseStatusJSON, DocumentTextsAreTheFastWriterForm)
     EXPECT_EQ(kSuccessJSON, handler.getJSONResponseStatus(0));
     EXPECT_EQ(kSuccessJSON, handler.getJSONResponseStatus(1));
     EXPECT_EQ(kSuccessJSON, handler.getJSONSuccess());
-    EXPECT_EQ("{\"errorCode\":1073782784,\"errorMsg\":\"\",\"statusCode\":4,\"statusString\":\"Invalid "
-              "Operation\",\"subStatusCode\":\"badAuthorization\"}\n",
-              handler.getJSONResponseStatus(0x4000A000));
+    EXPECT_EQ(
+        "{\"errorCode\":1073782784,\"errorMsg\":\"\",\"statusCode\":4,\"statusString\":\"Invalid "
+        "Operation\",\"subStatusCode\":\"badAuthorization\"}\n",
+        handler.getJSONResponseStatus(0x4000A000));
     EXPECT_EQ("null\n", handler.getJSONResponseStatus(0x4FFFFFFF));
 
     // A given document keeps its text only with an integer "errorCode".
@@ -95,7 +96,8 @@ TEST(ResponseStatusJSON, RepliesTakeTheStatusLookupAndFallBackToInternalError)
     expectInternalError(CHttpErrorHandler::buildJSONReplyFromText(std::string(5000, '[') + std::string(5000, ']')));
 
     // Comments are accepted; the reply is the document as the fast writer writes it.
-    reply = CHttpErrorHandler::buildJSONReplyFromText("// note\n{ \"subStatusCode\" : \"x\", \"errorCode\" : 1342177281 }");
+    reply =
+        CHttpErrorHandler::buildJSONReplyFromText("// note\n{ \"subStatusCode\" : \"x\", \"errorCode\" : 1342177281 }");
     EXPECT_EQ("{\"errorCode\":1342177281,\"subStatusCode\":\"x\"}\n", reply.strBody);
     EXPECT_EQ(400, reply.iHttpStatus);
     // An integer code outside the groups keeps the document and answers 500.
@@ -108,9 +110,10 @@ TEST(ResponseStatusJSON, ExtraMemberFormTakesTheGroupStatus)
 {
     tagRESPONSE_STATUS_REPLY reply = CHttpErrorHandler::buildJSONReplyWithExtra(0x40000003, "sessionId", "12345");
     EXPECT_STREQ("application/json", reply.pContentType);
-    EXPECT_EQ("{\"errorCode\":1073741827,\"errorMsg\":\"Authentication failed.\",\"sessionId\":\"12345\","
-              "\"statusCode\":4,\"statusString\":\"Invalid Operation\",\"subStatusCode\":\"badAuthorization\"}\n",
-              reply.strBody);
+    EXPECT_EQ(
+        "{\"errorCode\":1073741827,\"errorMsg\":\"Authentication failed.\",\"sessionId\":\"12345\","
+        "\"statusCode\":4,\"statusString\":\"Invalid Operation\",\"subStatusCode\":\"badAuthorization\"}\n",
+        reply.strBody);
     EXPECT_EQ(403, reply.iHttpStatus);
 }
 
@@ -139,7 +142,7 @@ TEST(ResponseStatusXML, DocumentCarriesURLAndGroupButNoNumber)
     // A number without a row is answered all the same, with an empty status.
     reply = CHttpErrorHandler::buildXMLReply(0x4FFFFFFF, "/x");
     EXPECT_EQ(200, reply.iHttpStatus);
-    EXPECT_EQ((std::vector<std::string>{"ResponseStatus version=2.0", "xmlns=urn:qumex:device-api:2.0",
-                                        "requestURL=/x", "statusCode=0", "statusString=", "subStatusCode="}),
+    EXPECT_EQ((std::vector<std::string>{"ResponseStatus version=2.0", "xmlns=urn:qumex:device-api:2.0", "requestURL=/x",
+                                        "statusCode=0", "statusString=", "subStatusCode="}),
               xmlStatusItems(reply.strBody));
 }

@@ -52,8 +52,8 @@ const QuotedRow kQuotedRows[] = {
     {7, 0x70000001, "rebootRequired", "Reboot device to take effect."},
 };
 
-const char* const kStatusStrings[] = {"OK", "Device Busy", "Device Error", "Invalid Operation",
-                                      "Invalid Format", "Content Error", "Reboot Required"};
+const char* const kStatusStrings[] = {
+    "OK", "Device Busy", "Device Error", "Invalid Operation", "Invalid Format", "Content Error", "Reboot Required"};
 const ZRT_UINT32 kGroupHttpStatus[] = {200, 503, 500, 403, 400, 400, 200};
 
 // The rule written above the row list.
@@ -133,7 +133,8 @@ TEST(RestErrorTable, IrregularRowsBehaveAsListed)
     EXPECT_TRUE(getDescByErrorNo(name, 0x4000102D) && name == "getAddedNodeInformationFailed") << name;
     EXPECT_STREQ("Failed to obtain the added node information.", rowInMap(4, 0x4000102D)->pErrorMsg);
     EXPECT_TRUE(getDescByErrorNo(name, 0x4000107E) &&
-                name == "mainAndBackupNodeCannotModifyManagementNetworkInterfaceIP") << name;
+                name == "mainAndBackupNodeCannotModifyManagementNetworkInterfaceIP")
+        << name;
     EXPECT_TRUE(getDescByErrorNo(name, 0x4000110D) && name == "cloudAnalysisExtractFeaturePointsFailed") << name;
     EXPECT_TRUE(getDescByErrorNo(name, 0x60000053) && name == "WANNotSupport") << name;
 

@@ -47,7 +47,7 @@ TEST(ServerUrl, QueryPortOverridesTheMapButNotTheStoredPort)
 TEST(ServerUrl, IntParametersReadMissingKeysAsZero)
 {
     ServerParams params{{"work_thread", "65536"}, {"sendTimeout", "70000"}};
-    EXPECT_EQ(CHttpServerWrapper::getIntParam(params, "work_thread") & 0xFFFF, 0);   // falls back to 20
+    EXPECT_EQ(CHttpServerWrapper::getIntParam(params, "work_thread") & 0xFFFF, 0);  // falls back to 20
     EXPECT_EQ(CHttpServerWrapper::getIntParam(params, "sendTimeout") & 0xFFFF, 4464);
     EXPECT_EQ(CHttpServerWrapper::getIntParam(params, "absent"), 0);
     EXPECT_EQ(params.count("absent"), 1u);  // the lookup inserts

@@ -47,8 +47,8 @@ TEST(DigestResponse, MatchesTheRfc2617AndRfc7616Examples)
                              "0a4f113b", "auth"),
               "6629fae49393a05397450978507c4ef1");
     ha1 = md5Hex("Mufasa:http-auth@example.org:Circle of Life");
-    EXPECT_EQ(digestResponse(ha1, "GET", "/dir/index.html", "7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v",
-                             "00000001", "f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ", "auth"),
+    EXPECT_EQ(digestResponse(ha1, "GET", "/dir/index.html", "7ypf/xlj9XXwfDPEoM4URrv/xwf94BcCAzFZH4GiTo0v", "00000001",
+                             "f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ", "auth"),
               "8ca523f5e9506fed4657c9700eebdbec");
 }
 
@@ -56,8 +56,8 @@ TEST(DigestCredentialsParsing, KeepsQuotedCommasAndEscapesAndRefusesBrokenText)
 {
     DigestCredentials credentials;
     std::string error;
-    ASSERT_TRUE(parseDigestCredentials("Digest USERNAME=\"a\\\"b\", uri=\"/x?a=1,b=2\",nc=00000001", credentials,
-                                       error))
+    ASSERT_TRUE(
+        parseDigestCredentials("Digest USERNAME=\"a\\\"b\", uri=\"/x?a=1,b=2\",nc=00000001", credentials, error))
         << error;
     EXPECT_EQ(credentials.get("username"), "a\"b");
     EXPECT_EQ(credentials.get("uri"), "/x?a=1,b=2");
@@ -119,8 +119,8 @@ TEST(PluginNonce, DecodesTheCreationTimeOfThePluginForm)
     EXPECT_EQ(encodePluginNonce(0x1a2b3c4d, 0x6955aab0), nonce);
 
     // Empty, odd length, not hex, Base64 of bytes without the ":" form, Base64 cut short.
-    for (const std::string& bad : {std::string(), std::string("4d5"), std::string("zz"), std::string("41414141"),
-                                   nonce.substr(0, 46)}) {
+    for (const std::string& bad :
+         {std::string(), std::string("4d5"), std::string("zz"), std::string("41414141"), nonce.substr(0, 46)}) {
         EXPECT_FALSE(decodePluginNonceTime(bad, createdAt)) << bad;
     }
 }
@@ -161,8 +161,8 @@ TEST(DigestReplay, EachCountOfANonceIsAcceptedOnce)
 TEST(DigestUri, TheResponseMustBeForTheRequestTheGatewaySees)
 {
     const std::string device = "e2e00000-0000-4000-8000-000000000001";
-    const std::string download = "rtsp://127.0.0.1:554/Streaming/download?starttime=1&endtime=2&devIndex=" + device +
-                                 "&clientIP=&username=admi";
+    const std::string download =
+        "rtsp://127.0.0.1:554/Streaming/download?starttime=1&endtime=2&devIndex=" + device + "&clientIP=&username=admi";
     const std::string talk = "/QUMEX/System/TwoWayAudio/channels/2?indexType=httpPort&httpPort=8080&clientIP=";
     struct Case {
         std::string digestUri;

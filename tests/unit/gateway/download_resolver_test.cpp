@@ -99,7 +99,7 @@ TEST(PlaybackUriParsing, TheForwardedClientChoosesNothing)
         {"203.0.113.7,%20127.0.0.2", "203.0.113.7", false},  // a proxy's list, escaped by the plug-in
         {"%20198.51.100.1%20,x", "198.51.100.1", false},
         {"a%26devIndex%3Dzzz", "", true},
-        {"a", "", true},                                    // what an older plug-in sent raw: "a&devIndex=zzz"
+        {"a", "", true},  // what an older plug-in sent raw: "a&devIndex=zzz"
         {"%2526", "", true},
         {"1.2.3.4%0D%0AX:%20y", "", true},
         {std::string(200, '9'), "", true},
@@ -136,8 +136,8 @@ TEST(IsoTimeParsing, AcceptsBasicAndExtendedUtcAndRefusesImpossibleDates)
     ASSERT_TRUE(parseIsoTime("2026-01-01T00:00:01Z", seconds));
     EXPECT_EQ(seconds, 1767225601);
     EXPECT_EQ(formatIsoTime(1767225600), "20260101T000000Z");
-    for (const char* bad : {"20260230T000000Z", "20260101T240000Z", "2026-0101T000000Z", "20260101", "",
-                            "20260101T000000+0100"}) {
+    for (const char* bad :
+         {"20260230T000000Z", "20260101T240000Z", "2026-0101T000000Z", "20260101", "", "20260101T000000+0100"}) {
         EXPECT_FALSE(parseIsoTime(bad, seconds)) << bad;
     }
 }

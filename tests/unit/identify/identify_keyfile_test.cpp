@@ -44,7 +44,7 @@ TEST_F(IdentifyKeyFileTest, DamagedOrUnusableKeyFileStopsTheStart)
     std::ofstream(KeyPath(), std::ios::binary) << std::string(31, 'k');
     EXPECT_EQ(Identify_Init(), IDENTIFY_E_KEY_FILE);
     EXPECT_EQ(ReadFile(KeyPath()), std::string(31, 'k'));  // never replaced by a new key
-    setenv("IDENTIFY_KEY_FILE", "/dev/null/key", 1);      // nowhere to create one, even for root
+    setenv("IDENTIFY_KEY_FILE", "/dev/null/key", 1);       // nowhere to create one, even for root
     EXPECT_EQ(Identify_Init(), IDENTIFY_E_KEY_FILE);
 }
 

@@ -56,8 +56,9 @@ TEST_F(IdentifyTokenTest, AlteredOrMisSizedTokensAreRefused)
     for (size_t i = 0; i < token.size(); ++i) {
         std::vector<unsigned char> altered = token;
         altered[i] ^= 0x01;
-        const int expected = i == 0 ? IDENTIFY_E_MALFORMED
-                                    : i < kIssuedOffset ? IDENTIFY_E_WRONG_KEY : IDENTIFY_E_BAD_SIGNATURE;
+        const int expected = i == 0              ? IDENTIFY_E_MALFORMED
+                             : i < kIssuedOffset ? IDENTIFY_E_WRONG_KEY
+                                                 : IDENTIFY_E_BAD_SIGNATURE;
         EXPECT_EQ(CheckToken(altered), expected) << "byte " << i;
     }
     token.push_back(0);

@@ -10,7 +10,10 @@ using Result = netutils::RequestParser::Result;
 
 namespace {
 
-Result feed(RequestParser& parser, const std::string& bytes) { return parser.feed(bytes.data(), bytes.size()); }
+Result feed(RequestParser& parser, const std::string& bytes)
+{
+    return parser.feed(bytes.data(), bytes.size());
+}
 
 /* Feeds `head` and then `piece` until the parser decides (at most `times` pieces). */
 Result feedRepeated(const std::string& head, const std::string& piece, int times)
@@ -28,17 +31,18 @@ NET_HTTPSERVER_REQUEST_PARAM paramsWith(const std::string& authorization)
     RequestParser parser;
     EXPECT_EQ(feed(parser, "GET /a HTTP/1.1\r\nAuthorization: " + authorization + "\r\n\r\n"), Result::Complete);
     NET_HTTPSERVER_REQUEST_PARAM block;
-    memset(&block, 0x5A, sizeof(block)); // the block is zeroed before it is filled
+    memset(&block, 0x5A, sizeof(block));  // the block is zeroed before it is filled
     parser.fillRequestParam(block);
     return block;
 }
 
-} // namespace
+}  // namespace
 
 TEST(RequestParser, CompleteRequestByteByByte)
 {
-    const std::string request = "POST /x?format=json&a=%20b HTTP/1.1\r\nHost: h\r\nX-Empty:\r\nX-Name: v1\r\n"
-                                "Content-Length: 5\r\n\r\nhelloGET /second HTTP/1.1\r\n\r\n";
+    const std::string request =
+        "POST /x?format=json&a=%20b HTTP/1.1\r\nHost: h\r\nX-Empty:\r\nX-Name: v1\r\n"
+        "Content-Length: 5\r\n\r\nhelloGET /second HTTP/1.1\r\n\r\n";
     RequestParser parser;
     Result result = Result::Incomplete;
     for (size_t i = 0; i < request.size() && result == Result::Incomplete; ++i) {
@@ -58,8 +62,10 @@ TEST(RequestParser, CompleteRequestByteByByte)
 
 TEST(RequestParser, MethodCodesAndChunkedBody)
 {
-    const std::pair<const char*, int> methods[] = {{"GET", NET_HTTP_METHOD_GET},   {"PUT", NET_HTTP_METHOD_PUT},
-                                                   {"POST", NET_HTTP_METHOD_POST}, {"DELETE", NET_HTTP_METHOD_DELETE}};
+    const std::pair<const char*, int> methods[] = {{"GET", NET_HTTP_METHOD_GET},
+                                                   {"PUT", NET_HTTP_METHOD_PUT},
+                                                   {"POST", NET_HTTP_METHOD_POST},
+                                                   {"DELETE", NET_HTTP_METHOD_DELETE}};
     for (const auto& method : methods) {
         RequestParser parser;
         ASSERT_EQ(feed(parser, std::string(method.first) + " /m HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n"
@@ -111,7 +117,7 @@ TEST(RequestParser, LimitsOfLineHeadersAndBody)
         {"GET / HTTP/1.1\r\nX: " + std::string(valueFill, 'v') + "\r\n\r\n", Result::Complete},
         {"GET / HTTP/1.1\r\nX: " + std::string(valueFill + 1, 'v') + "\r\n\r\n", Result::TooLarge},
         {body + "1048576\r\n\r\n" + std::string(netutils::kMaxBody, 'b'), Result::Complete},
-        {body + "1048577\r\n\r\n", Result::TooLarge}, // refused before the body is sent
+        {body + "1048577\r\n\r\n", Result::TooLarge},  // refused before the body is sent
     };
     for (const auto& c : whole) {
         RequestParser parser;

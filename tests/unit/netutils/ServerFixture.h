@@ -26,7 +26,7 @@ protected:
     struct Request {
         int handle = -1;
         std::string body;
-        std::string url; // read inside the callback, as an owner may
+        std::string url;  // read inside the callback, as an owner may
     };
 
     void SetUp() override { ASSERT_EQ(NET_UTILS_Init(), 0); }
@@ -40,7 +40,7 @@ protected:
             EXPECT_EQ(end.second, 1) << "end of handle " << end.first << " reported more than once";
         }
         for (int handle : m_handles) {
-            NET_HTTPSERVER_Close(handle, 1); // most are closed by the test already: harmless
+            NET_HTTPSERVER_Close(handle, 1);  // most are closed by the test already: harmless
         }
         EXPECT_EQ(NET_UTILS_Fini(), 0);
     }
@@ -85,7 +85,8 @@ protected:
     bool waitForEnd(int handle, int timeoutMs = 3000)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return m_ends.count(handle) != 0; });
+        return m_changed.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                                  [&] { return m_ends.count(handle) != 0; });
     }
 
     int endCount(int handle)
@@ -118,7 +119,8 @@ protected:
         for (const auto& header : headers) {
             stageHeader(handle, header.first, header.second);
         }
-        NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, body.data(), static_cast<int>(body.size()));
+        NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, body.data(),
+                                static_cast<int>(body.size()));
         if (status != 0) {
             stageInt(handle, NET_HTTPSERVER_PARAM_STATUS, status);
         }
@@ -154,7 +156,7 @@ private:
     long m_listen = -1;
     int m_port = 0;
     const std::thread::id m_testThread = std::this_thread::get_id();
-    std::mutex m_mutex; // guards everything below
+    std::mutex m_mutex;  // guards everything below
     std::condition_variable m_changed;
     std::deque<Request> m_pending;
     std::vector<int> m_handles;
@@ -162,6 +164,6 @@ private:
     bool m_callbackOnTestThread = false;
 };
 
-} // namespace nettest
+}  // namespace nettest
 
 #endif

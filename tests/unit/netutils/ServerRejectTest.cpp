@@ -36,8 +36,9 @@ TEST_F(ServerTest, MalformedAndOversizedRequestsAreRefusedWithoutCallback)
 TEST_F(ServerTest, OtherMethodsGet405AtOnceAndNeverReachTheOwner)
 {
     startListen(30000);
-    const std::string notAllowed = "HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, PUT, POST, DELETE\r\n"
-                                   "Connection: close\r\nContent-Length: 0\r\n\r\n";
+    const std::string notAllowed =
+        "HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, PUT, POST, DELETE\r\n"
+        "Connection: close\r\nContent-Length: 0\r\n\r\n";
     for (const char* request : {"HEAD /QUMEX/ContentMgmt/download HTTP/1.1\r\nHost: a\r\n\r\n",
                                 "OPTIONS * HTTP/1.1\r\nHost: a\r\n\r\n", "PATCH /x HTTP/1.1\r\n"}) {
         TestClient client;
@@ -56,7 +57,8 @@ TEST_F(ServerTest, PipelinedBytesAfterTheRequestAreIgnored)
     startListen();
     TestClient client;
     ASSERT_TRUE(client.connectTo(port()));
-    ASSERT_TRUE(client.send("PUT /one HTTP/1.1\r\nContent-Length: 2\r\n\r\nokGET /two HTTP/1.1\r\n\r\n\x01\x02garbage"));
+    ASSERT_TRUE(
+        client.send("PUT /one HTTP/1.1\r\nContent-Length: 2\r\n\r\nokGET /two HTTP/1.1\r\n\r\n\x01\x02garbage"));
     const Request request = waitForRequest();
     ASSERT_GT(request.handle, 0);
     EXPECT_EQ(request.url, "/one");

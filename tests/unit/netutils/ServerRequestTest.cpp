@@ -19,12 +19,18 @@ TEST_F(ServerTest, OneShotRepliesAreExactOnTheWireAndEndTheConnection)
         int written;
         std::string wire;
     } cases[] = {
-        {201, {{"Content-Type", "application/json"}, {"X-B", "2"}}, "{\"a\":1}", 7,
+        {201,
+         {{"Content-Type", "application/json"}, {"X-B", "2"}},
+         "{\"a\":1}",
+         7,
          "HTTP/1.1 201 Created\r\nContent-Type: application/json\r\nX-B: 2\r\nConnection: close\r\n"
          "Content-Length: 7\r\n\r\n{\"a\":1}"},
         {403, {}, "", 0, "HTTP/1.1 403 Forbidden\r\nConnection: close\r\nContent-Length: 0\r\n\r\n"},
         // Default status; the owner's length wins, and nothing past it is written.
-        {0, {{"content-length", "5"}, {"Connection", "keep-alive"}}, "12345678", 5,
+        {0,
+         {{"content-length", "5"}, {"Connection", "keep-alive"}},
+         "12345678",
+         5,
          "HTTP/1.1 200 OK\r\ncontent-length: 5\r\nConnection: close\r\n\r\n12345"},
     };
     int handle = -1;
@@ -111,10 +117,10 @@ TEST_F(ServerTest, OnlyTheLastFiniStopsTheLibrary)
     ASSERT_TRUE(client.send("GET / HTTP/1.1\r\n\r\n"));
     EXPECT_GT(waitForRequest().handle, 0) << "the listener outlives a Fini that is not the last";
 
-    TearDown(); // the last Fini
+    TearDown();  // the last Fini
     NET_HTTPSERVER_LISTEN_PARAM param{};
     param.fnCallback = [](int, void*, void*) {};
     EXPECT_EQ(NET_HTTPSERVER_CreateListen(&param), -1);
     EXPECT_EQ(NET_UTILS_GetLastError(), NET_ERR_NOT_INIT);
-    EXPECT_EQ(NET_UTILS_Init(), 0); // for the fixture's own TearDown
+    EXPECT_EQ(NET_UTILS_Init(), 0);  // for the fixture's own TearDown
 }

@@ -43,7 +43,7 @@ std::string readHead(TestClient& client, std::string& rest)
     return bytes.substr(0, end);
 }
 
-} // namespace
+}  // namespace
 
 class StreamTest : public ServerTest {
 protected:
@@ -140,8 +140,9 @@ TEST_F(StreamTest, HundredMebibytesReachASlowReaderByteExact)
     }
     reader.join();
 
-    EXPECT_EQ(head, "HTTP/1.1 200 OK\r\nContent-Type: application/binary\r\nContent-Length: 104857600\r\n"
-                    "Connection: close\r\n\r\n");
+    EXPECT_EQ(head,
+              "HTTP/1.1 200 OK\r\nContent-Type: application/binary\r\nContent-Length: 104857600\r\n"
+              "Connection: close\r\n\r\n");
     EXPECT_EQ(received, kTotal);
     EXPECT_EQ(receivedHash, sentHash);
     EXPECT_TRUE(closedAtEnd) << "the server closes once the announced length is out";
@@ -168,7 +169,7 @@ TEST_F(StreamTest, ClientVanishingMidReplyFailsTheReplyAndIsReportedOnce)
     EXPECT_EQ(status, -1);
     EXPECT_EQ(NET_UTILS_GetLastError(), NET_ERR_CLOSED);
     ASSERT_TRUE(waitForEnd(handle));
-    std::this_thread::sleep_for(std::chrono::milliseconds(50)); // room for a second, wrong report
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));  // room for a second, wrong report
     EXPECT_EQ(NET_HTTPSERVER_Close(handle, 0), 0);
 }
 

@@ -48,10 +48,11 @@ HeadList HeadsOf(IProtocolRequest* request)
 TEST(ParseRequest, RequestLineHeadsAndAttributes)
 {
     CProtocolRequest request;
-    ASSERT_EQ(Parse(request, "DESCRIBE rtsp://10.0.0.1/s RTSP/1.0\r\nCSeq: 1\r\n"
-                             "Content-Length:  5 \r\r\n"
-                             "Transport: RTP/AVP;unicast;client_port=8000-8001\r\n"
-                             "X: a=1; b=2\r\nno colon here\r\n\r\n"),
+    ASSERT_EQ(Parse(request,
+                    "DESCRIBE rtsp://10.0.0.1/s RTSP/1.0\r\nCSeq: 1\r\n"
+                    "Content-Length:  5 \r\r\n"
+                    "Transport: RTP/AVP;unicast;client_port=8000-8001\r\n"
+                    "X: a=1; b=2\r\nno colon here\r\n\r\n"),
               1);
     PROTOCOL_FILTER::IProtocolRequestLine* line = request.GetProtocolRequestLine();
     EXPECT_STREQ(line->GetProtocolMethod(), "DESCRIBE");
@@ -122,7 +123,8 @@ TEST(ParseRequest, BodyAndLengths)
     CProtocolRequest cut;
     Parse(cut, many + "\r\n");
     EXPECT_EQ(HeadsOf(&cut).size(), 64u);
-    EXPECT_STREQ(cut.GetHeadByName("H63")->GetHeadValue(), "v\r\nH64: v\r\nH65: v\r\nH66: v\r\nH67: v\r\nH68: v\r\nH69: v");
+    EXPECT_STREQ(cut.GetHeadByName("H63")->GetHeadValue(),
+                 "v\r\nH64: v\r\nH65: v\r\nH66: v\r\nH67: v\r\nH68: v\r\nH69: v");
 }
 
 TEST(ParseResponse, StatusLineKeepsDefaultsForPhrasesWithBlanks)

@@ -57,8 +57,7 @@ int NET_HTTPSERVER_GetParamV2(int handle, int type, int subType, const char* nam
     return 0;
 }
 
-int NET_HTTPSERVER_SetParam(int handle, int kind, const char* name, int nameLength, const void* value,
-                            int valueLength)
+int NET_HTTPSERVER_SetParam(int handle, int kind, const char* name, int nameLength, const void* value, int valueLength)
 {
     FakeNetServer& server = FakeNetServer::instance();
     if (server.setParamCalls++ == server.setParamFailAt) {

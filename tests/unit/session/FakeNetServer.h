@@ -31,7 +31,7 @@ struct FakeNetServer {
     std::vector<StagedItem> staged;
     std::vector<std::vector<StagedItem>> replies;
     std::deque<int> replyPlan;
-    std::string wire;     // body bytes "written", in order
+    std::string wire;         // body bytes "written", in order
     int setParamFailAt = -1;  // the n-th SetParam call fails (0-based); -1 never
     int setParamCalls = 0;
 

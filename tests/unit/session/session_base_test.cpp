@@ -12,8 +12,8 @@
 using namespace HttpWrapper;
 using ::testing::_;
 using ::testing::DoAll;
-using ::testing::Invoke;
 using ::testing::InSequence;
+using ::testing::Invoke;
 using ::testing::Return;
 using ::testing::SetArgPointee;
 
@@ -49,10 +49,7 @@ protected:
         session->m_strAuthorization = " Digest username=\"admin\", realm=\"r\"";
     }
 
-    std::string convertedUrl()
-    {
-        return session->getRequest().GetProtocolRequestLine()->GetProtocolURL();
-    }
+    std::string convertedUrl() { return session->getRequest().GetProtocolRequestLine()->GetProtocolURL(); }
 
     MockFilter filter;
     MockSink sink;
@@ -67,7 +64,8 @@ TEST(RtspStatus, SmallStatusValuesIndexTheRtspTable)
     struct {
         int status;
         int code;
-    } cases[] = {{0, 100}, {10, 401}, {36, 500}, {42, 551}, {43, -1}, {50, -1}, {99, -1}, {404, 404}, {-5, -5}, {100, 100}};
+    } cases[] = {{0, 100}, {10, 401}, {36, 500},  {42, 551}, {43, -1},
+                 {50, -1}, {99, -1},  {404, 404}, {-5, -5},  {100, 100}};
     for (auto c : cases) {
         session.SetStatusCode(c.status);
         EXPECT_EQ(session.getStatusCodeRtspInt(), c.code) << c.status;
@@ -79,12 +77,13 @@ TEST_F(SessionBase, SuccessfulConversionOpensPushesAndStartsTheStream)
     {
         InSequence order;
         EXPECT_CALL(filter, Request(_, 0, session.get()))
-            .WillOnce(Invoke([](PROTOCOL_FILTER::IProtocolRequest* request, int, PROTOCOL_FILTER::IConnectContext* context) {
-                EXPECT_TRUE(request->bNeedAuth());
-                context->SetFilterURL("filter://x");
-                context->SetMediaURL("media://y");
-                return 0;
-            }));
+            .WillOnce(
+                Invoke([](PROTOCOL_FILTER::IProtocolRequest* request, int, PROTOCOL_FILTER::IConnectContext* context) {
+                    EXPECT_TRUE(request->bNeedAuth());
+                    context->SetFilterURL("filter://x");
+                    context->SetMediaURL("media://y");
+                    return 0;
+                }));
         EXPECT_CALL(sink, OnOpen(::testing::StrEq("filter://x"), ::testing::StrEq("media://y"), _, _))
             .WillOnce(DoAll(SetArgPointee<3>(kStream), Return(0)));
         EXPECT_CALL(sink, pushStream(kStream)).WillOnce(Return(0));

@@ -57,10 +57,7 @@ protected:
         return session->send(0, PROTOCOL_WRAPPER::STREAM_DATA, &data[0], (int)data.size());
     }
 
-    int queuedDestroyJobs()
-    {
-        return singleton<CHttpServerWrapper>::instance()->getAsyncQueueSize();
-    }
+    int queuedDestroyJobs() { return singleton<CHttpServerWrapper>::instance()->getAsyncQueueSize(); }
 
     FakeNetServer& net = FakeNetServer::instance();
     std::unique_ptr<TestSession> session;

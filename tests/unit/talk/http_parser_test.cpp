@@ -81,7 +81,8 @@ TEST(HttpParser, HeaderMapKeepsTheFirstValueAndIsCaseSensitive)
     EXPECT_EQ(unsized.getHeader(), "");
 
     CHttpParser parser;
-    ASSERT_EQ(parse(parser, "GET /x HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nX-A: 1\r\nX-A: 2\r\nContent-Length: 0\r\n\r\n"), 0);
+    ASSERT_EQ(parse(parser, "GET /x HTTP/1.1\r\nHost: 127.0.0.1:8080\r\nX-A: 1\r\nX-A: 2\r\nContent-Length: 0\r\n\r\n"),
+              0);
     EXPECT_EQ(parser.getHttpHeadValue("Host"), "127.0.0.1:8080");
     EXPECT_EQ(parser.getHttpHeadValue("host"), "");
     EXPECT_EQ(parser.getHttpHeadValue("X-A"), "1");

@@ -59,7 +59,7 @@ TEST(TalkSession, OnlyTheFirstStreamHeaderSetsThePacketSize)
     CQumexAudioTalkSession talk(nullptr, nullptr);
     ASSERT_EQ(sendHeader(talk, 1, "PCMU"), 0);  // a first header for slot 1 stores nothing
     EXPECT_EQ(talk.getPacketSize(), 0);
-    sendHeader(talk, 0, "PCMU");                // later headers never recompute it
+    sendHeader(talk, 0, "PCMU");  // later headers never recompute it
     EXPECT_EQ(talk.getPacketSize(), 0);
 }
 
@@ -72,7 +72,7 @@ TEST(TalkSession, DeviceAudioWithoutAListenerIsRefusedButKeepsTheTalkAlive)
     EXPECT_EQ(talk.send(0, PROTOCOL_WRAPPER::STREAM_DATA, packet, sizeof packet), -1);
     EXPECT_EQ(talk.getTimeoutCount(), 0);
     EXPECT_EQ(talk.send(0, 55, packet, sizeof packet), -1);  // unknown type
-    EXPECT_EQ(talk.stop(), 0);                                // never started: nothing to do
+    EXPECT_EQ(talk.stop(), 0);                               // never started: nothing to do
     EXPECT_EQ(talk.stop(), 0);
 }
 

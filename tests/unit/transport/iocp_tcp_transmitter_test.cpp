@@ -29,8 +29,9 @@ TEST_F(TcpTransmitter, FailedOpenClosesTheSocketAndLeavesNothingToUse)
     EXPECT_EQ(noQueue.Open(m_client), HPW_ERR_ASYNC_QUEUE);
     EXPECT_EQ(fcntl(m_client, F_GETFD), -1);  // Open owned the socket, so it closed it
     EXPECT_TRUE(log.contains("STREAMerror|[Open("));
-    EXPECT_TRUE(log.contains("] [0x01930807] - HttpProtocolWrapper CIocpTcpTransmitter Open fail, "
-                             "m_hAsyncIocpQueue == ZRT_INVALID_ASYNCIOQUEUE"));
+    EXPECT_TRUE(
+        log.contains("] [0x01930807] - HttpProtocolWrapper CIocpTcpTransmitter Open fail, "
+                     "m_hAsyncIocpQueue == ZRT_INVALID_ASYNCIOQUEUE"));
     EXPECT_EQ(noQueue.Close(), 0);
 
     CIocpTcpTransmitter noSocket(m_queue);

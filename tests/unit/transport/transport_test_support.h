@@ -48,8 +48,8 @@ inline bool readExactly(int sock, char* out, size_t length)
     return true;
 }
 
-using testsupport::Counter;
 using testsupport::countCompletion;
+using testsupport::Counter;
 using testsupport::settle;
 
 class QueueTest : public ::testing::Test {

@@ -12,8 +12,8 @@ namespace {
 std::string Encode(const std::string& bytes, int* result = nullptr)
 {
     char* text = nullptr;
-    const int length = base64_encode(reinterpret_cast<const unsigned char*>(bytes.data()),
-                                     static_cast<int>(bytes.size()), &text);
+    const int length =
+        base64_encode(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()), &text);
     if (result != nullptr) {
         *result = length;
     }
@@ -33,8 +33,8 @@ std::string DecodeEx(const std::string& text, int inLen, int outSize, int& resul
 std::string Lenient(const std::string& text)
 {
     std::vector<unsigned char> out(text.size() + 3);
-    const int n = Base64Decode(reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()),
-                               out.data());
+    const int n =
+        Base64Decode(reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()), out.data());
     return std::string(out.begin(), out.begin() + n);
 }
 
@@ -90,7 +90,9 @@ TEST(LenientBase64, SkipsNoiseAndStopsAtPadding)
 {
     EXPECT_EQ(Lenient("TW\nFu"), "Man");
     EXPECT_EQ(Lenient("TQ=="), "M");
-    EXPECT_EQ(Lenient("=T W\x80\xff" "Fu"), "Man");
+    EXPECT_EQ(Lenient("=T W\x80\xff"
+                      "Fu"),
+              "Man");
     EXPECT_EQ(Lenient("TWE=TWFu"), "Ma");
     EXPECT_EQ(Lenient("T"), "");
     EXPECT_EQ(Lenient(""), "");
@@ -119,8 +121,8 @@ TEST(Base64Property, BothCodecsRoundTripRandomBytes)
         ASSERT_EQ(base64_decode(text.c_str(), out.data()), static_cast<int>(bytes.size()));
 
         std::vector<unsigned char> lenientText(text.size());
-        ASSERT_EQ(Base64Encode(reinterpret_cast<const unsigned char*>(bytes.data()),
-                               static_cast<int>(bytes.size()), lenientText.data()),
+        ASSERT_EQ(Base64Encode(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()),
+                               lenientText.data()),
                   length);
         ASSERT_EQ(std::string(lenientText.begin(), lenientText.end()), text);
         ASSERT_EQ(Lenient(text), bytes);

@@ -44,7 +44,7 @@ TEST(NestingLimit, JsonCountsOnlyRealBrackets)
 {
     EXPECT_TRUE(jsonWithin(R"({"a":{"b":[1,2]},"c":{}})"));
     EXPECT_FALSE(jsonWithin(R"({"a":{"b":[[1]]}})"));
-    EXPECT_TRUE(jsonWithin(R"({"a":"{[{[{[","b":"\"{{{{"})"));           // brackets in strings
+    EXPECT_TRUE(jsonWithin(R"({"a":"{[{[{[","b":"\"{{{{"})"));            // brackets in strings
     EXPECT_TRUE(jsonWithin("{\"a\":1 // {{{{\n, /* [[[[ */ \"b\":{}}"));  // and in comments
     EXPECT_TRUE(jsonWithin(repeat("{}", 1000)));                          // wide is not deep
     EXPECT_FALSE(jsonWithin(repeat("[", kHostileDepth)));                 // unterminated still counts

@@ -125,7 +125,8 @@ TEST_F(WlogTest, ConcurrentWritersNeverInterleaveLines)
 
     std::string text = readFile(path);
     unlink(path);
-    std::regex line(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} INFO  STREAMinfo writer=(\d) seq=(\d+) payload=([a-z]+) end$)");
+    std::regex line(
+        R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} INFO  STREAMinfo writer=(\d) seq=(\d+) payload=([a-z]+) end$)");
     std::map<int, int> nextSeq;
     std::istringstream lines(text);
     std::string current;

@@ -71,8 +71,8 @@ inline bool matchesPattern(const char* data, size_t length, uint64_t offset, uns
     return true;
 }
 
-using testsupport::Counter;
 using testsupport::countCompletion;
+using testsupport::Counter;
 using testsupport::settle;
 
 class AsyncQueueTest : public ::testing::Test {

@@ -40,17 +40,17 @@ extern "C" {
 
 #define IDENTIFY_API __attribute__((visibility("default")))
 
-#define IDENTIFY_E_NOT_INIT      ((int)0x80000001) /* Identify_Init was not called (or was undone) */
-#define IDENTIFY_E_PARAM         ((int)0x80000002) /* bad argument, or a reserved argument not 0 */
-#define IDENTIFY_E_KEY_FILE      ((int)0x80000003) /* key file unreadable, malformed or not creatable */
-#define IDENTIFY_E_RANDOM        ((int)0x80000004) /* no randomness available */
-#define IDENTIFY_E_CRYPTO        ((int)0x80000005) /* the MAC could not be computed */
-#define IDENTIFY_E_CONFIG        ((int)0x80000006) /* IDENTIFY_TOKEN_TTL is not a valid lifetime */
-#define IDENTIFY_E_MALFORMED     ((int)0x80000010) /* token of the wrong size or version */
+#define IDENTIFY_E_NOT_INIT ((int)0x80000001)      /* Identify_Init was not called (or was undone) */
+#define IDENTIFY_E_PARAM ((int)0x80000002)         /* bad argument, or a reserved argument not 0 */
+#define IDENTIFY_E_KEY_FILE ((int)0x80000003)      /* key file unreadable, malformed or not creatable */
+#define IDENTIFY_E_RANDOM ((int)0x80000004)        /* no randomness available */
+#define IDENTIFY_E_CRYPTO ((int)0x80000005)        /* the MAC could not be computed */
+#define IDENTIFY_E_CONFIG ((int)0x80000006)        /* IDENTIFY_TOKEN_TTL is not a valid lifetime */
+#define IDENTIFY_E_MALFORMED ((int)0x80000010)     /* token of the wrong size or version */
 #define IDENTIFY_E_BAD_SIGNATURE ((int)0x80000011) /* token altered after it was issued */
-#define IDENTIFY_E_EXPIRED       ((int)0x80000012) /* past its expiry */
-#define IDENTIFY_E_WRONG_KEY     ((int)0x80000013) /* issued under another key (or its key id altered) */
-#define IDENTIFY_E_BUFFER_SMALL  ((int)0x80000021) /* Apply: buffer too small; *length = size needed */
+#define IDENTIFY_E_EXPIRED ((int)0x80000012)       /* past its expiry */
+#define IDENTIFY_E_WRONG_KEY ((int)0x80000013)     /* issued under another key (or its key id altered) */
+#define IDENTIFY_E_BUFFER_SMALL ((int)0x80000021)  /* Apply: buffer too small; *length = size needed */
 
 IDENTIFY_API int Identify_Init(void);
 IDENTIFY_API int Identify_Fini(void);

@@ -45,15 +45,15 @@ NET_API int NET_UTILS_GetLastError(void);
 
 enum {
     NET_ERR_NONE = 0,
-    NET_ERR_PARAM = 1,          /* bad argument */
-    NET_ERR_NOT_INIT = 2,       /* NET_UTILS_Init was not called */
-    NET_ERR_SOCKET = 3,         /* socket, bind or listen failed */
-    NET_ERR_HANDLE = 4,         /* unknown handle */
-    NET_ERR_BUFFER = 5,         /* output buffer too small */
-    NET_ERR_NOT_FOUND = 6,      /* no such header */
-    NET_ERR_CLOSED = 7,         /* the connection has ended */
+    NET_ERR_PARAM = 1,     /* bad argument */
+    NET_ERR_NOT_INIT = 2,  /* NET_UTILS_Init was not called */
+    NET_ERR_SOCKET = 3,    /* socket, bind or listen failed */
+    NET_ERR_HANDLE = 4,    /* unknown handle */
+    NET_ERR_BUFFER = 5,    /* output buffer too small */
+    NET_ERR_NOT_FOUND = 6, /* no such header */
+    NET_ERR_CLOSED = 7,    /* the connection has ended */
     NET_ERR_NO_MEMORY = 8,
-    NET_ERR_THREAD = 9,         /* a thread could not be started */
+    NET_ERR_THREAD = 9, /* a thread could not be started */
 };
 
 /* ---- records ---- */
@@ -69,35 +69,35 @@ typedef void (*NET_HTTPSERVER_CB)(int handle, void* event, void* user);
 #pragma pack(push, 1)
 /* Listen parameters: 176 bytes; unused bytes must be zero. */
 typedef struct NET_HTTPSERVER_LISTEN_PARAM {
-    uint32_t dwSize;            /*   0: reserved, 0 */
-    char szAddress[128];        /*   4: listen address, dotted quad */
-    uint16_t wPort;             /* 132: port; 0 takes an ephemeral one */
-    uint8_t byRes1[14];         /* 134 */
-    uint32_t dwRecvTimeout;     /* 148: ms to receive a whole request (0: 30000) */
-    uint32_t dwSendTimeout;     /* 152: default reply send time-out in ms (0: 5000) */
-    uint8_t byRes2[4];          /* 156 */
+    uint32_t dwSize;              /*   0: reserved, 0 */
+    char szAddress[128];          /*   4: listen address, dotted quad */
+    uint16_t wPort;               /* 132: port; 0 takes an ephemeral one */
+    uint8_t byRes1[14];           /* 134 */
+    uint32_t dwRecvTimeout;       /* 148: ms to receive a whole request (0: 30000) */
+    uint32_t dwSendTimeout;       /* 152: default reply send time-out in ms (0: 5000) */
+    uint8_t byRes2[4];            /* 156 */
     NET_HTTPSERVER_CB fnCallback; /* 160 */
-    void* pUser;                /* 168 */
+    void* pUser;                  /* 168 */
 } NET_HTTPSERVER_LISTEN_PARAM;
 
 /* Callback event. */
 typedef struct NET_HTTPSERVER_EVENT {
-    uint32_t dwRes;             /*  0 */
-    uint32_t dwType;            /*  4: NET_HTTPSERVER_EVENT_* */
-    uint32_t dwDataLen;         /*  8: length of pData */
-    uint8_t byRes[4];           /* 12 */
-    const char* pData;          /* 16: request body (valid during the call only) */
+    uint32_t dwRes;     /*  0 */
+    uint32_t dwType;    /*  4: NET_HTTPSERVER_EVENT_* */
+    uint32_t dwDataLen; /*  8: length of pData */
+    uint8_t byRes[4];   /* 12 */
+    const char* pData;  /* 16: request body (valid during the call only) */
 } NET_HTTPSERVER_EVENT;
 
 /* Request parameter block: 5054 bytes, zeroed before each fill. */
 typedef struct NET_HTTPSERVER_REQUEST_PARAM {
-    char szUrl[2048];           /*    0: path and query */
-    int32_t iMethod;            /* 2048: NET_HTTP_METHOD_* */
-    char szUserName[513];       /* 2052: Digest credential fields ... */
-    char szRealm[192];          /* 2565 */
-    char szNonce[256];          /* 2757 */
-    char szUri[2008];           /* 3013 */
-    char szResponse[33];        /* 5021 */
+    char szUrl[2048];     /*    0: path and query */
+    int32_t iMethod;      /* 2048: NET_HTTP_METHOD_* */
+    char szUserName[513]; /* 2052: Digest credential fields ... */
+    char szRealm[192];    /* 2565 */
+    char szNonce[256];    /* 2757 */
+    char szUri[2008];     /* 3013 */
+    char szResponse[33];  /* 5021 */
 } NET_HTTPSERVER_REQUEST_PARAM;
 #pragma pack(pop)
 
@@ -128,7 +128,7 @@ NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_REQUEST_PARAM, szResponse) == 5021, "re
 #undef NET_LAYOUT_CHECK
 
 enum {
-    NET_HTTPSERVER_EVENT_REQUEST = 0,     /* a complete request; data = body */
+    NET_HTTPSERVER_EVENT_REQUEST = 0, /* a complete request; data = body */
     /* The connection ended (reply complete, client closed or vanished, send
      * failed, listener destroyed) after its request was reported and before the
      * owner closed the handle; reported once. Owners test for >= 0xFF00. A
@@ -159,9 +159,9 @@ enum {
 
 /* Kinds of NET_HTTPSERVER_GetParamV2 (second and third arguments). */
 enum {
-    NET_HTTPSERVER_GET_REQUEST = 0,   /* type */
-    NET_HTTPSERVER_SUB_PARAMS = 0,    /* sub-type: the request parameter block */
-    NET_HTTPSERVER_SUB_HEADER = 255,  /* sub-type: one header by name */
+    NET_HTTPSERVER_GET_REQUEST = 0,  /* type */
+    NET_HTTPSERVER_SUB_PARAMS = 0,   /* sub-type: the request parameter block */
+    NET_HTTPSERVER_SUB_HEADER = 255, /* sub-type: one header by name */
 };
 
 /* ---- server ---- */
@@ -182,8 +182,8 @@ NET_API int NET_HTTPSERVER_GetListenPort(long listenHandle);
  * absent or when it does not fit.
  * Returns 0. The request stays readable after the connection ended, until the
  * handle is closed. */
-NET_API int NET_HTTPSERVER_GetParamV2(int handle, int type, int subType, const char* name, int nameLength,
-                                      void* buffer, int size);
+NET_API int NET_HTTPSERVER_GetParamV2(int handle, int type, int subType, const char* name, int nameLength, void* buffer,
+                                      int size);
 /* Stages one item of the next reply (see NET_HTTPSERVER_PARAM_*). */
 NET_API int NET_HTTPSERVER_SetParam(int handle, int kind, const char* name, int nameLength, const void* value,
                                     int valueLength);

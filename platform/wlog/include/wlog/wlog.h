@@ -19,8 +19,7 @@ enum { WLOG_DEBUG = 2, WLOG_INFO = 3, WLOG_WARN = 4, WLOG_ERROR = 5 };
 
 /* Formats and writes one line when level passes the threshold; a filtered call
  * costs one comparison and formats nothing. Thread-safe; lines never interleave. */
-WLOG_API void wlog_format(int level, const char* module, const char* format, ...)
-    __attribute__((format(printf, 3, 4)));
+WLOG_API void wlog_format(int level, const char* module, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 /* Output function of a host: receives the formatted text of each line that
  * passes the threshold (without time stamp and newline). Null restores the

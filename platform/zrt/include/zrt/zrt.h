@@ -158,25 +158,22 @@ ZRT_API ZRT_INT32 ZRT_AsyncIO_UnBindIOHandleEx(int sock, void* queue);
  * queue); sends on one socket are written and complete in posting order. What
  * the socket cannot take at once is copied, so the buffer is free again when the
  * call returns. len 0 completes with 0 bytes. */
-ZRT_API ZRT_INT32 ZRT_AsyncIO_SendEx(int sock, const char* buf, int len, void* context,
-                                     ZRT_ASYNCIO_CALLBACK cb);
+ZRT_API ZRT_INT32 ZRT_AsyncIO_SendEx(int sock, const char* buf, int len, void* context, ZRT_ASYNCIO_CALLBACK cb);
 /* Completes with what one read returned (0: the peer closed). len must be > 0.
  * Receives on one socket are served in posting order. */
-ZRT_API ZRT_INT32 ZRT_AsyncIO_RecvEx(int sock, char* buf, int len, void* context,
-                                     ZRT_ASYNCIO_CALLBACK cb);
+ZRT_API ZRT_INT32 ZRT_AsyncIO_RecvEx(int sock, char* buf, int len, void* context, ZRT_ASYNCIO_CALLBACK cb);
 /* One datagram to the address (copied at the call), its buffer as for SendEx. */
-ZRT_API ZRT_INT32 ZRT_AsyncIO_SendToEx(int sock, const char* buf, int len, void* context,
-                                       const ZRT_ADDR_T* to, ZRT_ASYNCIO_CALLBACK cb);
+ZRT_API ZRT_INT32 ZRT_AsyncIO_SendToEx(int sock, const char* buf, int len, void* context, const ZRT_ADDR_T* to,
+                                       ZRT_ASYNCIO_CALLBACK cb);
 /* from, when not null, receives the sender's address before the callback runs. */
-ZRT_API ZRT_INT32 ZRT_AsyncIO_RecvFromEx(int sock, char* buf, int len, void* context,
-                                         ZRT_ADDR_T* from, ZRT_ASYNCIO_CALLBACK cb);
+ZRT_API ZRT_INT32 ZRT_AsyncIO_RecvFromEx(int sock, char* buf, int len, void* context, ZRT_ADDR_T* from,
+                                         ZRT_ASYNCIO_CALLBACK cb);
 /* Delivers a synthetic completion (error, bytes, context) through cb on a queue
  * thread. With sock >= 0 the socket must be bound to this queue: the completion
  * then runs in order with the socket's others, cb null means its default
  * callback, and unbinding cancels it. With sock < 0 it belongs to no socket. */
 ZRT_API ZRT_INT32 ZRT_AsyncIO_PostQueuedCompleteStatusEx(void* queue, int sock, unsigned long error,
-                                                         unsigned long bytes, void* context,
-                                                         ZRT_ASYNCIO_CALLBACK cb);
+                                                         unsigned long bytes, void* context, ZRT_ASYNCIO_CALLBACK cb);
 
 #ifdef __cplusplus
 } /* extern "C" */
