@@ -42,8 +42,23 @@ bool TalkStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server)
         return false;
     }
     m_started = true;
+    // The codec is announced before the plug-in answers the open: a client that
+    // speaks at once must find its audio cut into the codec's packets.
+    PROTOCOL_WRAPPER::IServer* known = server.load();
+    if (known != nullptr) {
+        announceCodec(known);
+    }
     m_thread = std::thread(&TalkStream::play, this, &server);
     return true;
+}
+
+void TalkStream::announceCodec(PROTOCOL_WRAPPER::IServer* server)
+{
+    char header[kStreamHeaderSize];
+    memset(header, 0, sizeof header);
+    strncpy(header + kCodecNameOffset, m_setup.codec->name, sizeof header - kCodecNameOffset - 1);
+    server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_INFO, header, sizeof header);
+    m_codecAnnounced = true;
 }
 
 void TalkStream::stop()
@@ -73,11 +88,10 @@ void TalkStream::play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
     if (m_stopRequested) {
         return;
     }
+    if (!m_codecAnnounced) {
+        announceCodec(server);
+    }
     lock.unlock();
-    char header[kStreamHeaderSize];
-    memset(header, 0, sizeof header);
-    strncpy(header + kCodecNameOffset, m_setup.codec->name, sizeof header - kCodecNameOffset - 1);
-    server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_INFO, header, sizeof header);
 
     // Live audio at the codec's pace, looped; a packet nobody listens to is lost,
     // as a microphone's would be.

@@ -56,6 +56,8 @@ public:
 
 private:
     void play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot);
+    // The STREAM_INFO header naming the codec; the first thing the talk sends.
+    void announceCodec(PROTOCOL_WRAPPER::IServer* server);
 
     const TalkStreamSetup m_setup;
     PROTOCOL_WRAPPER::IServerData* const m_data;  // the plug-in's talk; valid until OnClose
@@ -72,6 +74,7 @@ private:
     std::condition_variable m_wake;
     bool m_stopRequested = false;
     bool m_started = false;
+    bool m_codecAnnounced = false;
     std::thread m_thread;
 };
 

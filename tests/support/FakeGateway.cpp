@@ -92,6 +92,13 @@ int FakeServerSink::OnOpen(const char*, const char* mediaUrl, PROTOCOL_WRAPPER::
 int FakeServerSink::OnStart(void* sessionHandle, int)
 {
     Stream* stream = static_cast<Stream*>(sessionHandle);
+    if (stream->talk) {
+        // As the reference gateway does: the codec is known before the open is answered.
+        char header[1620];
+        memset(header, 0, sizeof header);
+        snprintf(header + 300, sizeof header - 300, "%s", talkCodec.c_str());
+        m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_INFO, header, sizeof header);
+    }
     stream->thread = stream->talk ? std::thread(&FakeServerSink::speak, this, stream)
                                   : std::thread(&FakeServerSink::deliver, this, stream);
     return 0;
@@ -99,10 +106,6 @@ int FakeServerSink::OnStart(void* sessionHandle, int)
 
 void FakeServerSink::speak(Stream* stream)
 {
-    char header[1620];
-    memset(header, 0, sizeof header);
-    snprintf(header + 300, sizeof header - 300, "%s", talkCodec.c_str());
-    m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_INFO, header, sizeof header);
     std::string packet((size_t)talkPacketSize, '\0');
     auto next = std::chrono::steady_clock::now();
     for (size_t offset = 0; offset < talkAudioBytes && !stream->stop; offset += packet.size()) {
