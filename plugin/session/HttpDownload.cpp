@@ -46,7 +46,7 @@ int CHttpSession::processDownloadRequest(char* body, int length)
     }
     // Without a name or a size the length is not known up front: stream chunked.
     if (!Contain(m_strPlaybackURI, "name") && !Contain(m_strPlaybackURI, "size")) {
-        m_iChunked = 1;
+        m_framing.setChunked(true);
     }
 
     if (convertToRtspProcess(true) != 0) {

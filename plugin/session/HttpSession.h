@@ -10,6 +10,7 @@
 #include <zrt/zrt.h>
 
 #include "session/HttpSessionBase.h"
+#include "session/ReplyFraming.h"
 #include "talk/HttpParser.h"
 
 namespace HttpWrapper {
@@ -46,11 +47,10 @@ public:
     int sendStream(void* data, int length);
     int sendHead(int status);
     int sendReply(int status, const char* body, int bodyLength, const std::string& contentSubtype);
-    static std::string decToHex(const int value);
 
     int getHttpHandle() const { return m_iHttpHandle; }
     int getState() const { return m_iState; }
-    bool isChunked() const { return m_iChunked != 0; }
+    bool isChunked() const { return m_framing.isChunked(); }
     unsigned long long getFileLength() const { return m_ullFileLen; }
 
     // No progress of a reply for this long ends a download.
@@ -69,7 +69,7 @@ protected:
     int m_iDownloadCounted = 0;
     CHttpParser m_parser;  // used for its getAuthName only
     std::atomic<int> m_iEndSent{0};
-    std::atomic<int> m_iChunked{0};
+    CReplyFraming m_framing;
 };
 
 }  // namespace HttpWrapper

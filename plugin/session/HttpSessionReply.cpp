@@ -6,7 +6,6 @@
 // buffer to the embedded server's reply without a copy. The server's Reply
 // waits for the socket itself within its send time-out, so the 10 ms retry
 // sleep below only runs after a reply that made partial progress.
-#include <stdio.h>
 #include <string.h>
 
 #include "frame/Clock.h"
@@ -19,13 +18,8 @@ namespace HttpWrapper {
 namespace {
 const int kReplySendTimeoutMs = 5000;
 const ZRT_UINT32 kPartialRetrySleepMs = 10;
-// The announced length is the media file's length plus the 40-byte stream head
-// that the gateway sends before the file.
-const unsigned long long kStreamHeadLength = 40;
 const size_t kFileLengthHighOffset = 1612;
 const size_t kFileLengthLowOffset = 1616;
-const char kChunkTerminator[] = "0\r\n\r\n";
-const char kCrLf[] = "\r\n";
 
 bool stageHeader(int handle, const char* name, const std::string& value)
 {
@@ -62,7 +56,7 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
                 memcpy(&high, m_streamInfo[index] + kFileLengthHighOffset, sizeof high);
                 memcpy(&low, m_streamInfo[index] + kFileLengthLowOffset, sizeof low);
             }
-            m_ullFileLen = (((unsigned long long)high << 32) | low) + kStreamHeadLength;
+            m_ullFileLen = CReplyFraming::announcedLength(((unsigned long long)high << 32) | low);
             HPW_LOGD("[fileLen = %d]Http download get file len", (int)m_ullFileLen.load());
             sendHead(200);
         } else if (validIndex && m_iStreamInfoCount > index && copy != 0) {
@@ -75,9 +69,10 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
     case PROTOCOL_WRAPPER::STREAM_DATA: return sendStream(data, length);
     case PROTOCOL_WRAPPER::STREAM_END: {
         HPW_LOGI("Http download receive STREAM_END");
+        std::string end = m_framing.end();
         int notSent = 0;
-        if (m_iChunked != 0 && m_iEndSent.compare_exchange_strong(notSent, 1)) {
-            m_httpHelper.response(m_iHttpHandle, kChunkTerminator, (int)sizeof kChunkTerminator - 1);
+        if (!end.empty() && m_iEndSent.compare_exchange_strong(notSent, 1)) {
+            m_httpHelper.response(m_iHttpHandle, end.data(), (int)end.size());
         }
         return 0;
     }
@@ -89,10 +84,11 @@ int CHttpSession::sendStream(void* data, int length)
 {
     const char* bytes = static_cast<const char*>(data);
     int handle = m_iHttpHandle;
-    if (m_iChunked != 0) {
-        char line[256];
-        int lineLength = snprintf(line, sizeof line, "%s\r\n", decToHex(length).c_str());
-        m_httpHelper.response(handle, line, lineLength);
+    // The framing's bytes go out whole or not at all (the helper's result is
+    // not checked: a failure shows in the block's own reply).
+    std::string prefix = m_framing.blockPrefix(length);
+    if (!prefix.empty()) {
+        m_httpHelper.response(handle, prefix.data(), (int)prefix.size());
     }
 
     int result = 0;
@@ -143,8 +139,11 @@ int CHttpSession::sendStream(void* data, int length)
 
     if (result != 0) {
         pushDestroyReq();
-    } else if (m_iChunked != 0) {
-        m_httpHelper.response(handle, kCrLf, (int)sizeof kCrLf - 1);
+        return result;
+    }
+    std::string suffix = m_framing.blockSuffix();
+    if (!suffix.empty()) {
+        m_httpHelper.response(handle, suffix.data(), (int)suffix.size());
     }
     return result;
 }
@@ -155,14 +154,9 @@ int CHttpSession::sendHead(int status)
     bool ok;
     if (status == 200) {
         // The embedded server's default status is 200: it is not staged.
-        char length[33];
-        snprintf(length, sizeof length, "%llu", m_ullFileLen.load());
-        if (m_iChunked != 0) {
-            ok = stageHeader(handle, "Content-Type", "application/octet-stream") &&
-                 stageHeader(handle, "Transfer-Encoding", "chunked");
-        } else {
-            ok = stageHeader(handle, "Content-Type", "application/binary") &&
-                 stageHeader(handle, "Content-Length", length);
+        ok = true;
+        for (const auto& header : m_framing.head(m_ullFileLen)) {
+            ok = ok && stageHeader(handle, header.first.c_str(), header.second);
         }
         ok = ok && stageInt(handle, NET_HTTPSERVER_PARAM_SEND_TIMEOUT, kReplySendTimeoutMs) &&
              NET_HTTPSERVER_Reply(handle, 0) != -1 &&
@@ -196,16 +190,6 @@ int CHttpSession::sendReply(int status, const char* body, int bodyLength, const 
         return -1;
     }
     return 0;
-}
-
-std::string CHttpSession::decToHex(const int value)
-{
-    static const char kDigits[] = "0123456789ABCDEF";
-    std::string hex;
-    for (unsigned int rest = value > 0 ? (unsigned int)value : 0; rest != 0; rest >>= 4) {
-        hex.insert(hex.begin(), kDigits[rest & 0xF]);
-    }
-    return hex;
 }
 
 }  // namespace HttpWrapper

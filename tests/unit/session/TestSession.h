@@ -7,7 +7,7 @@
 class TestSession : public HttpWrapper::CHttpSession {
 public:
     using CHttpSession::CHttpSession;
-    using CHttpSession::m_iChunked;
+    using CHttpSession::m_framing;
     using CHttpSession::m_iDestroyRequested;
     using CHttpSession::m_iState;
     using CHttpSessionBase::m_iTimeoutCount;

@@ -91,7 +91,7 @@ TEST_F(SessionStream, OnlyTheFirstStreamInfoSendsTheHeadWithTheLengthPlusForty)
 // The framing on the wire is the integration tests'; here what a gateway may repeat.
 TEST_F(SessionStream, ChunkedEndIsWrittenOnceAndUnknownTypesAreIgnored)
 {
-    session->m_iChunked = 1;
+    session->m_framing.setChunked(true);
     sendInfo(0, 0, 300);
     std::string block(300, 'b');
     EXPECT_EQ(sendData(block), 0);

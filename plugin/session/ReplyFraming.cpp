@@ -1,0 +1,45 @@
+#include "session/ReplyFraming.h"
+
+namespace HttpWrapper {
+
+namespace {
+const char kCrLf[] = "\r\n";
+const char kChunkTerminator[] = "0\r\n\r\n";
+}  // namespace
+
+CReplyFraming::Headers CReplyFraming::head(unsigned long long bodyLength) const
+{
+    // The content types differ on purpose: clients of the device API tell the
+    // two reply forms apart by them.
+    if (m_bChunked) {
+        return {{"Content-Type", "application/octet-stream"}, {"Transfer-Encoding", "chunked"}};
+    }
+    return {{"Content-Type", "application/binary"}, {"Content-Length", std::to_string(bodyLength)}};
+}
+
+std::string CReplyFraming::blockPrefix(int length) const
+{
+    return m_bChunked ? decToHex(length) + kCrLf : std::string();
+}
+
+std::string CReplyFraming::blockSuffix() const
+{
+    return m_bChunked ? kCrLf : std::string();
+}
+
+std::string CReplyFraming::end() const
+{
+    return m_bChunked ? kChunkTerminator : std::string();
+}
+
+std::string CReplyFraming::decToHex(int value)
+{
+    static const char kDigits[] = "0123456789ABCDEF";
+    std::string hex;
+    for (unsigned int rest = value > 0 ? (unsigned int)value : 0; rest != 0; rest >>= 4) {
+        hex.insert(hex.begin(), kDigits[rest & 0xF]);
+    }
+    return hex;
+}
+
+}  // namespace HttpWrapper
