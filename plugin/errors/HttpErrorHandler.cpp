@@ -4,9 +4,10 @@
 
 #include <netutils/VQNetUtils.h>
 
+#include "errors/RestErrorCodes.h"
 #include "errors/RestErrorTable.h"
-#include "frame/FatalAssert.h"
 #include "errors/XmlNamespaces.h"
+#include "frame/FatalAssert.h"
 #include "xml/mkTinyXMLConverter.h"
 
 namespace HttpWrapper {
@@ -104,8 +105,8 @@ std::string CHttpErrorHandler::getJSONResponseStatus(ZRT_INT32& errorNo, const J
     if (integerErrorCode(status, errorNo)) {
         return fastWrite(status);
     }
-    errorNo = (ZRT_INT32)REST_ERR_INTERNAL_ERROR;
-    return statusText(REST_ERR_INTERNAL_ERROR);
+    errorNo = (ZRT_INT32)kRestInternalError;
+    return statusText(kRestInternalError);
 }
 
 std::string CHttpErrorHandler::getJSONSuccess()
@@ -138,7 +139,7 @@ tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildJSONReplyFromText(const std::st
         parsed = false;
     }
     if (!parsed) {
-        return buildJSONReply(REST_ERR_INTERNAL_ERROR);
+        return buildJSONReply(kRestInternalError);
     }
     return buildJSONReplyFromValue(status);
 }
@@ -147,7 +148,7 @@ tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildJSONReplyFromValue(const Json::
 {
     ZRT_INT32 errorCode = 0;
     if (!integerErrorCode(status, errorCode)) {
-        return buildJSONReply(REST_ERR_INTERNAL_ERROR);
+        return buildJSONReply(kRestInternalError);
     }
     ZRT_UINT32 httpStatus = 500;
     getHttpStatusCodeByErrorNo((ZRT_UINT32)errorCode, httpStatus);

@@ -1,5 +1,6 @@
 #include "errors/RestErrorTable.h"
 
+#include "errors/RestErrorCodes.h"
 #include "errors/RestErrorRows.h"
 
 namespace HttpWrapper {
@@ -118,7 +119,7 @@ int getHttpStatusCodeByErrorNo(ZRT_UINT32 errorNo, ZRT_UINT32& httpStatus)
     // succeeds. The 401 for "badAuthorization" exists only in this lookup: the
     // ResponseStatus document of the same number reports the group's 403, and
     // clients see both; the difference is intended.
-    httpStatus = errorNo == REST_ERR_BAD_AUTHORIZATION ? 401 : group->uHttpStatus;
+    httpStatus = errorNo == kRestBadAuthorization ? 401 : group->uHttpStatus;
     return 1;
 }
 

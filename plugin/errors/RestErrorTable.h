@@ -14,13 +14,9 @@
 #include <json/json.h>
 #include <zrt/zrt.h>
 
-namespace HttpWrapper {
+#include "errors/RestErrorCodes.h"
 
-// General fallback of every ResponseStatus answer ("internalError").
-constexpr ZRT_UINT32 REST_ERR_INTERNAL_ERROR = 0x30000014;
-// "badAuthorization": the one number whose HTTP status differs between the
-// lookups (401 from getHttpStatusCodeByErrorNo, 403 from the group).
-constexpr ZRT_UINT32 REST_ERR_BAD_AUTHORIZATION = 0x40000003;
+namespace HttpWrapper {
 
 // One row. Both texts are constants; nothing is owned.
 struct tagREST_ERR_DESC {

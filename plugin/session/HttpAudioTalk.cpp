@@ -5,6 +5,7 @@
 // over the raw audio channel.
 #include <string>
 
+#include "errors/RestErrorCodes.h"
 #include "errors/XmlNamespaces.h"
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
@@ -17,14 +18,6 @@ namespace HttpWrapper {
 
 namespace {
 const unsigned int kMaxTalks = 100;
-
-// REST error numbers answered here.
-const unsigned int kRestSuccess = 1;
-const unsigned int kRestInternalError = 0x30000014;
-const unsigned int kRestBadAuthorization = 0x40000003;
-const unsigned int kRestInvalidOperation = 0x40000006;
-const unsigned int kRestReachTalkLimit = 0x4000118A;
-const unsigned int kRestBadParameters = 0x60000001;
 
 // The request URL up to the "/" before the last occurrence of word: the
 // channel's part of ".../channels/<n>/open".

@@ -4,6 +4,7 @@
 // RTSP conversion; the file then streams back through send().
 #include <string.h>
 
+#include "errors/RestErrorCodes.h"
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
 #include "session/DownloadUri.h"
@@ -15,8 +16,6 @@
 namespace HttpWrapper {
 
 namespace {
-const unsigned int kRestBadUrlFormat = 0x50000003;
-const unsigned int kRestBadParameters = 0x60000001;
 const size_t kDevIndexLength = 36;
 }  // namespace
 

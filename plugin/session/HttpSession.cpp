@@ -3,6 +3,7 @@
 
 #include <exception>
 
+#include "errors/RestErrorCodes.h"
 #include "frame/ErrorCodes.h"
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
@@ -15,11 +16,6 @@ const char kDownloadUrl[] = "/QUMEX/ContentMgmt/download";
 const char kJsonFormatQuery[] = "?format=json";
 const char kTalkOpenUrl[] = "/QUMEX/System/TwoWayAudio/channels/%d/open";
 const char kTalkCloseUrl[] = "/QUMEX/System/TwoWayAudio/channels/%d/close";
-
-// REST error numbers of the device API answered here.
-const unsigned int kRestInvalidOperation = 0x40000006;
-const unsigned int kRestBadJsonFormat = 0x50000002;
-const unsigned int kRestBadUrlFormat = 0x50000003;
 }  // namespace
 
 CHttpSession::CHttpSession(PROTOCOL_FILTER::IProtocolFilter* filterChain, PROTOCOL_WRAPPER::IServerSink* serverSink)

@@ -5,6 +5,7 @@
 
 #include <json/json.h>
 
+#include "errors/RestErrorCodes.h"
 #include "errors/RestErrorTable.h"
 #include "errors/XmlNamespaces.h"
 #include "frame/ErrorCodes.h"
@@ -20,7 +21,6 @@ namespace {
 // The gateway refuses new downloads past this many running ones (the error is
 // the device API's "reachDownloadLimit").
 const int kMaxDownloads = 400;
-const unsigned int kRestReachDownloadLimit = 0x4000A009;
 // A user name of this length or more is not forwarded.
 const size_t kMaxForwardedUserName = 65;
 }  // namespace

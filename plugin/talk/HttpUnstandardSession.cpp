@@ -7,6 +7,7 @@
 
 #include <HttpProtocolWrapper.h>
 
+#include "errors/RestErrorCodes.h"
 #include "frame/ErrorCodes.h"
 #include "frame/FatalAssert.h"
 #include "frame/HttpServerWrapper.h"
@@ -31,11 +32,6 @@ const size_t kMaxClientAddress = 128;  // as much of X-Forwarded-For as the stan
 const char kGetReplyHead[] = "HTTP/1.1 200 OK\r\nContent-Type: application/binary\r\n\r\n";
 const char kPutReplyHead[] = "HTTP/1.1 200 OK\r\n\r\n";
 const char kBadRequestReply[] = "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
-
-// REST error numbers answered on the raw channel.
-const unsigned int kRestInternalError = 0x30000014;
-const unsigned int kRestBadAuthorization = 0x40000003;
-const unsigned int kRestInvalidOperation = 0x40000006;
 
 enum MethodCode { METHOD_GET = 0, METHOD_PUT = 1, METHOD_POST = 2, METHOD_DELETE = 3 };
 
