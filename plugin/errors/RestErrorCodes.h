@@ -8,7 +8,7 @@
 
 namespace HttpWrapper {
 
-constexpr ZRT_UINT32 kRestSuccess = 1;                // "ok": a talk closed
+constexpr ZRT_UINT32 kRestSuccess = 1;                 // "ok": a talk closed
 constexpr ZRT_UINT32 kRestInternalError = 0x30000014;  // the general fallback of every answer
 // "badAuthorization": the one number whose HTTP status differs between the
 // lookups (401 from getHttpStatusCodeByErrorNo, 403 from the group).

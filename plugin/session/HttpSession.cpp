@@ -135,6 +135,9 @@ int CHttpSession::fini()
         HPW_LOGD("Http session duplicate fini, http handle=%d", m_iHttpHandle.load());
         return 0;
     }
+    // Closing before the gateway is told to stop: its delivery thread may be
+    // inside sendStream, retrying a reply, and OnStop waits for that thread.
+    m_bClosing = true;
     if (m_iState == SESSION_PROCESSED && m_pSessionHandle != nullptr && m_pServerSink != nullptr) {
         m_pServerSink->OnStop(m_pSessionHandle, 0);
         m_pServerSink->OnClose(m_pSessionHandle);

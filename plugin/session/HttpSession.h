@@ -66,6 +66,7 @@ protected:
     std::atomic<int> m_iHttpHandle{-1};
     std::atomic<unsigned long long> m_ullFileLen{0};
     std::atomic<int> m_iDestroyRequested{0};
+    std::atomic<bool> m_bClosing{false};  // set by fini before the gateway's stream is stopped
     int m_iDownloadCounted = 0;
     CHttpParser m_parser;  // used for its getAuthName only
     std::atomic<int> m_iEndSent{0};

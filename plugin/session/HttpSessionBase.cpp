@@ -43,12 +43,12 @@ int CHttpSessionBase::getStatusCodeRtspInt()
 
 int CHttpSessionBase::getTimeoutCount()
 {
-    return ZRT_AtomicGet(&m_iTimeoutCount);
+    return m_iTimeoutCount.load();
 }
 
 int CHttpSessionBase::increaseTimeoutCount()
 {
-    ZRT_AtomicInc(&m_iTimeoutCount);
+    ++m_iTimeoutCount;
     return 0;
 }
 

@@ -83,7 +83,7 @@ protected:
     void* m_pSessionHandle = nullptr;  // the gateway's stream, from OnOpen
     CProtocolRequest m_request;
     std::string m_strPlaybackURI;
-    volatile ZRT_INT32 m_iTimeoutCount = 0;  // changed only atomically
+    std::atomic<ZRT_INT32> m_iTimeoutCount{0};
     enum { kStreamInfoSlots = 4, kStreamInfoSize = 1620 };
     char m_streamInfo[kStreamInfoSlots][kStreamInfoSize];
     int m_iStreamInfoCount = 0;

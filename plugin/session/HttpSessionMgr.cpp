@@ -142,7 +142,7 @@ void CHttpSessionMgr::fnHttpServerDataCB(int handle, void* event, void* user)
         req.pData = const_cast<char*>(info->pData);
         req.iDataLen = (int)info->dwDataLen;
         singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
-    } else if (info->dwType == 1 || info->dwType == 2) {
+    } else if (info->dwType >= NET_HTTPSERVER_EVENT_REFUSED_MIN && info->dwType <= NET_HTTPSERVER_EVENT_REFUSED_MAX) {
         HPW_LOGE(HPW_ERR_REFUSED_EVENT, "http server callback parameter error");
         self->addInvalidHandle(handle);
     } else if (info->dwType >= NET_HTTPSERVER_EVENT_CLOSED) {
@@ -327,17 +327,17 @@ void CHttpSessionMgr::timeOutCheck()
 
 int CHttpSessionMgr::increaseDownloadNum()
 {
-    return ZRT_AtomicInc(&m_iDownloadNum);
+    return ++m_iDownloadNum;
 }
 
 int CHttpSessionMgr::decreaseDownloadNum()
 {
-    return ZRT_AtomicDec(&m_iDownloadNum);
+    return --m_iDownloadNum;
 }
 
 int CHttpSessionMgr::getDownloadNum()
 {
-    return ZRT_AtomicGet(&m_iDownloadNum);
+    return m_iDownloadNum.load();
 }
 
 }  // namespace HttpWrapper

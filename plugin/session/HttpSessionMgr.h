@@ -69,7 +69,7 @@ private:
     PROTOCOL_WRAPPER::IServerSink* m_pServerSink = nullptr;
     PROTOCOL_FILTER::IProtocolFilter* m_pProtocolFilterChain = nullptr;
     std::atomic<int> m_iReleaseRunning{0};
-    volatile ZRT_INT32 m_iDownloadNum = 0;  // changed only atomically
+    std::atomic<ZRT_INT32> m_iDownloadNum{0};
     std::map<long, std::shared_ptr<CHttpSession>> m_sessions;
     ZRT_Mutex m_sessionMutex{1};       // guards m_sessions
     ZRT_Sema m_releaseSema{0, 65535};  // posted once per handle to close

@@ -96,7 +96,7 @@ int CHttpSession::sendStream(void* data, int length)
     bool stalled = false;
     ZRT_UINT64 stallStart = 0;
     while (written < length) {
-        if (m_iState == SESSION_CLOSED || m_iDestroyRequested != 0) {
+        if (m_bClosing || m_iState == SESSION_CLOSED || m_iDestroyRequested != 0) {
             HPW_LOGI("Http session allready destroyed");
             result = 0;
             break;
@@ -117,13 +117,13 @@ int CHttpSession::sendStream(void* data, int length)
             break;
         }
         if (sent >= remaining) {
-            ZRT_AtomicSet(&m_iTimeoutCount, 0);
+            m_iTimeoutCount.store(0);
             result = 0;
             break;
         }
         if (sent > 0) {
             stalled = false;
-            ZRT_AtomicSet(&m_iTimeoutCount, 0);
+            m_iTimeoutCount.store(0);
         } else if (!stalled) {
             stalled = true;
             stallStart = hpwTickMs();

@@ -215,7 +215,7 @@ void CHttpUnstandardSession::fnHttpUnstandardSessionRecv(unsigned long error, un
     }
     CYCLE_BUFFER& buffer = self->m_cycleBuffer;
     buffer.nWrite += (int)bytes;
-    ZRT_AtomicSet(&self->m_iTimeoutCount, 0);
+    self->m_iTimeoutCount.store(0);
     if (self->m_iRequestComplete != 0) {
         HPW_LOGI("Receive unknown data, data len=%d", (int)bytes);
         return;

@@ -215,7 +215,7 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
             }
         }
         // The device is alive whether or not a client listens.
-        ZRT_AtomicSet(&m_iTimeoutCount, 0);
+        m_iTimeoutCount.store(0);
         return result;
     }
     case PROTOCOL_WRAPPER::STREAM_END:
@@ -348,7 +348,7 @@ int CQumexAudioTalkSession::sendDataToDev()
             if (m_iStarted != 0 && m_iDestroyPending == 0) {
                 m_pServerSink->OnInputData(m_pSinkHandle, 0, PROTOCOL_WRAPPER::STREAM_DATA, buffer.pBuf + buffer.nRead,
                                            packetSize);
-                ZRT_AtomicSet(&m_iRecvTimeoutCount, 0);
+                m_iRecvTimeoutCount.store(0);
             }
             buffer.nRead += packetSize;
         }
@@ -364,7 +364,7 @@ int CQumexAudioTalkSession::sendDataToDev()
     } else if (m_iStarted != 0 && m_iDestroyPending == 0) {
         // An unknown codec: everything received so far, as it came.
         m_pServerSink->OnInputData(m_pSinkHandle, 0, PROTOCOL_WRAPPER::STREAM_DATA, buffer.pBuf, buffer.nWrite);
-        ZRT_AtomicSet(&m_iRecvTimeoutCount, 0);
+        m_iRecvTimeoutCount.store(0);
         buffer.nWrite = 0;
     }
     return 0;
@@ -386,23 +386,23 @@ int CQumexAudioTalkSession::pushDestroyReq()
 
 int CQumexAudioTalkSession::getTimeoutCount()
 {
-    return ZRT_AtomicGet(&m_iTimeoutCount);
+    return m_iTimeoutCount.load();
 }
 
 int CQumexAudioTalkSession::increaseTimeoutCount()
 {
-    ZRT_AtomicInc(&m_iTimeoutCount);
+    ++m_iTimeoutCount;
     return 0;
 }
 
 int CQumexAudioTalkSession::getRecvTimeoutCount()
 {
-    return ZRT_AtomicGet(&m_iRecvTimeoutCount);
+    return m_iRecvTimeoutCount.load();
 }
 
 int CQumexAudioTalkSession::increaseRecvTimeoutCount()
 {
-    ZRT_AtomicInc(&m_iRecvTimeoutCount);
+    ++m_iRecvTimeoutCount;
     return 0;
 }
 

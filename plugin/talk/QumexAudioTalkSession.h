@@ -141,8 +141,8 @@ private:
     std::string m_strTalkUrl;  // the manager's key; never changed once the talk is registered
     std::string m_strUserName;
     void* m_pSinkHandle = nullptr;
-    volatile ZRT_INT32 m_iTimeoutCount = 0;      // changed only atomically
-    volatile ZRT_INT32 m_iRecvTimeoutCount = 0;  // changed only atomically
+    std::atomic<ZRT_INT32> m_iTimeoutCount{0};
+    std::atomic<ZRT_INT32> m_iRecvTimeoutCount{0};
     char m_streamHeaders[kStreamHeaderSlots][kStreamHeaderSize];
     int m_iStreamHeaderCount = 0;
     int m_iWaitFirstHeader = 1;

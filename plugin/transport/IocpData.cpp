@@ -34,7 +34,7 @@ IOCP_DATA* NewIocpData(int type)
     }
     // Callback, context, closed flag and buffer start empty; the 1 pending is
     // held while the transmitter is open.
-    ZRT_AtomicSet(&data->nPending, 1);
+    data->nPending.store(1);
     data->nType = type;
     return data;
 }
@@ -76,7 +76,7 @@ void DispatchIocpCompletion(unsigned long errorCode, unsigned long bytes, void* 
         }
     }
     data->lock.Unlock();
-    ZRT_AtomicDec(&data->nPending);
+    --data->nPending;
 }
 
 namespace {

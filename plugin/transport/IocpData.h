@@ -37,8 +37,7 @@ struct IOCP_DATA {
     IOCP_CALLBACK pfnCallBack = nullptr;
     void* pContext = nullptr;
     // Outstanding operations, plus the 1 held while the transmitter is open.
-    // Changed only through the ZRT_Atomic* calls.
-    volatile ZRT_INT32 nPending = 0;
+    std::atomic<ZRT_INT32> nPending{0};
     // Guards nClosed and is held across the owner's callback, so that once
     // closing has set nClosed no owner callback runs any more.
     ZRT_Mutex lock;

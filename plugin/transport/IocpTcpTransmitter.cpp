@@ -129,7 +129,7 @@ int CIocpTcpTransmitter::SendData(char* head, int headLength, char* data, int le
         return -1;
     }
     if (checkLimit == 1) {
-        int pending = ZRT_AtomicGet(&sendData->nPending);
+        int pending = sendData->nPending.load();
         if (pending > sendLimit(m_iMaxCount)) {
             if (TakeOverLimitLogTurn(m_uLastOverLimitLogTick)) {
                 // The line prints the global limit (1500 when unset) even when a
@@ -145,15 +145,15 @@ int CIocpTcpTransmitter::SendData(char* head, int headLength, char* data, int le
 
     ZRT_Guard guard(m_lock);
     if (head != nullptr && headLength >= 1) {
-        ZRT_AtomicInc(&sendData->nPending);
+        ++sendData->nPending;
         if (ZRT_AsyncIO_SendEx(m_iConnSocketFd, head, headLength, sendData, pfnIocpTcpCB) != 0) {
-            ZRT_AtomicDec(&sendData->nPending);
+            --sendData->nPending;
             return -1;
         }
     }
-    ZRT_AtomicInc(&sendData->nPending);
+    ++sendData->nPending;
     if (ZRT_AsyncIO_SendEx(m_iConnSocketFd, data, length, sendData, pfnIocpTcpCB) != 0) {
-        ZRT_AtomicDec(&sendData->nPending);
+        --sendData->nPending;
         return -1;
     }
     return 0;
@@ -166,13 +166,13 @@ int CIocpTcpTransmitter::RecvData(char* buffer, int length, void* callback, void
         return -1;
     }
     SetIocpCallback(recvData, callback, context, false);
-    ZRT_AtomicInc(&recvData->nPending);
+    ++recvData->nPending;
     if (ZRT_AsyncIO_RecvEx(m_iConnSocketFd, buffer, length, recvData, pfnIocpTcpCB) != 0) {
         HPW_LOGE(
             HPW_ERR_ASYNC_RECV,
             "HttpProtocolWrapper CIocpTcpTransmitter RecvData Failed, \t\t\t\t  ZRT_AsyncIO_RecvEx fail, errCode<%d>",
             ZRT_GetSystemLastError());
-        ZRT_AtomicDec(&recvData->nPending);
+        --recvData->nPending;
         return -1;
     }
     return 0;
@@ -184,14 +184,14 @@ int CIocpTcpTransmitter::PostIoEvent(int errorCode, unsigned int bytes)
     if (recvData == nullptr || !HasIocpCallback(recvData)) {
         return -1;
     }
-    ZRT_AtomicInc(&recvData->nPending);
+    ++recvData->nPending;
     if (ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_hAsyncIocpQueue, m_iConnSocketFd, (unsigned long)errorCode, bytes,
                                                recvData, pfnIocpTcpCB) != 0) {
         HPW_LOGE(HPW_ERR_ASYNC_QUEUE,
                  "HttpProtocolWrapper CIocpTcpTransmitter PostIoEvent Failed, \t\t\t\t  "
                  "ZRT_AsyncIO_PostQueuedCompleteStatusEx fail, errCode<%d>",
                  ZRT_GetSystemLastError());
-        ZRT_AtomicDec(&recvData->nPending);
+        --recvData->nPending;
         return -1;
     }
     return 0;

@@ -131,7 +131,7 @@ int CIocpUdpTransmitter::SendData(char* head, int headLength, char* data, int le
     if (sendData == nullptr) {
         return -1;
     }
-    if (checkLimit == 1 && ZRT_AtomicGet(&sendData->nPending) > GlobalSendLimit()) {
+    if (checkLimit == 1 && sendData->nPending.load() > GlobalSendLimit()) {
         if (TakeOverLimitLogTurn(m_uLastOverLimitLogTick)) {
             char addressText[32];
             HPW_LOGD("HttpProtocolWrapper CIocpUdpTransmitter SendData fail, Addr<%s,%d>, Over MaxCount<%d>",
@@ -144,15 +144,15 @@ int CIocpUdpTransmitter::SendData(char* head, int headLength, char* data, int le
 
     ZRT_Guard guard(m_lock);
     if (head != nullptr && headLength >= 1) {
-        ZRT_AtomicInc(&sendData->nPending);
+        ++sendData->nPending;
         if (ZRT_AsyncIO_SendToEx(m_iSocketFd, head, headLength, sendData, to, pfnIocpUdpCB) != 0) {
-            ZRT_AtomicDec(&sendData->nPending);
+            --sendData->nPending;
             return -1;
         }
     }
-    ZRT_AtomicInc(&sendData->nPending);
+    ++sendData->nPending;
     if (ZRT_AsyncIO_SendToEx(m_iSocketFd, data, length, sendData, to, pfnIocpUdpCB) != 0) {
-        ZRT_AtomicDec(&sendData->nPending);
+        --sendData->nPending;
         return -1;
     }
     return 0;
@@ -166,13 +166,13 @@ int CIocpUdpTransmitter::RecvData(char* buffer, int length, ZRT_ADDR_T* from, vo
     }
     // Unlike the TCP transmitter, the first receive's callback stays.
     SetIocpCallback(recvData, callback, context, true);
-    ZRT_AtomicInc(&recvData->nPending);
+    ++recvData->nPending;
     if (ZRT_AsyncIO_RecvFromEx(m_iSocketFd, buffer, length, recvData, from, pfnIocpUdpCB) != 0) {
         HPW_LOGD(
             "HttpProtocolWrapper CIocpUdpTransmitter RecvData Failed, \t\t\t\t  ZRT_AsyncIO_RecvFromEx fail, "
             "errCode<%d>",
             ZRT_GetSystemLastError());
-        ZRT_AtomicDec(&recvData->nPending);
+        --recvData->nPending;
         return -1;
     }
     return 0;
@@ -184,7 +184,7 @@ int CIocpUdpTransmitter::PostIoEvent(int errorCode, unsigned int bytes)
     if (recvData == nullptr || !HasIocpCallback(recvData)) {
         return -1;
     }
-    ZRT_AtomicInc(&recvData->nPending);
+    ++recvData->nPending;
     if (ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_hAsyncIocpQueue, m_iSocketFd, (unsigned long)errorCode, bytes,
                                                recvData, pfnIocpUdpCB) != 0) {
         // Names the TCP class: the line is shared with it as operators know it.
@@ -192,7 +192,7 @@ int CIocpUdpTransmitter::PostIoEvent(int errorCode, unsigned int bytes)
             "HttpProtocolWrapper CIocpTcpTransmitter PostIoEvent Failed, \t\t\t\t  "
             "ZRT_AsyncIO_PostQueuedCompleteStatusEx fail, errCode<%d>",
             ZRT_GetSystemLastError());
-        ZRT_AtomicDec(&recvData->nPending);
+        --recvData->nPending;
         return -1;
     }
     return 0;

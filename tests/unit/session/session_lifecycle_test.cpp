@@ -95,19 +95,33 @@ TEST_F(SessionLifecycle, FiniClosesTheGatewayStreamOnceAndReleasesTheHandle)
         int OnClose(void*) override { return ++closes, 0; }
         int pushStream(void*) override { return 0; }
         int OnStart(void*, int) override { return 0; }
-        int OnStop(void*, int) override { return ++stops, 0; }
+        int OnStop(void*, int) override
+        {
+            // The gateway's delivery thread, still sending while OnStop waits
+            // for it, must find the session closing and not write any more.
+            std::string block = "late block";
+            lateSend = session->send(0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], (int)block.size());
+            return ++stops, 0;
+        }
         int OnInputData(void*, int, int, void*, int) override { return 0; }
+        TestSession* session = nullptr;
         int stops = 0;
         int closes = 0;
+        int lateSend = -1;
     } sink;
     LogCapture log;
     withCredentials(NET_HTTP_METHOD_DELETE, "/x");
     TestSession session(nullptr, &sink);
+    sink.session = &session;
     ASSERT_EQ(session.init(8), 0);
     session.processRecvData(nullptr, 0);
     session.m_pSessionHandle = &sink;  // as if OnOpen had opened a stream
+    size_t replies = net.replies.size();
     EXPECT_EQ(session.fini(), 0);
     EXPECT_EQ(session.fini(), 0);
+    EXPECT_EQ(sink.lateSend, 0);
+    EXPECT_EQ(net.replies.size(), replies);
+    EXPECT_TRUE(log.contains("Http session allready destroyed"));
     EXPECT_EQ(sink.stops, 1);
     EXPECT_EQ(sink.closes, 1);
     EXPECT_EQ(session.getHttpHandle(), -1);

@@ -129,6 +129,10 @@ NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_REQUEST_PARAM, szResponse) == 5021, "re
 
 enum {
     NET_HTTPSERVER_EVENT_REQUEST = 0, /* a complete request; data = body */
+    /* Kinds 1 and 2 carry no request an owner serves: owners refuse them and
+     * only close the handle. This library reports neither. */
+    NET_HTTPSERVER_EVENT_REFUSED_MIN = 1,
+    NET_HTTPSERVER_EVENT_REFUSED_MAX = 2,
     /* The connection ended (reply complete, client closed or vanished, send
      * failed, listener destroyed) after its request was reported and before the
      * owner closed the handle; reported once. Owners test for >= 0xFF00. A
