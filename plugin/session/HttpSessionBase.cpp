@@ -5,6 +5,7 @@
 
 #include <json/json.h>
 
+#include "auth/DigestUserName.h"
 #include "errors/RestErrorCodes.h"
 #include "errors/RestErrorTable.h"
 #include "errors/XmlNamespaces.h"
@@ -21,8 +22,6 @@ namespace {
 // The gateway refuses new downloads past this many running ones (the error is
 // the device API's "reachDownloadLimit").
 const int kMaxDownloads = 400;
-// A user name of this length or more is not forwarded.
-const size_t kMaxForwardedUserName = 65;
 }  // namespace
 
 CHttpSessionBase::CHttpSessionBase(PROTOCOL_FILTER::IProtocolFilter* filterChain,
@@ -116,24 +115,9 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
 
     PROTOCOL_FILTER::IProtocolRequestLine* line = m_request.GetProtocolRequestLine();
     std::string url = line->GetProtocolURL();
-    const char kUserKey[] = "username=\"";
-    size_t key = m_strAuthorization.empty() ? std::string::npos : m_strAuthorization.find(kUserKey);
-    if (key != std::string::npos) {
-        size_t start = key + sizeof kUserKey - 1;
-        size_t end = m_strAuthorization.find('"', start);
-        if (end != std::string::npos && end - start < kMaxForwardedUserName) {
-            std::string name = m_strAuthorization.substr(start, end - start);
-            // The bound counts the terminating zero, so the forwarded name loses
-            // its last character ("admin" becomes "admi"): the gateway matches
-            // users by exactly this text.
-            char copy[kMaxForwardedUserName];
-            memset(copy, 0, sizeof copy);
-            if (!name.empty()) {
-                snprintf(copy, name.size(), "%s", name.c_str());
-            }
-            url += "&username=";
-            url += copy;
-        }
+    std::string name;
+    if (CutDigestUserName(m_strAuthorization, "username=\"", name) == USER_NAME_FOUND) {
+        url += "&username=" + name;
     }
     line->SetProtocolURL(url.c_str());
 

@@ -7,6 +7,7 @@
 
 #include <vector>
 
+#include "auth/DigestUserName.h"
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
 #include "util/StringUtils.h"
@@ -18,7 +19,6 @@ const int kMinRequestLength = 12;
 const char kContentLength[] = "Content-Length: ";  // exact case, one blank
 const size_t kMaxMethodLength = 64;
 const size_t kMaxUrlLength = 512;
-const size_t kMaxUserName = 64;
 
 // Case-insensitive search of needle in [from, end).
 const char* findNoCase(const char* from, const char* end, const char* needle)
@@ -137,31 +137,18 @@ std::string CHttpParser::getHttpHeadValue(const std::string& name) const
 
 bool CHttpParser::getAuthName(std::string& name, const std::string& authorization)
 {
-    static const char kUserKey[] = "Digest username=\"";
-    size_t key = authorization.find(kUserKey);
-    if (key == std::string::npos) {
-        return false;
-    }
-    size_t start = key + sizeof kUserKey - 1;
-    size_t end = authorization.find('"', start);
-    if (end == std::string::npos) {
-        return false;
-    }
-    size_t valueLength = end - start;
-    if (valueLength > kMaxUserName) {
+    std::string cut;
+    DigestUserNameResult result = CutDigestUserName(authorization, "Digest username=\"", cut);
+    if (result == USER_NAME_TOO_LONG) {
         HPW_LOGE(HPW_ERR_URL, "[Authorization =%s]CHttpSession Request fail, userName too long.",
                  authorization.c_str());
+    }
+    if (result != USER_NAME_FOUND) {
         return false;
     }
-    // The bound counts the terminating zero, so the name loses its last
-    // character ("admin" gives "admi"); the gateway compares exactly this text.
-    char buffer[kMaxUserName + 1];
-    memset(buffer, 0, sizeof buffer);
-    std::string value = authorization.substr(start, valueLength);
-    if (valueLength > 0) {
-        snprintf(buffer, valueLength, "%s", value.c_str());
-    }
-    name.assign(buffer, sizeof buffer);  // 65 bytes, padded with zeros
+    // 65 bytes, padded with zeros: callers take it as a character string.
+    name = cut;
+    name.resize(kMaxDigestUserName + 1, '\0');
     return true;
 }
 

@@ -261,6 +261,9 @@ void CHttpUnstandardSession::buildHttpReqParam()
     }
     m_requestParam.iMethod = m_iMethodCode;
 
+    // The raw channel reads Digest fields with its own split on ",", as its
+    // clients have always been read; the HTTP server library's parser serves
+    // the standard port only and is not the plug-in's to call.
     static const char kAuthorization[] = "Authorization: ";
     const std::string& header = m_parser.getHeader();
     size_t start = header.find(kAuthorization);
