@@ -31,6 +31,8 @@ struct tagHttpStatusText {
     const char* text;
 };
 
+// The plug-in keeps its own status texts: it runs against the gateway's network
+// library, whose tables are not the plug-in's to read. Ours writes the same words.
 const tagHttpStatusText kHttpStatusTexts[] = {
     {100, "100 Continue"},
     {101, "101 Switching Protocols"},

@@ -328,11 +328,10 @@ void Listener::publish(uint64_t id, Entry& entry)
 void Listener::refuse(uint64_t id, Entry& entry, int status)
 {
     char reply[192];
-    const char* phrase = status == 413 ? "Payload Too Large" : status == 405 ? "Method Not Allowed" : "Bad Request";
     const char* allow = status == 405 ? "Allow: GET, PUT, POST, DELETE\r\n" : "";
     const int length =
         snprintf(reply, sizeof(reply), "HTTP/1.1 %d %s\r\n%sConnection: close\r\nContent-Length: 0\r\n\r\n", status,
-                 phrase, allow);
+                 reasonPhrase(status), allow);
     sendSmall(entry.connection->fd(), reply, static_cast<size_t>(length));
     entry.connection->end(Connection::End::Completed);
     entry.parser.reset();

@@ -14,7 +14,8 @@ TEST_F(ServerTest, MalformedAndOversizedRequestsAreRefusedWithoutCallback)
 {
     startListen();
     const std::string bad = "HTTP/1.1 400 Bad Request\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
-    const std::string tooLarge = "HTTP/1.1 413 Payload Too Large\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
+    const std::string tooLarge =
+        "HTTP/1.1 413 Request Entity Too Large\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
     const std::pair<std::string, std::string> cases[] = {
         {"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03 not http\r\n\r\n", bad},
         {"GET / HTTP/1.1\r\nContent-Length: -1\r\n\r\n", bad},

@@ -9,7 +9,7 @@
  *
  * Limits: a request line and a header block of 8 KiB each, a body of 1 MiB.
  * A malformed request is answered "400 Bad Request", one over a limit
- * "413 Payload Too Large", and a request not whole within the receive
+ * "413 Request Entity Too Large", and a request not whole within the receive
  * time-out is dropped; none of them reaches the callback. Bytes that follow
  * the first request on a connection are read and ignored.
  *
