@@ -10,29 +10,9 @@
 #include "PlaybackUri.h"
 #include "PluginNonce.h"
 #include "TalkDevices.h"
+#include "TextHelpers.h"
 
 namespace {
-
-bool isHex(const std::string& text, size_t length)
-{
-    if (text.size() != length) {
-        return false;
-    }
-    for (char c : text) {
-        if (!isxdigit(static_cast<unsigned char>(c))) {
-            return false;
-        }
-    }
-    return true;
-}
-
-std::string lowerCase(std::string text)
-{
-    for (char& c : text) {
-        c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    }
-    return text;
-}
 
 AuthDecision refuse(const std::string& user, const std::string& reason)
 {
@@ -90,7 +70,8 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
     if (credentials.has("qop") && qop != "auth") {
         return refuse(user, "qop " + qop + " not supported");
     }
-    if (!qop.empty() && (!isHex(credentials.get("nc"), 8) || credentials.get("cnonce").empty())) {
+    const std::string nc = credentials.get("nc");
+    if (!qop.empty() && (nc.size() != 8 || !isHexText(nc, 0, 8) || credentials.get("cnonce").empty())) {
         return refuse(user, "qop=auth without a valid nc and cnonce");
     }
     const std::string nonce = credentials.get("nonce");
@@ -105,8 +86,8 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
     // An unknown user costs the same work as a wrong password, so timing tells nothing.
     const std::string password = account == m_passwords.end() ? std::string() : account->second;
     const std::string ha1 = md5Hex(user + ":" + m_realm + ":" + password);
-    const std::string expected = digestResponse(ha1, method, credentials.get("uri"), nonce, credentials.get("nc"),
-                                                credentials.get("cnonce"), qop);
+    const std::string expected =
+        digestResponse(ha1, method, credentials.get("uri"), nonce, nc, credentials.get("cnonce"), qop);
     const std::string given = lowerCase(credentials.get("response"));
     bool matches = constantTimeEquals(expected, given);
     if (account == m_passwords.end()) {
@@ -116,9 +97,8 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
         return refuse(user, "wrong password");
     }
     // Counted only once the response is proven: a stranger cannot use up a nonce.
-    if (!qop.empty() &&
-        !takeNonceCount(nonce, createdAt, (uint32_t)strtoul(credentials.get("nc").c_str(), nullptr, 16))) {
-        return refuse(user, "nc " + credentials.get("nc") + " was used with this nonce already (a replay)");
+    if (!qop.empty() && !takeNonceCount(nonce, createdAt, (uint32_t)strtoul(nc.c_str(), nullptr, 16))) {
+        return refuse(user, "nc " + nc + " was used with this nonce already (a replay)");
     }
     AuthDecision decision;
     decision.accepted = true;

@@ -3,34 +3,7 @@
 #include <cstdio>
 
 #include "Base64.h"
-
-namespace {
-
-int hexDigit(char c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-
-bool isHexText(const std::string& text, size_t from, size_t to)
-{
-    for (size_t i = from; i < to; ++i) {
-        if (hexDigit(text[i]) < 0) {
-            return false;
-        }
-    }
-    return from < to;
-}
-
-}  // namespace
+#include "TextHelpers.h"
 
 bool decodePluginNonceTime(const std::string& nonce, int64_t& createdAt)
 {
