@@ -22,7 +22,6 @@ import abc
 import argparse
 import asyncio
 import datetime
-import hashlib
 import json
 import os
 import platform
@@ -38,6 +37,10 @@ import sys
 import tempfile
 import threading
 import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools"))
+import gateway_client  # noqa: E402
+from gateway_client import free_port  # noqa: E402
 
 USER, PASSWORD, REALM = "bench", "bench-secret", "bench-realm"
 DEVICE = "be0c0000-0000-4000-8000-000000000001"
@@ -91,16 +94,6 @@ http {{
     }}
 }}
 """
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-def md5(text):
-    return hashlib.md5(text.encode()).hexdigest()
 
 
 def percentile(values, fraction):
@@ -190,8 +183,7 @@ class Server(abc.ABC):
 class Gateway(Server):
     def __init__(self, port, pid):
         super().__init__("ours", port, pid)
-        self.realm_and_nonce = None
-        self.nc = 0
+        self.digest = gateway_client.Digest(USER, PASSWORD)
 
     def path(self):
         return "/QUMEX/ContentMgmt/download?format=json&devIndex=%s" % DEVICE
@@ -205,20 +197,11 @@ class Gateway(Server):
     def learn_nonce(self):
         """One challenge; its nonce then serves every download (it stays fresh for minutes)."""
         status, headers, _ = blocking_request(self.port, self.request_bytes("mid", None))
-        challenge = headers.get("www-authenticate", "")
-        params = dict(re.findall(r'(\w+)="([^"]*)"', challenge))
-        if status != 401 or "nonce" not in params:
+        if status != 401 or not self.digest.learn(headers.get("www-authenticate", "")):
             raise SystemExit("bench: the gateway did not answer with a Digest challenge (%s)" % status)
-        self.realm_and_nonce = (params["realm"], params["nonce"])
 
     def authorization(self):
-        realm, nonce = self.realm_and_nonce
-        self.nc += 1
-        nc, cnonce = "%08x" % self.nc, "%016x" % random.getrandbits(64)
-        ha1, ha2 = md5("%s:%s:%s" % (USER, realm, PASSWORD)), md5("POST:%s" % self.path())
-        response = md5("%s:%s:%s:%s:auth:%s" % (ha1, nonce, nc, cnonce, ha2))
-        return ('Digest username="%s", realm="%s", nonce="%s", uri="%s", qop=auth, nc=%s, cnonce="%s", '
-                'response="%s"' % (USER, realm, nonce, self.path(), nc, cnonce, response))
+        return self.digest.authorization("POST", self.path())
 
     def request_bytes(self, key, authorization):
         body = self.json_body(key).encode()
@@ -294,25 +277,18 @@ class Bed:
 
     def start_gateway(self):
         port = free_port()
-        self.gateway_status = os.path.join(self.dir, "gateway-status.json")
-        config = {
+        self.gateway_process = gateway_client.GatewayProcess(
+            os.path.join(self.build_dir, "bin", "media-gateway"), self.dir,
+            ["--plugin", os.path.join(self.build_dir, "lib", "libHttpProtocolWrapper.so")])
+        self.gateway_process.start({
             "server": {"httpPort": port},
             "auth": {"realm": REALM, "users": [{"name": USER, "password": PASSWORD}]},
             "media": {"folder": self.media, "blockSize": self.block_size, "devices": [
                 {"devIndex": DEVICE, "address": "127.0.0.1", "rtspPort": 554}]},
-            "log": {"level": "info", "file": os.path.join(self.dir, "gateway.log")},
-        }
-        config_path = os.path.join(self.dir, "gateway.json")
-        with open(config_path, "w") as out:
-            json.dump(config, out)
-        stderr = open(os.path.join(self.dir, "gateway-stderr.txt"), "wb")
-        self.gateway_process = subprocess.Popen(
-            [os.path.join(self.build_dir, "bin", "media-gateway"), "--config", config_path,
-             "--plugin", os.path.join(self.build_dir, "lib", "libHttpProtocolWrapper.so"),
-             "--status-file", self.gateway_status], stdout=stderr, stderr=stderr)
-        stderr.close()
-        self.wait_until(lambda: '"ready":true' in read_text(self.gateway_status).replace(" ", ""),
-                        self.gateway_process, "the gateway to be ready")
+            "log": {"level": "info"},
+        })
+        if not self.gateway_process.wait_ready(20):
+            raise SystemExit("bench: the gateway did not get ready\n" + self.gateway_process.log_tail())
         self.gateway = Gateway(port, self.gateway_process.pid)
         self.gateway.learn_nonce()
 
@@ -367,20 +343,19 @@ class Bed:
     def wait_streams_closed(self):
         """The plug-in counts a download until its session is released: wait for zero open streams."""
         deadline = time.monotonic() + 30
-        while json.loads(read_text(self.gateway_status) or "{}").get("openStreams") != 0:
-            if time.monotonic() > deadline:
-                raise SystemExit("bench: gateway streams still open; see %s" % self.dir)
-            time.sleep(0.05)
+        if self.gateway_process.wait_for_status(lambda status: status.get("openStreams") == 0, 30) is None:
+            raise SystemExit("bench: gateway streams still open; see %s" % self.dir)
 
     def stop(self):
-        for process in (self.gateway_process, self.nginx_process):
-            if process and process.poll() is None:
-                process.send_signal(signal.SIGTERM if process is self.gateway_process else signal.SIGQUIT)
-                try:
-                    process.wait(timeout=30)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    process.wait()
+        if self.gateway_process:
+            self.gateway_process.stop(30)
+        if self.nginx_process and self.nginx_process.poll() is None:
+            self.nginx_process.send_signal(signal.SIGQUIT)
+            try:
+                self.nginx_process.wait(timeout=30)
+            except subprocess.TimeoutExpired:
+                self.nginx_process.kill()
+                self.nginx_process.wait()
         if self.keep:
             print("bench: kept %s" % self.dir)
         else:

@@ -29,13 +29,11 @@ the load at once; the end checks still run. Exit code 0 only when all passed.
 """
 import argparse
 import fcntl
-import hashlib
 import json
 import os
 import random
 import re
 import shutil
-import signal
 import socket
 import struct
 import subprocess
@@ -44,6 +42,8 @@ import tempfile
 import termios
 import threading
 import time
+
+import gateway_client
 
 USER, PASSWORD, REALM = "admin", "soak-secret", "soak-realm"
 DEVICE = "50a40000-0000-4000-8000-000000000001"   # RTSP port 554, addressed by devIndex or port
@@ -121,101 +121,49 @@ def write_media(folder):
 
 # ---------------------------------------------------------------- the gateway
 
-class Gateway:
+class Gateway(gateway_client.GatewayProcess):
     def __init__(self, build, workdir):
-        self.binary = os.path.join(build, "bin", "media-gateway")
+        binary = os.path.join(build, "bin", "media-gateway")
         self.plugin = os.path.join(build, "lib", "libHttpProtocolWrapper.so")
-        for required in (self.binary, self.plugin):
+        for required in (binary, self.plugin):
             if not os.path.exists(required):
                 sys.exit("soak: %s is missing; build first" % required)
-        self.workdir = workdir
-        self.status_path = os.path.join(workdir, "status.json")
-        self.log_path = os.path.join(workdir, "gateway.log")
-        self.port = free_port()
-        self.process = None
+        super().__init__(binary, workdir)
+        self.port = gateway_client.free_port()
 
     def start(self, media):
-        config = {
+        super().start({
             "server": {"httpPort": self.port},  # default threads, send and receive time-outs
             "auth": {"realm": REALM, "users": [{"name": USER, "password": PASSWORD}]},
             "media": {"folder": media, "devices": [
                 {"devIndex": DEVICE, "address": "127.0.0.1", "rtspPort": 554},
                 {"devIndex": CAMERA, "address": "127.0.0.1", "rtspPort": 8554}]},
-            "log": {"level": "info", "file": self.log_path},
-            "statusFile": self.status_path,
+            "log": {"level": "info"},
             "plugin": self.plugin,
-        }
-        config_path = os.path.join(self.workdir, "gateway.json")
-        with open(config_path, "w") as out:
-            json.dump(config, out)
-        with open(os.path.join(self.workdir, "stderr.txt"), "wb") as stderr:
-            self.process = subprocess.Popen([self.binary, "--config", config_path], stdout=stderr, stderr=stderr)
-        deadline = time.monotonic() + 15
-        while not self.status().get("ready"):
+        })
+        if not self.wait_ready(15):
             self.check_alive()
-            if time.monotonic() > deadline:
-                raise Failure("the gateway did not become ready in 15 s")
-            time.sleep(0.05)
+            raise Failure("the gateway did not become ready in 15 s")
 
     def check_alive(self):
-        if self.process.poll() is not None:
-            raise Failure("the gateway exited with %s" % describe_exit(self.process.returncode))
-
-    def status(self):
-        try:
-            with open(self.status_path) as source:
-                return json.load(source)
-        except (OSError, ValueError):
-            return {}
+        if not self.alive():
+            raise Failure("the gateway exited with %s" % gateway_client.describe_exit(self.process.returncode))
 
     def sample(self):
         """What the soak watches: memory, descriptors, threads, and the status file's streams."""
-        pid = self.process.pid
-        fields = {}
-        with open("/proc/%d/status" % pid) as source:
-            for line in source:
-                key, _, value = line.partition(":")
-                fields[key] = value.split()
+        sample = self.resources()
         status = self.status()
-        return {"rss": int(fields["VmRSS"][0]) * 1024, "threads": int(fields["Threads"][0]),
-                "fds": len(os.listdir("/proc/%d/fd" % pid)),
-                "open_streams": status.get("openStreams"), "opened": status.get("opened"),
-                "closed": status.get("closed")}
+        sample.update({"open_streams": status.get("openStreams"), "opened": status.get("opened"),
+                       "closed": status.get("closed")})
+        return sample
 
     def stop(self):
         """SIGTERM; the exit code must be 0 within 30 s."""
-        if self.process is None:
-            return
-        if self.process.poll() is None:
-            self.process.send_signal(signal.SIGTERM)
-            try:
-                self.process.wait(timeout=30)
-            except subprocess.TimeoutExpired:
-                self.process.kill()
-                self.process.wait()
-                raise Failure("the gateway did not stop within 30 s of SIGTERM (killed)")
-        if self.process.returncode != 0:
-            raise Failure("the gateway stopped with %s, not exit code 0" % describe_exit(self.process.returncode))
-
-    def log_tail(self, lines=40):
-        text = ""
-        for name in ("gateway.log", "stderr.txt"):
-            try:
-                with open(os.path.join(self.workdir, name), errors="replace") as source:
-                    text += "".join(source.readlines()[-lines:])
-            except OSError:
-                pass
-        return text
-
-
-def describe_exit(code):
-    return "signal %s" % signal.Signals(-code).name if code < 0 else "exit code %d" % code
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+        code = super().stop(30)
+        if code is None:
+            raise Failure("the gateway did not stop within 30 s of SIGTERM (killed)")
+        if code != 0:
+            raise Failure("the gateway stopped with %s, not exit code 0" % gateway_client.describe_exit(code))
 
 
 def format_sample(sample):
@@ -341,26 +289,6 @@ def request_bytes(method, target, body=b"", headers=()):
     return ("\r\n".join(lines) + "\r\n\r\n").encode() + body
 
 
-def md5(text):
-    return hashlib.md5(text.encode()).hexdigest()
-
-
-NONCE_COUNTS = {}
-NONCE_COUNTS_LOCK = threading.Lock()
-
-
-def digest_authorization(nonce, method, uri, password=PASSWORD):
-    """Each use of a nonce counts nc up, as the gateway refuses a repeated one (a replay)."""
-    with NONCE_COUNTS_LOCK:
-        NONCE_COUNTS[nonce] = NONCE_COUNTS.get(nonce, 0) + 1
-        nc = "%08x" % NONCE_COUNTS[nonce]
-    cnonce = "%016x" % random.getrandbits(64)
-    ha1, ha2 = md5("%s:%s:%s" % (USER, REALM, password)), md5("%s:%s" % (method, uri))
-    response = md5("%s:%s:%s:%s:auth:%s" % (ha1, nonce, nc, cnonce, ha2))
-    return ('Digest username="%s", realm="%s", nonce="%s", uri="%s", qop=auth, nc=%s, '
-            'cnonce="%s", response="%s"' % (USER, REALM, nonce, uri, nc, cnonce, response))
-
-
 # ------------------------------------------------------------------ downloads
 
 class Download:
@@ -482,17 +410,18 @@ class Load:
     def worker(self, index):
         rng = random.Random(index * 7919 + int(time.time()))
         kinds, weights = zip(*self.kinds)
-        nonce = None
+        digest = gateway_client.Digest(USER, PASSWORD)
         nonce_time = 0
         while not self.stop_event.is_set():
             kind = rng.choices(kinds, weights)[0]
             with self.lock:
                 self.in_flight += 1
             try:
-                if nonce is None or time.monotonic() - nonce_time > NONCE_REFRESH_S:
-                    nonce, nonce_time = self.challenge(rng), time.monotonic()
+                if not digest.ready or time.monotonic() - nonce_time > NONCE_REFRESH_S:
+                    digest.learn(self.challenge(rng))
+                    nonce_time = time.monotonic()
                     self.count("no-credentials")
-                getattr(self, "run_" + kind.replace("-", "_"))(rng, nonce)
+                getattr(self, "run_" + kind.replace("-", "_"))(rng, digest)
                 self.count(kind)
             except (Failure, ClosedEarly, OSError) as failure:
                 self.fail("%s: %s: %s" % (kind, type(failure).__name__, failure))
@@ -516,60 +445,60 @@ class Load:
     def download(self, rng, form=None, rec=None):
         return Download(rec or rng.choice(self.recordings), form or rng.choice(Download.FORMS))
 
-    def fetch(self, download, nonce):
+    def fetch(self, download, digest):
         client = self.connect()
         try:
-            client.send(download.request(digest_authorization(nonce, download.method, download.path)))
+            client.send(download.request(digest.authorization(download.method, download.path)))
             status, headers = client.read_head()
             download.check_head(status, headers)
             download.check_body(client.read_body(headers))
         finally:
             client.close()
 
-    def run_json_length(self, rng, nonce):
-        self.fetch(self.download(rng, "json-length"), nonce)
+    def run_json_length(self, rng, digest):
+        self.fetch(self.download(rng, "json-length"), digest)
 
-    def run_json_chunked(self, rng, nonce):
-        self.fetch(self.download(rng, "json-chunked"), nonce)
+    def run_json_chunked(self, rng, digest):
+        self.fetch(self.download(rng, "json-chunked"), digest)
 
-    def run_xml_port(self, rng, nonce):
-        self.fetch(self.download(rng, "xml-port"), nonce)
+    def run_xml_port(self, rng, digest):
+        self.fetch(self.download(rng, "xml-port"), digest)
 
-    def run_xml_camera(self, rng, nonce):
-        self.fetch(self.download(rng, "xml-camera"), nonce)
+    def run_xml_camera(self, rng, digest):
+        self.fetch(self.download(rng, "xml-camera"), digest)
 
-    def start_stalled(self, rng, nonce):
+    def start_stalled(self, rng, digest):
         """A download of the big recording, read up to a random point past the head."""
         download = self.download(rng, rec=self.big)
         client = self.connect(receive_buffer=64 * 1024)
-        client.send(download.request(digest_authorization(nonce, download.method, download.path)))
+        client.send(download.request(digest.authorization(download.method, download.path)))
         status, headers = client.read_head()
         download.check_head(status, headers)
         client.prefetch(rng.randrange(0, 2 * MIB))
         return download, client, headers
 
-    def run_stall_resume(self, rng, nonce):
+    def run_stall_resume(self, rng, digest):
         # Longer than the 5 s one reply may wait for the socket, shorter than the 60 s limit.
-        download, client, headers = self.start_stalled(rng, nonce)
+        download, client, headers = self.start_stalled(rng, digest)
         try:
             if self.pause(rng.uniform(1, 15)):
                 download.check_body(client.read_body(headers))
         finally:
             client.close()
 
-    def run_stall_drop(self, rng, nonce):
-        _, client, _ = self.start_stalled(rng, nonce)
+    def run_stall_drop(self, rng, digest):
+        _, client, _ = self.start_stalled(rng, digest)
         self.pause(rng.uniform(1, 15))
         client.close(reset=rng.random() < 0.5)
 
-    def run_stall_out(self, rng, nonce):
+    def run_stall_out(self, rng, digest):
         # Past the send-stall limit the gateway must give up: what is left in the
         # socket buffers arrives, then the connection closes short of the length.
         # Under memory pressure the kernel may still let a few bytes through the
         # closed window; that is progress to the gateway, which then rightly
         # keeps going, so a whole body is accepted only when bytes did arrive
         # during the stall.
-        _, client, headers = self.start_stalled(rng, nonce)
+        _, client, headers = self.start_stalled(rng, digest)
         try:
             # Measured once the window has filled, two seconds into the stall.
             if not self.pause(2):
@@ -588,33 +517,33 @@ class Load:
         finally:
             client.close()
 
-    def run_drop_download(self, rng, nonce):
+    def run_drop_download(self, rng, digest):
         download = self.download(rng)
         client = self.connect()
-        client.send(download.request(digest_authorization(nonce, download.method, download.path)))
+        client.send(download.request(digest.authorization(download.method, download.path)))
         status, headers = client.read_head()
         download.check_head(status, headers)
         client.prefetch(rng.randrange(0, HEAD_SIZE + download.rec.size))
         client.close(reset=rng.random() < 0.5)
 
-    def run_drop_after_request(self, rng, nonce):
+    def run_drop_after_request(self, rng, digest):
         # Gone before the plug-in has even looked at the request.
         download = self.download(rng)
         client = self.connect()
-        client.send(download.request(digest_authorization(nonce, download.method, download.path)))
+        client.send(download.request(digest.authorization(download.method, download.path)))
         client.close(reset=rng.random() < 0.5)
 
-    def run_drop_request(self, rng, nonce):
+    def run_drop_request(self, rng, digest):
         download = self.download(rng)
-        whole = download.request(digest_authorization(nonce, download.method, download.path))
+        whole = download.request(digest.authorization(download.method, download.path))
         client = self.connect()
         client.send(whole[:rng.randrange(1, len(whole) - 1)])  # part of the head or of the body
         client.close(reset=rng.random() < 0.5)
 
-    def run_hold_request(self, rng, nonce):
+    def run_hold_request(self, rng, digest):
         # A partial head held open: the server must drop it, without a reply, after its receive time-out.
         download = self.download(rng)
-        whole = download.request(digest_authorization(nonce, download.method, download.path))
+        whole = download.request(digest.authorization(download.method, download.path))
         client = self.connect()
         try:
             client.send(whole[:rng.randrange(1, whole.index(b"\r\n\r\n"))])
@@ -651,7 +580,7 @@ class Load:
             raise Failure("%s: unexpected reply %r %r" % (what, headers, body[:300]))
 
     def challenge(self, rng):
-        """No credentials: 401 with a Digest challenge; returns its nonce."""
+        """No credentials: 401 with a Digest challenge; returns it."""
         download = self.download(rng)
         client = self.connect()
         try:
@@ -666,21 +595,21 @@ class Load:
             raise Failure("no-credentials: status %d, challenge %r" % (status, headers.get("www-authenticate")))
         if json.loads(body).get("subStatusCode") != "badAuthorization":
             raise Failure("no-credentials: body %r" % body[:200])
-        return match.group(2)
+        return headers["www-authenticate"]
 
-    def run_no_credentials(self, rng, nonce):
+    def run_no_credentials(self, rng, digest):
         self.challenge(rng)
 
-    def run_wrong_digest(self, rng, nonce):
+    def run_wrong_digest(self, rng, digest):
         download = self.download(rng)
-        wrong = digest_authorization(nonce, download.method, download.path, password="not-" + PASSWORD)
+        wrong = digest.authorization(download.method, download.path, password="not-" + PASSWORD)
         if download.form.startswith("json"):
             check = lambda headers, body: json.loads(body).get("subStatusCode") == "badAuthorization"
         else:
             check = lambda headers, body: body == b""  # the XML form answers with a bare 401
         self.expect(download.request(wrong), 401, "wrong-digest " + download.form, check)
 
-    def run_refused(self, rng, nonce):
+    def run_refused(self, rng, digest):
         if rng.random() < 0.5:
             uri = "rtsp://127.0.0.1:554/Streaming/tracks/101/playback?starttime=20260101T000000Z" \
                   "&endtime=20260101T001000Z&devIndex=" + UNKNOWN
@@ -692,10 +621,10 @@ class Load:
         path = JSON_PATH % device
         body = json.dumps({"downloadRequest": {"playbackURI": uri}}).encode()
         data = request_bytes("POST", path, body, ["Content-Type: application/json",
-                                                  "Authorization: " + digest_authorization(nonce, "POST", path)])
+                                                  "Authorization: " + digest.authorization("POST", path)])
         self.expect(data, 403, "refused " + sub, lambda headers, body: json.loads(body).get("subStatusCode") == sub)
 
-    def run_garbage(self, rng, nonce):
+    def run_garbage(self, rng, digest):
         garbage = rng.choice([
             b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03" + bytes(rng.randrange(256) for _ in range(200)),
             b"\x00" * rng.randrange(1, 300) + b"\r\n\r\n",
@@ -705,7 +634,7 @@ class Load:
         ])
         self.expect(garbage, 400, "garbage")
 
-    def run_oversized(self, rng, nonce):
+    def run_oversized(self, rng, digest):
         choice = rng.randrange(3)
         if choice == 0:    # header block past 8 KiB
             data = request_bytes("GET", DOWNLOAD_PATH, headers=["X-Filler: " + "a" * (9 * 1024)])
@@ -715,7 +644,7 @@ class Load:
             data = request_bytes("POST", JSON_PATH % DEVICE, headers=["Content-Length: %d" % (2 * MIB)])
         self.expect(data, 413, "oversized")
 
-    def run_bad_chunked(self, rng, nonce):
+    def run_bad_chunked(self, rng, digest):
         framing = rng.choice([b"zz\r\nabc\r\n0\r\n\r\n", b"3\r\nabc\r\nxyz\r\n0\r\n\r\n", b"-1\r\n\r\n"])
         data = request_bytes("POST", JSON_PATH % DEVICE, headers=["Transfer-Encoding: chunked"]) + framing
         self.expect(data, 400, "bad-chunked")
@@ -757,7 +686,7 @@ def main():
     try:
         recordings, big = write_media(os.path.join(workdir, "media"))
         gateway.start(os.path.join(workdir, "media"))
-        print("soak: gateway pid %d on port %d, work folder %s" % (gateway.process.pid, gateway.port, workdir))
+        print("soak: gateway pid %d on port %d, work folder %s" % (gateway.pid, gateway.port, workdir))
         load = Load(gateway, recordings, big, args.clients, [kind for kind in args.skip.split(",") if kind])
         problems = soak(gateway, load, args)
     except Failure as failure:

@@ -15,7 +15,6 @@ Output: a WAV with the G.711 format tag for PCMU/PCMA (any player plays it), the
 raw codec bytes for G726-16 and G7221.
 """
 import argparse
-import hashlib
 import http.client
 import os
 import re
@@ -27,6 +26,8 @@ import threading
 import time
 import urllib.parse
 import warnings
+
+from gateway_client import Digest
 
 with warnings.catch_warnings():
     # G.711 conversion from the standard library; deprecated, still shipped with
@@ -50,38 +51,6 @@ class TalkError(Exception):
     pass
 
 
-# ---- Digest (RFC 7616 with MD5 and qop=auth) ----
-
-class Digest:
-    """Answers one server's challenges; the nonce is reused with nc counting up."""
-
-    def __init__(self, user, password):
-        self.user, self.password = user, password
-        self.challenge = None
-        self.nc = 0
-
-    def learn(self, header):
-        params = dict(re.findall(r'(\w+)="([^"]*)"', header or ""))
-        if "nonce" not in params or "realm" not in params:
-            raise TalkError("the server's challenge has no realm or nonce: %r" % header)
-        self.challenge = params
-        self.nc = 0
-
-    def authorization(self, method, uri):
-        self.nc += 1
-        realm, nonce = self.challenge["realm"], self.challenge["nonce"]
-        nc, cnonce = "%08x" % self.nc, os.urandom(8).hex()
-        ha1 = md5("%s:%s:%s" % (self.user, realm, self.password))
-        ha2 = md5("%s:%s" % (method, uri))
-        response = md5("%s:%s:%s:%s:auth:%s" % (ha1, nonce, nc, cnonce, ha2))
-        return ('Digest username="%s", realm="%s", nonce="%s", uri="%s", qop=auth, nc=%s, cnonce="%s", '
-                'response="%s"' % (self.user, realm, nonce, uri, nc, cnonce, response))
-
-
-def md5(text):
-    return hashlib.md5(text.encode()).hexdigest()
-
-
 # ---- the standard port: open and close ----
 
 def talk_request(host, port, digest, channel, verb):
@@ -90,15 +59,14 @@ def talk_request(host, port, digest, channel, verb):
     for attempt in range(2):
         connection = http.client.HTTPConnection(host, port, timeout=10)
         headers = {"Content-Length": "0"}
-        if digest.challenge is not None:
+        if digest.ready:
             headers["Authorization"] = digest.authorization("PUT", path)
         connection.request("PUT", path, headers=headers)
         reply = connection.getresponse()
         body = reply.read().decode("utf-8", "replace")
         challenge = reply.getheader("WWW-Authenticate")
         connection.close()
-        if reply.status == 401 and challenge and attempt == 0:
-            digest.learn(challenge)
+        if reply.status == 401 and attempt == 0 and digest.learn(challenge):
             continue
         if reply.status != 200:
             status = re.search(r"<subStatusCode>([^<]*)<", body)
@@ -118,7 +86,7 @@ def open_link(host, audio_port, http_port, digest, method, channel, session_id):
         # The talk was keyed by the standard port, which the Host header names;
         # the channel reads the head's fields only when the length is given.
         request = "%s %s HTTP/1.1\r\nHost: %s:%d\r\n" % (method, target, host, http_port)
-        if digest.challenge is not None:
+        if digest.ready:
             request += "Authorization: %s\r\n" % digest.authorization(method, target)
         request += "Content-Length: 0\r\n\r\n"
         link.sendall(request.encode())
@@ -129,8 +97,7 @@ def open_link(host, audio_port, http_port, digest, method, channel, session_id):
             return link, rest
         link.close()
         challenge = re.search(rb"WWW-Authenticate: ([^\r\n]*)", head)
-        if status == 401 and challenge and attempt == 0:
-            digest.learn(challenge.group(1).decode())
+        if status == 401 and challenge and attempt == 0 and digest.learn(challenge.group(1).decode()):
             continue
         detail = re.search(rb"<subStatusCode>([^<]*)<", head + rest)
         raise TalkError("%s link refused: %s" % (method, head.split(b"\r\n")[0].decode(errors="replace") +

@@ -6,22 +6,22 @@ on SIGTERM when the case ends. Python 3 standard library only.
 
 A test file is run as: python3 test_x.py <media-gateway> <libHttpProtocolWrapper.so>
 """
-import hashlib
 import http.client
 import json
 import os
 import random
 import re
 import shutil
-import signal
-import socket
 import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
-import urllib.request as urllib_request
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+import gateway_client  # noqa: E402
+from gateway_client import free_port, md5  # noqa: E402,F401  (the tests' own names for them)
 
 GATEWAY = None
 PLUGIN = None
@@ -41,16 +41,6 @@ def main():
         sys.exit("usage: %s <media-gateway> <libHttpProtocolWrapper.so>" % sys.argv[0])
     GATEWAY, PLUGIN = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
     unittest.main(argv=sys.argv[:1] + sys.argv[3:], verbosity=2)
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-def md5(text):
-    return hashlib.md5(text.encode()).hexdigest()
 
 
 def playback_uri(device=DEVICE, name=None, size=None, start=START, end=END):
@@ -77,12 +67,7 @@ def xml_download_args(port, uri):
 
 def digest_authorization(challenge, method, uri, user=USER, password=PASSWORD):
     """The Authorization value a client computes from a WWW-Authenticate challenge."""
-    params = dict(re.findall(r'(\w+)="([^"]*)"', challenge))
-    realm, nonce = params["realm"], params["nonce"]
-    ha1, ha2 = md5("%s:%s:%s" % (user, realm, password)), md5("%s:%s" % (method, uri))
-    response = md5("%s:%s:00000001:0a4f113b:auth:%s" % (ha1, nonce, ha2))
-    return ('Digest username="%s", realm="%s", nonce="%s", uri="%s", qop=auth, nc=00000001, cnonce="0a4f113b", '
-            'response="%s"' % (user, realm, nonce, uri, response))
+    return gateway_client.answer_challenge(challenge, method, uri, user, password)
 
 
 class CurlResult:
@@ -99,20 +84,18 @@ class GatewayCase(unittest.TestCase):
     def setUp(self):
         self.dir = tempfile.mkdtemp(prefix="gateway-e2e-")
         self.media = os.path.join(self.dir, "media")
-        self.status_path = os.path.join(self.dir, "status.json")
-        self.log_path = os.path.join(self.dir, "gateway.log")
+        self.gateway = gateway_client.GatewayProcess(GATEWAY, self.dir)
+        self.status_path, self.log_path = self.gateway.status_path, self.gateway.log_path
         self.port = free_port()
         self.recordings = {}
         self.prepare_media()
-        self.process = self.start_gateway(self.write_config())
+        self.process = self.start_gateway(self.config())
         self.wait_for_status(lambda status: status.get("ready"), "gateway ready")
 
     def tearDown(self):
         try:
-            if self.process and self.process.poll() is None:
-                self.process.send_signal(signal.SIGTERM)
-                code = self.process.wait(timeout=30)
-                self.assertEqual(code, 0, "gateway exit code on SIGTERM\n" + self.log_tail())
+            code = self.gateway.stop()
+            self.assertEqual(code, 0, "gateway exit code on SIGTERM\n" + self.log_tail())
         finally:
             shutil.rmtree(self.dir, ignore_errors=True)
 
@@ -132,6 +115,7 @@ class GatewayCase(unittest.TestCase):
         self.recordings[(device, name)] = content
 
     def config(self):
+        """The case's configuration; None starts the gateway on its built-in defaults."""
         return {
             "server": {"httpPort": self.port, "work_thread": 4},
             "auth": {"realm": REALM, "users": [{"name": USER, "password": PASSWORD}],
@@ -139,42 +123,23 @@ class GatewayCase(unittest.TestCase):
             "media": {"folder": self.media, "blockSize": 64 * 1024, "devices": [
                 {"devIndex": DEVICE, "address": "127.0.0.1", "rtspPort": 554},
                 {"devIndex": CAMERA, "address": "127.0.0.1", "rtspPort": 8554}]},
-            "log": {"level": "info", "file": self.log_path},
-            "statusFile": self.status_path,
+            "log": {"level": "info"},
             "plugin": PLUGIN,
         }
 
-    def write_config(self):
-        path = os.path.join(self.dir, "gateway.json")
-        with open(path, "w") as out:
-            json.dump(self.config(), out)
-        return path
-
-    def start_gateway(self, config_path, *extra):
-        stderr = open(os.path.join(self.dir, "stderr.txt"), "ab")
-        try:
-            return subprocess.Popen([GATEWAY, "--config", config_path, *extra], stdout=stderr, stderr=stderr)
-        finally:
-            stderr.close()
+    def start_gateway(self, config, *extra):
+        return self.gateway.start(config, *extra)
 
     def status(self):
-        try:
-            with open(self.status_path) as source:
-                return json.load(source)
-        except (OSError, ValueError):
-            return {}
+        return self.gateway.status()
 
     def wait_for_status(self, condition, what, timeout=15):
-        deadline = time.monotonic() + timeout
-        while time.monotonic() < deadline:
-            status = self.status()
-            if condition(status):
-                return status
-            if self.process.poll() is not None:
-                self.fail("gateway exited with %s while waiting for %s\n%s" % (
-                    self.process.returncode, what, self.log_tail()))
-            time.sleep(0.05)
-        self.fail("timed out waiting for %s; status %s\n%s" % (what, self.status(), self.log_tail()))
+        status = self.gateway.wait_for_status(condition, timeout)
+        if status is None:
+            self.fail("no %s (gateway %s); status %s\n%s" % (
+                what, "running" if self.gateway.alive() else "exited with %s" % self.process.returncode,
+                self.status(), self.log_tail()))
+        return status
 
     def wait_for_log(self, pattern, timeout=5):
         """The gateway's log once it matches pattern; the status file is written before the log line."""
@@ -188,14 +153,7 @@ class GatewayCase(unittest.TestCase):
             time.sleep(0.05)
 
     def log_tail(self, lines=30):
-        text = ""
-        for name in ("gateway.log", "stderr.txt"):
-            try:
-                with open(os.path.join(self.dir, name), errors="replace") as source:
-                    text += "".join(source.readlines()[-lines:])
-            except OSError:
-                pass
-        return text
+        return self.gateway.log_tail(lines)
 
     def curl(self, *args, user=USER, password=PASSWORD, timeout=60):
         """curl with --digest; returns the final response."""

@@ -68,13 +68,12 @@ class StartRefusals(unittest.TestCase):
 
 
 class DefaultsWithoutConfigFile(h.GatewayCase):
-    def write_config(self):
+    def config(self):
         return None  # no file: built-in defaults and command-line overrides only
 
-    def start_gateway(self, config_path, *extra):
+    def start_gateway(self, config, *extra):
         # The plug-in is found at its default place, ../lib beside the executable's folder.
-        return subprocess.Popen([h.GATEWAY, "--port", str(self.port), "--media", self.media, "--sample",
-                                 "--status-file", self.status_path, "--log-file", self.log_path])
+        return self.gateway.start(None, "--port", str(self.port), "--media", self.media, "--sample")
 
     def prepare_media(self):
         pass
@@ -116,8 +115,9 @@ class OperatorHabits(h.GatewayCase):
         # tearDown stops it with SIGTERM and checks exit code 0.
 
     def test_strict_refuses_the_bad_index_entry(self):
-        result = subprocess.run([h.GATEWAY, "--config", self.write_config(), "--port", str(h.free_port()),
-                                 "--status-file", os.path.join(self.dir, "strict-status.json"), "--strict"],
+        result = subprocess.run([h.GATEWAY, "--config", self.gateway.config_path, "--port", str(h.free_port()),
+                                 "--status-file", os.path.join(self.dir, "strict-status.json"), "--log-file", self.log_path,
+                                 "--strict"],
                                 capture_output=True, text=True, timeout=30)
         self.assertEqual(result.returncode, 2, result.stderr)
         with open(self.log_path) as log:

@@ -5,6 +5,7 @@ travel the whole way through the real plug-in.
 """
 import os
 import sys
+import urllib.request
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import gateway_harness as h  # noqa: E402
@@ -67,11 +68,11 @@ class Replay(h.GatewayCase):
                                    *args, args[2]], capture_output=True, timeout=60)
         self.assertEqual(result.stdout.decode().split(), ["200", "200"], result.stderr.decode() + self.log_tail())
         # Python's own Digest handler counts too.
-        manager = h.urllib_request.HTTPPasswordMgrWithDefaultRealm()
+        manager = urllib.request.HTTPPasswordMgrWithDefaultRealm()
         manager.add_password(None, url, h.USER, h.PASSWORD)
-        opener = h.urllib_request.build_opener(h.urllib_request.HTTPDigestAuthHandler(manager))
+        opener = urllib.request.build_opener(urllib.request.HTTPDigestAuthHandler(manager))
         for _ in range(3):
-            request = h.urllib_request.Request(url, data=args[-1].encode(), method="POST")
+            request = urllib.request.Request(url, data=args[-1].encode(), method="POST")
             with opener.open(request, timeout=30) as reply:
                 self.assertEqual(reply.status, 200)
                 self.assert_recording_body(reply.read(), h.DEVICE, "clip-a.bin")
