@@ -1,5 +1,6 @@
 // Stops the process with the C library's assertion message, in every build.
-// Used where the gateway's contract says a broken invariant ends the process;
+// Used where a broken invariant must end the process rather than let the
+// gateway carry on with a session in a state it cannot be in;
 // <assert.h> declares __assert_fail only while NDEBUG is undefined.
 #ifndef HTTPWRAPPER_FRAME_FATALASSERT_H
 #define HTTPWRAPPER_FRAME_FATALASSERT_H

@@ -161,7 +161,7 @@ TEST(RestErrorTable, GroupRulesOfTheLookups)
     EXPECT_TRUE(getHttpStatusCodeByErrorNo(0, httpStatus) && httpStatus == 200);
     EXPECT_TRUE(getHttpStatusCodeByErrorNo(1, httpStatus) && httpStatus == 200);
     EXPECT_TRUE(getHttpStatusCodeByErrorNo(0x4FFFFFFF, httpStatus) && httpStatus == 403);
-    // 401 only here, and only for that exact number; the document says 403.
+    // 401 only here, and only for that exact number; its ResponseStatus document carries the group's 403.
     EXPECT_TRUE(getHttpStatusCodeByErrorNo(0x40000003, httpStatus) && httpStatus == 401);
     EXPECT_TRUE(getHttpStatusCodeByErrorNo(0x4000A000, httpStatus) && httpStatus == 403);
 

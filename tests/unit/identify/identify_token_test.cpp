@@ -7,7 +7,7 @@
 
 namespace {
 
-// Offsets of the documented token layout.
+// Offsets in a token, as Identify.h lays it out.
 constexpr int kTokenSize = 73;
 constexpr size_t kIssuedOffset = 9;
 constexpr size_t kExpiresOffset = 17;
