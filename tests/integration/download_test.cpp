@@ -3,10 +3,14 @@
 // what happens when the client or the gateway goes away.
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include "PluginFixture.h"
 #include "errors/HttpErrorHandler.h"
+#include "frame/HttpServerWrapper.h"
 #include "session/HttpSessionMgr.h"
 
+using HttpWrapper::CHttpServerWrapper;
 using HttpWrapper::CHttpSessionMgr;
 using HttpWrapper::singleton;
 
@@ -200,5 +204,39 @@ TEST_F(Download, AClientThatHangsUpMidDownloadReleasesEverything)
     EXPECT_EQ(singleton<CHttpSessionMgr>::instance()->getDownloadNum(), 1);
     client.close();
     EXPECT_TRUE(waitIdle()) << "stream, session or download count outlived the client";
+    EXPECT_EQ(sink.closed(), 1);
+}
+
+TEST_F(Download, AStreamThatStaysSilentIsAgedOutByTheTimeOutPasses)
+{
+    singleton<CHttpServerWrapper>::instance()->setTimeoutCheckSleeps(1);  // a pass every 100 ms
+    sink.silent = true;
+    RawHttpClient client(port);
+    ASSERT_TRUE(client.connect());
+    ASSERT_TRUE(client.sendAll(
+        RawHttpClient::request("POST", jsonDownloadTarget(), jsonDownloadBody("&name=a"), digestHeader())));
+    // No head ever comes; the passes end the session and the connection with it.
+    EXPECT_EQ(client.readSome(1 << 16, 10000), "");
+    EXPECT_TRUE(waitIdle());
+    EXPECT_EQ(sink.closed(), 1);
+}
+
+// What DestroyServer does while a delivery thread waits on a client that reads
+// nothing: the gateway's stream is stopped and closed, and the stop does not
+// wait out the minute a stalled download is otherwise given.
+TEST_F(Download, StoppingTheServerMidDownloadEndsTheStreamPromptly)
+{
+    sink.syntheticSize = 512ull * 1024 * 1024;
+    RawHttpClient client(port);
+    ASSERT_TRUE(client.connect());
+    ASSERT_TRUE(client.sendAll(
+        RawHttpClient::request("POST", jsonDownloadTarget(), jsonDownloadBody("&name=big"), digestHeader())));
+    EXPECT_EQ(client.readSome(4096).compare(0, 15, "HTTP/1.1 200 OK"), 0);
+    auto start = std::chrono::steady_clock::now();
+    singleton<CHttpServerWrapper>::instance()->stopServer();
+    singleton<CHttpServerWrapper>::free();
+    server = nullptr;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
+    EXPECT_EQ(sink.openStreams(), 0);
     EXPECT_EQ(sink.closed(), 1);
 }

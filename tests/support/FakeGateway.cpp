@@ -99,8 +99,10 @@ int FakeServerSink::OnStart(void* sessionHandle, int)
         snprintf(header + 300, sizeof header - 300, "%s", talkCodec.c_str());
         m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_INFO, header, sizeof header);
     }
-    stream->thread = stream->talk ? std::thread(&FakeServerSink::speak, this, stream)
-                                  : std::thread(&FakeServerSink::deliver, this, stream);
+    if (!silent) {
+        stream->thread = stream->talk ? std::thread(&FakeServerSink::speak, this, stream)
+                                      : std::thread(&FakeServerSink::deliver, this, stream);
+    }
     return 0;
 }
 

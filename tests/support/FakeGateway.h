@@ -75,6 +75,8 @@ public:
     size_t blockSize = 64 * 1024;
     std::atomic<int> openResult{0};
     std::atomic<int> pushResult{0};
+    // A device that accepts the stream and then sends nothing at all.
+    std::atomic<bool> silent{false};
 
     // Byte pattern of the generated recording at an offset.
     static void syntheticBytes(unsigned long long offset, char* out, size_t length);

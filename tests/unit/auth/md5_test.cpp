@@ -1,3 +1,5 @@
+// The MD5 wrapper's own contract over the crypto library: one-shot and
+// incremental digests agree, hex is lower case, an unstarted context refuses.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -7,32 +9,13 @@
 
 using namespace HttpWrapper;
 
-TEST(Md5, Rfc1321TestSuite)
-{
-    const struct {
-        const char* text;
-        const char* digest;
-    } kVectors[] = {
-        {"", "d41d8cd98f00b204e9800998ecf8427e"},
-        {"a", "0cc175b9c0f1b6a831c399e269772661"},
-        {"abc", "900150983cd24fb0d6963f7d28e17f72"},
-        {"message digest", "f96b697d7cb7938d525a2f31aaf161d0"},
-        {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
-        {"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789", "d174ab98d277d9f5a5611c2c9f419d9f"},
-        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
-         "57edf4a22be3c955ac49da2e2107b67a"},
-    };
-    for (const auto& vector : kVectors) {
-        EXPECT_STREQ(MD5_sign(vector.text, std::strlen(vector.text)), vector.digest) << vector.text;
-    }
-}
-
-TEST(Md5, IncrementalContextMatchesOneShotAndIsReusable)
+TEST(Md5, OneShotIncrementalAndHexAgreeAndAnUnstartedContextRefuses)
 {
     const std::string text = "message digest";
+    EXPECT_STREQ(MD5_sign(text.c_str(), text.size()), "f96b697d7cb7938d525a2f31aaf161d0");
     tagMD5Context context;
     unsigned char digest[MD5_DIGEST_SIZE];
-    for (int round = 0; round < 2; ++round) {
+    for (int round = 0; round < 2; ++round) {  // a context is reusable
         ASSERT_EQ(MD5_init(&context), 0);
         for (char c : text) {
             ASSERT_EQ(MD5_update(&context, &c, 1), 0);
