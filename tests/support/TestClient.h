@@ -1,7 +1,5 @@
-/*
- * A raw loopback TCP client: sends exact bytes, reads exact bytes. Header-only,
- * for the suites that link no support library.
- */
+// A raw loopback TCP client: sends exact bytes, reads exact bytes. Header-only,
+// for the suites that link no support library.
 #ifndef TESTS_SUPPORT_TESTCLIENT_H
 #define TESTS_SUPPORT_TESTCLIENT_H
 
@@ -20,7 +18,7 @@ class TestClient {
 public:
     ~TestClient() { close(); }
 
-    /* receiveBuffer > 0 shrinks the receive window before connecting (a slow reader). */
+    // receiveBuffer > 0 shrinks the receive window before connecting (a slow reader).
     bool connectTo(int port, int receiveBuffer = 0)
     {
         m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -46,7 +44,7 @@ public:
         return true;
     }
 
-    /* Up to `limit` bytes; "" on end, error or when nothing came within timeoutMs. */
+    // Up to `limit` bytes; "" on end, error or when nothing came within timeoutMs.
     std::string receiveSome(size_t limit, int timeoutMs)
     {
         pollfd readable{m_fd, POLLIN, 0};
@@ -56,7 +54,7 @@ public:
         return bytes;
     }
 
-    /* Everything until the server closes, or until nothing came for timeoutMs. */
+    // Everything until the server closes, or until nothing came for timeoutMs.
     std::string receiveAll(int timeoutMs, size_t limit = SIZE_MAX)
     {
         std::string bytes;
@@ -70,7 +68,7 @@ public:
         return bytes;
     }
 
-    /* True when the server closed within timeoutMs (what arrives meanwhile is dropped). */
+    // True when the server closed within timeoutMs (what arrives meanwhile is dropped).
     bool waitForClose(int timeoutMs)
     {
         char sink[65536];
@@ -82,7 +80,7 @@ public:
         return false;
     }
 
-    /* resetting: close as a client that vanishes does, with a reset. */
+    // resetting: close as a client that vanishes does, with a reset.
     void close(bool resetting = false)
     {
         if (m_fd >= 0 && resetting) {

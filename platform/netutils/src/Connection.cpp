@@ -30,7 +30,7 @@ int readInt32(const void* value, int valueLength, int32_t& out)
     return NET_ERR_NONE;
 }
 
-/* Moves the vector past `sent` bytes. */
+// Moves the vector past `sent` bytes.
 void advance(iovec* iov, int& first, int count, size_t sent)
 {
     while (first < count && sent >= iov[first].iov_len) {

@@ -1,14 +1,12 @@
-/*
- * One accepted connection, shared by the listener's I/O thread, the handle
- * table and any owner call in progress.
- *
- * Ownership: the I/O thread holds a reference while the socket is in its epoll
- * set, the handle table while the owner knows the handle, and Reply, SetParam
- * and GetParamV2 for the length of the call. The socket is closed only when the
- * last reference goes, so no thread ever writes to a descriptor number that was
- * closed and reused under it. Ending a connection shuts the socket down
- * instead, which wakes a Reply waiting for it to drain.
- */
+// One accepted connection, shared by the listener's I/O thread, the handle
+// table and any owner call in progress.
+//
+// Ownership: the I/O thread holds a reference while the socket is in its epoll
+// set, the handle table while the owner knows the handle, and Reply, SetParam
+// and GetParamV2 for the length of the call. The socket is closed only when the
+// last reference goes, so no thread ever writes to a descriptor number that was
+// closed and reused under it. Ending a connection shuts the socket down
+// instead, which wakes a Reply waiting for it to drain.
 #ifndef NETUTILS_CONNECTION_H
 #define NETUTILS_CONNECTION_H
 
@@ -29,7 +27,7 @@ class LoopMailbox;
 
 class Connection {
 public:
-    /* Why a connection ended; the first reason wins. */
+    // Why a connection ended; the first reason wins.
     enum class End : int {
         Open = 0,
         Completed,     // the reply reached the length its head announced
@@ -48,16 +46,16 @@ public:
     int fd() const { return m_fd; }
     uint64_t id() const { return m_id; }
 
-    /* I/O thread, before the handle is published; read-only for everyone afterwards. */
+    // I/O thread, before the handle is published; read-only for everyone afterwards.
     void adoptRequest(std::unique_ptr<RequestParser> request) { m_request = std::move(request); }
     const RequestParser& request() const { return *m_request; }
 
-    /* Owner calls, from any thread. Each returns NET_ERR_NONE or the error to record. */
+    // Owner calls, from any thread. Each returns NET_ERR_NONE or the error to record.
     int stage(int kind, const char* name, int nameLength, const void* value, int valueLength);
     int reply(int& bodyBytesWritten);
     void close(bool flush);
 
-    /* Ends the connection (first caller only: returns whether this call did). */
+    // Ends the connection (first caller only: returns whether this call did).
     bool end(End reason);
     bool isEnded() const { return m_end.load() != static_cast<int>(End::Open); }
     bool isClosedByOwner() const { return m_closedByOwner.load(); }
@@ -71,7 +69,7 @@ private:
     };
 
     SendResult sendAll(iovec* iov, int count, size_t headLength, int timeoutMs);
-    /* Ends the connection from an owner's call and tells the I/O thread. */
+    // Ends the connection from an owner's call and tells the I/O thread.
     void endAndNotify(End reason);
 
     const int m_fd;

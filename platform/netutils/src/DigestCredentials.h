@@ -1,6 +1,4 @@
-/*
- * The Digest credential fields of an "Authorization" header value.
- */
+// The Digest credential fields of an "Authorization" header value.
 #ifndef NETUTILS_DIGESTCREDENTIALS_H
 #define NETUTILS_DIGESTCREDENTIALS_H
 
@@ -10,9 +8,9 @@
 
 namespace netutils {
 
-/* Copies username, realm, nonce, uri and response of a "Digest ..." value into
- * the block, each cut to its field. Fields that are absent stay as they are;
- * a value of another scheme changes nothing. */
+// Copies username, realm, nonce, uri and response of a "Digest ..." value into
+// the block, each cut to its field. Fields that are absent stay as they are;
+// a value of another scheme changes nothing.
 void parseDigestCredentials(const std::string& authorization, NET_HTTPSERVER_REQUEST_PARAM& block);
 
 }  // namespace netutils

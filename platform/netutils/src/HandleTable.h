@@ -1,11 +1,9 @@
-/*
- * Numbers handed to the owner for its connections.
- *
- * A handle stays valid until its owner releases it, even after the connection
- * ended, so a number is never given out twice while it is known. Numbers grow
- * and wrap around to 1, skipping those still in use, so that a stale handle
- * the owner kept by mistake is unlikely to reach a new connection soon.
- */
+// Numbers handed to the owner for its connections.
+//
+// A handle stays valid until its owner releases it, even after the connection
+// ended, so a number is never given out twice while it is known. Numbers grow
+// and wrap around to 1, skipping those still in use, so that a stale handle
+// the owner kept by mistake is unlikely to reach a new connection soon.
 #ifndef NETUTILS_HANDLETABLE_H
 #define NETUTILS_HANDLETABLE_H
 
@@ -21,7 +19,7 @@ namespace netutils {
 template <class T>
 class HandleTable {
 public:
-    /* lastHandle lets a test reach the wrap-around without two billion insertions. */
+    // lastHandle lets a test reach the wrap-around without two billion insertions.
     explicit HandleTable(int firstHandle = 1, int lastHandle = INT_MAX)
         : m_last(lastHandle > 0 ? lastHandle : INT_MAX),
           m_next(firstHandle > 0 && firstHandle <= m_last ? firstHandle : 1)
@@ -30,7 +28,7 @@ public:
     HandleTable(const HandleTable&) = delete;
     HandleTable& operator=(const HandleTable&) = delete;
 
-    /* Returns the new handle, or -1 when every positive number is taken. */
+    // Returns the new handle, or -1 when every positive number is taken.
     int insert(std::shared_ptr<T> item)
     {
         std::unique_lock<std::shared_mutex> lock(m_mutex);
@@ -46,7 +44,7 @@ public:
         }
     }
 
-    /* Reply and SetParam look their connection up once per block: readers do not exclude each other. */
+    // Reply and SetParam look their connection up once per block: readers do not exclude each other.
     std::shared_ptr<T> find(int handle) const
     {
         std::shared_lock<std::shared_mutex> lock(m_mutex);

@@ -1,14 +1,12 @@
-/*
- * One listening socket and the I/O thread that serves its connections.
- *
- * The thread waits on one epoll set holding the listening socket, every
- * connection that is still reading its request or still watched for the
- * client's hang-up, and the mailbox through which owner calls report ended
- * connections. All callbacks of the listener run on this thread, with no lock
- * of the library held, so the owner may call any API function from them
- * (except DestroyListen of this listener, which would have to join the
- * thread it runs on).
- */
+// One listening socket and the I/O thread that serves its connections.
+//
+// The thread waits on one epoll set holding the listening socket, every
+// connection that is still reading its request or still watched for the
+// client's hang-up, and the mailbox through which owner calls report ended
+// connections. All callbacks of the listener run on this thread, with no lock
+// of the library held, so the owner may call any API function from them
+// (except DestroyListen of this listener, which would have to join the
+// thread it runs on).
 #ifndef NETUTILS_LISTENER_H
 #define NETUTILS_LISTENER_H
 
@@ -33,7 +31,7 @@ using ConnectionTable = HandleTable<Connection>;
 
 class Listener {
 public:
-    /* Binds, listens and starts the I/O thread; null with `error` set on failure. */
+    // Binds, listens and starts the I/O thread; null with `error` set on failure.
     static std::unique_ptr<Listener> start(const NET_HTTPSERVER_LISTEN_PARAM& param, ConnectionTable& handles,
                                            int& error);
     ~Listener();
@@ -42,8 +40,8 @@ public:
 
     int port() const { return m_port; }
     bool runsOnCallerThread() const { return std::this_thread::get_id() == m_thread.get_id(); }
-    /* Stops accepting, ends every connection, reports the ends the owner has not
-     * seen yet (from the I/O thread) and joins the thread. Idempotent. */
+    // Stops accepting, ends every connection, reports the ends the owner has not
+    // seen yet (from the I/O thread) and joins the thread. Idempotent.
     void stop();
 
 private:
@@ -74,7 +72,7 @@ private:
     void readRequest(uint64_t id, Entry& entry);
     void publish(uint64_t id, Entry& entry);
     void refuse(uint64_t id, Entry& entry, int status);
-    /* Reads and drops input; false when the client has closed or the socket failed. */
+    // Reads and drops input; false when the client has closed or the socket failed.
     bool discardInput(Entry& entry);
     void onNotes();
     void reportEnd(Entry& entry);

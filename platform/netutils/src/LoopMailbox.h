@@ -1,11 +1,9 @@
-/*
- * How other threads tell a listener's I/O thread that a connection ended.
- *
- * Reply and Close run on the owner's threads, but the end of a connection is
- * reported to the owner's callback from the I/O thread only (never from inside
- * an API call), so they leave a note here and wake the thread through an
- * eventfd that it watches with its sockets.
- */
+// How other threads tell a listener's I/O thread that a connection ended.
+//
+// Reply and Close run on the owner's threads, but the end of a connection is
+// reported to the owner's callback from the I/O thread only (never from inside
+// an API call), so they leave a note here and wake the thread through an
+// eventfd that it watches with its sockets.
 #ifndef NETUTILS_LOOPMAILBOX_H
 #define NETUTILS_LOOPMAILBOX_H
 
@@ -32,13 +30,13 @@ public:
     bool isValid() const { return m_eventFd >= 0; }
     int eventFd() const { return m_eventFd; }
 
-    /* Dropped once the loop has stopped: its connections are gone by then. */
+    // Dropped once the loop has stopped: its connections are gone by then.
     void post(uint64_t connectionId, Connection::End reason);
-    /* Wakes the loop without a note (to make it look at its stop flag). */
+    // Wakes the loop without a note (to make it look at its stop flag).
     void wake();
-    /* Takes every waiting note and clears the wake-up. */
+    // Takes every waiting note and clears the wake-up.
     void takeAll(std::vector<Note>& out);
-    /* Refuses further notes. */
+    // Refuses further notes.
     void close();
 
 private:

@@ -1,8 +1,6 @@
-/*
- * The library's C entry points: argument checks, the tables of listeners and
- * handles, and the translation of internal results into -1 and the thread's
- * last error. No C++ exception leaves this file.
- */
+// The library's C entry points: argument checks, the tables of listeners and
+// handles, and the translation of internal results into -1 and the thread's
+// last error. No C++ exception leaves this file.
 #include "netutils/VQNetUtils.h"
 
 #include "Connection.h"
@@ -44,7 +42,7 @@ Library& library()
     return *instance;
 }
 
-/* Runs `body`, turning an exception of the standard library into a failure. */
+// Runs `body`, turning an exception of the standard library into a failure.
 template <class Body>
 auto guarded(Body&& body) -> decltype(body())
 {

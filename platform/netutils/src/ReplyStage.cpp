@@ -15,7 +15,7 @@ bool sameName(const char* name, size_t nameLength, const char* known)
     return strlen(known) == nameLength && strncasecmp(name, known, nameLength) == 0;
 }
 
-/* CR and LF would let a value end the head early; NUL has no place in a header either. */
+// CR and LF would let a value end the head early; NUL has no place in a header either.
 bool isSafeText(const char* text, size_t length)
 {
     for (size_t i = 0; i < length; ++i) {
@@ -37,7 +37,7 @@ bool isTokenText(const char* text, size_t length)
     return length > 0;
 }
 
-/* Decimal digits between optional white space; kUnknownLength otherwise. */
+// Decimal digits between optional white space; kUnknownLength otherwise.
 int64_t parseLength(const char* text, size_t length)
 {
     size_t i = 0;

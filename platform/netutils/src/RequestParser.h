@@ -1,11 +1,9 @@
-/*
- * Framing of one HTTP/1.1 request, fed with raw bytes as they arrive.
- *
- * The parser needs no socket: the I/O thread feeds it what recv(2) returned, and
- * the unit tests and the fuzzer feed it directly. It enforces the server's
- * limits, keeps the URL, the method, the headers and the body of the first
- * complete request, and fills the request parameter block the owner reads.
- */
+// Framing of one HTTP/1.1 request, fed with raw bytes as they arrive.
+//
+// The parser needs no socket: the I/O thread feeds it what recv(2) returned, and
+// the unit tests and the fuzzer feed it directly. It enforces the server's
+// limits, keeps the URL, the method, the headers and the body of the first
+// complete request, and fills the request parameter block the owner reads.
 #ifndef NETUTILS_REQUESTPARSER_H
 #define NETUTILS_REQUESTPARSER_H
 
@@ -20,7 +18,7 @@
 
 namespace netutils {
 
-/* A request beyond these limits is refused with 413 before it reaches the owner. */
+// A request beyond these limits is refused with 413 before it reaches the owner.
 constexpr size_t kMaxRequestLine = 8 * 1024;  // method, target and version, without CR LF
 constexpr size_t kMaxHeaderBlock = 8 * 1024;  // every header line with its CR LF, and the empty line
 constexpr size_t kMaxBody = 1024 * 1024;
@@ -39,21 +37,21 @@ public:
     RequestParser(const RequestParser&) = delete;
     RequestParser& operator=(const RequestParser&) = delete;
 
-    /* Consumes the next bytes of the connection. Once the result is not
-     * Incomplete it stays what it is and further bytes are ignored. */
+    // Consumes the next bytes of the connection. Once the result is not
+    // Incomplete it stays what it is and further bytes are ignored.
     Result feed(const char* data, size_t length);
     Result result() const { return m_result; }
 
-    /* True once, when the headers asked for "100-continue" and the body is still to come. */
+    // True once, when the headers asked for "100-continue" and the body is still to come.
     bool takeContinueRequest();
 
-    /* Valid once the result is Complete. */
+    // Valid once the result is Complete.
     const std::string& url() const { return m_url; }
     int methodCode() const { return m_methodCode; }
     const std::string& body() const { return m_body; }
-    /* First header of that name, compared without regard to case; null when absent. */
+    // First header of that name, compared without regard to case; null when absent.
     const std::string* findHeader(const char* name, size_t nameLength) const;
-    /* Zeroes the block and fills URL, method and the Digest fields of "Authorization". */
+    // Zeroes the block and fills URL, method and the Digest fields of "Authorization".
     void fillRequestParam(NET_HTTPSERVER_REQUEST_PARAM& block) const;
 
 private:
@@ -65,7 +63,7 @@ private:
     static int onMessageComplete(http_parser* parser);
     static const http_parser_settings& settings();
 
-    /* Offset in the whole stream of `at`, a pointer into the chunk being fed. */
+    // Offset in the whole stream of `at`, a pointer into the chunk being fed.
     size_t streamOffset(const char* at) const { return m_fedBefore + static_cast<size_t>(at - m_chunk); }
     int scanRequestLine(const char* data, size_t length);
     int endRequestLine(size_t offset);
