@@ -15,9 +15,9 @@ std::string percentDecoded(const std::string& text)
 {
     std::string decoded;
     for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 2 < text.size() && isxdigit((unsigned char)text[i + 1]) &&
-            isxdigit((unsigned char)text[i + 2])) {
-            decoded += (char)strtol(text.substr(i + 1, 2).c_str(), nullptr, 16);
+        if (text[i] == '%' && i + 2 < text.size() && isxdigit(static_cast<unsigned char>(text[i + 1])) &&
+            isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+            decoded += static_cast<char>(strtol(text.substr(i + 1, 2).c_str(), nullptr, 16));
             i += 2;
         } else {
             decoded += text[i];
@@ -37,13 +37,13 @@ std::string forTheLog(const std::string& text)
 {
     std::string safe;
     for (size_t i = 0; i < text.size() && safe.size() < kMaxLoggedText; ++i) {
-        const unsigned char c = (unsigned char)text[i];
+        const unsigned char c = static_cast<unsigned char>(text[i]);
         if (c < 0x20 || c >= 0x7F || c == '"' || c == '\\') {
             char escaped[8];
             snprintf(escaped, sizeof escaped, "\\x%02x", c);
             safe += escaped;
         } else {
-            safe += (char)c;
+            safe += static_cast<char>(c);
         }
     }
     return text.size() > kMaxLoggedText ? safe + "..." : safe;

@@ -214,7 +214,7 @@ void readDevices(const Json::Value& devices, GatewayConfig& config)
             readTalk(devices[i]["talk"], entry + ".talk", device.talk);
         }
         if (device.talk.channel == 0) {
-            device.talk.channel = (int)i + 1;
+            device.talk.channel = static_cast<int>(i) + 1;
         }
         if (device.talk.enabled && !channels.insert(device.talk.channel).second) {
             throw ConfigProblem{entry + ".talk.channel",

@@ -97,7 +97,7 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
         return refuse(user, "wrong password");
     }
     // Counted only once the response is proven: a stranger cannot use up a nonce.
-    if (!qop.empty() && !takeNonceCount(nonce, createdAt, (uint32_t)strtoul(nc.c_str(), nullptr, 16))) {
+    if (!qop.empty() && !takeNonceCount(nonce, createdAt, static_cast<uint32_t>(strtoul(nc.c_str(), nullptr, 16)))) {
         return refuse(user, "nc " + nc + " was used with this nonce already (a replay)");
     }
     AuthDecision decision;

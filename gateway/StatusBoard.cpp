@@ -86,7 +86,7 @@ bool StatusBoard::publishLocked()
     root["pid"] = static_cast<Json::Int64>(getpid());
     root["openStreams"] = m_status.openStreams;
     root["openTalks"] = m_status.openTalks;
-    root["talks"] = (Json::UInt64)m_status.talks;
+    root["talks"] = static_cast<Json::UInt64>(m_status.talks);
     root["opened"] = static_cast<Json::UInt64>(m_status.opened);
     root["closed"] = static_cast<Json::UInt64>(m_status.closed);
     root["refused"] = static_cast<Json::UInt64>(m_status.refused);

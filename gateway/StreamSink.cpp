@@ -158,8 +158,9 @@ int StreamSink::openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_W
     *sessionHandle = talk.get();
     m_status.talkOpened();
     m_log.logf(kLogInfo, "talk %llu opened: device %s channel %d client \"%s\" user \"%s\" codec %s%s%s",
-               (unsigned long long)setup.id, setup.devIndex.c_str(), channel, setup.client.c_str(), setup.user.c_str(),
-               setup.codec->name, setup.capturePath.empty() ? "" : ", keeping it in ", setup.capturePath.c_str());
+               static_cast<unsigned long long>(setup.id), setup.devIndex.c_str(), channel, setup.client.c_str(),
+               setup.user.c_str(), setup.codec->name, setup.capturePath.empty() ? "" : ", keeping it in ",
+               setup.capturePath.c_str());
     return 0;
 }
 

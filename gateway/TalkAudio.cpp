@@ -34,19 +34,19 @@ bool encode(const std::vector<int16_t>& samples, const TalkCodec& codec, std::st
         if (coder == nullptr) {
             return false;
         }
-        length = g711_encode(coder, bytes.data(), samples.data(), (int)samples.size());
+        length = g711_encode(coder, bytes.data(), samples.data(), static_cast<int>(samples.size()));
         g711_free(coder);
     } else if (strcmp(codec.name, "G726-16") == 0) {
         g726_state_t* coder = g726_init(nullptr, 16000, G726_ENCODING_LINEAR, G726_PACKING_LEFT);
         if (coder == nullptr) {
             return false;
         }
-        length = g726_encode(coder, bytes.data(), samples.data(), (int)samples.size());
+        length = g726_encode(coder, bytes.data(), samples.data(), static_cast<int>(samples.size()));
         g726_free(coder);
     } else {
         return false;
     }
-    out.assign(reinterpret_cast<const char*>(bytes.data()), (size_t)length);
+    out.assign(reinterpret_cast<const char*>(bytes.data()), static_cast<size_t>(length));
     return true;
 }
 
@@ -57,7 +57,7 @@ std::vector<int16_t> builtInTone()
     std::vector<int16_t> samples(kSampleRate, 0);
     const double pi = std::acos(-1.0);
     for (int i = 0; i < kSampleRate / 2; ++i) {
-        samples[i] = (int16_t)std::lround(8000.0 * std::sin(2.0 * pi * 440.0 * i / kSampleRate));
+        samples[i] = static_cast<int16_t>(std::lround(8000.0 * std::sin(2.0 * pi * 440.0 * i / kSampleRate)));
     }
     return samples;
 }
@@ -135,7 +135,7 @@ bool loadTalkSource(const std::string& path, const TalkCodec& codec, std::string
             return false;
         }
     }
-    if (audio.size() < (size_t)codec.packetBytes) {
+    if (audio.size() < static_cast<size_t>(codec.packetBytes)) {
         error = path + ": less than one packet of audio";
         return false;
     }

@@ -89,7 +89,7 @@ bool TalkDevices::load(const GatewayConfig& config, Logger& log, std::string& er
         log.logf(kLogInfo, "device %s talks on channel %d in %s (%s, %.1f s looped)%s%s", device.devIndex.c_str(),
                  talk.channel, talk.codec->name,
                  device.talk.source.empty() ? "built-in tone" : device.talk.source.c_str(),
-                 (double)audio->size() / talk.codec->bytesPerSecond,
+                 static_cast<double>(audio->size()) / talk.codec->bytesPerSecond,
                  talk.captureFolder.empty() ? "" : ", keeps what it hears in ", talk.captureFolder.c_str());
         m_devices.push_back(talk);
     }

@@ -29,7 +29,8 @@ bool TalkStream::prepare()
     std::string error;
     std::lock_guard<std::mutex> guard(m_captureLock);
     if (!m_capture.open(m_setup.capturePath, m_setup.codec->wavFormatTag, error)) {
-        m_log.logf(kLogError, "talk %llu: capture file refused: %s", (unsigned long long)m_setup.id, error.c_str());
+        m_log.logf(kLogError, "talk %llu: capture file refused: %s", static_cast<unsigned long long>(m_setup.id),
+                   error.c_str());
         return false;
     }
     return true;
@@ -96,7 +97,7 @@ void TalkStream::play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
     // Live audio at the codec's pace, looped; a packet nobody listens to is lost,
     // as a microphone's would be.
     const std::string& audio = *m_setup.audio;
-    const size_t packet = (size_t)m_setup.codec->packetBytes;
+    const size_t packet = static_cast<size_t>(m_setup.codec->packetBytes);
     const auto period =
         std::chrono::microseconds(1000000LL * m_setup.codec->packetBytes / m_setup.codec->bytesPerSecond);
     std::string block(packet, '\0');
@@ -109,7 +110,7 @@ void TalkStream::play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
             block[i] = audio[(offset + i) % audio.size()];
         }
         offset = (offset + packet) % audio.size();
-        if (server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], (int)packet) == 0) {
+        if (server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], static_cast<int>(packet)) == 0) {
             m_bytesToClient += packet;
         }
         next += period;
@@ -123,12 +124,12 @@ void TalkStream::input(const void* data, int length)
     if (data == nullptr || length <= 0) {
         return;
     }
-    m_bytesFromClient += (uint64_t)length;
+    m_bytesFromClient += static_cast<uint64_t>(length);
     std::lock_guard<std::mutex> guard(m_captureLock);
-    if (!m_setup.capturePath.empty() && !m_captureFailed && !m_capture.append(data, (size_t)length)) {
+    if (!m_setup.capturePath.empty() && !m_captureFailed && !m_capture.append(data, static_cast<size_t>(length))) {
         m_captureFailed = true;
         m_log.logf(kLogError, "talk %llu: %s cannot grow: %s; the rest of the talk is not kept",
-                   (unsigned long long)m_setup.id, m_capture.path().c_str(), strerror(errno));
+                   static_cast<unsigned long long>(m_setup.id), m_capture.path().c_str(), strerror(errno));
     }
 }
 
@@ -139,9 +140,10 @@ std::string TalkStream::summary(const char* outcome)
     snprintf(line, sizeof line,
              "talk %llu closed: device %s channel %d client \"%s\" user \"%s\" codec %s, %.1f s, %llu bytes to the "
              "client, %llu bytes from the client%s%s, %s",
-             (unsigned long long)m_setup.id, m_setup.devIndex.c_str(), m_setup.channel, m_setup.client.c_str(),
-             m_setup.user.c_str(), m_setup.codec->name, seconds, (unsigned long long)m_bytesToClient.load(),
-             (unsigned long long)m_bytesFromClient.load(), m_setup.capturePath.empty() ? "" : " kept in ",
+             static_cast<unsigned long long>(m_setup.id), m_setup.devIndex.c_str(), m_setup.channel,
+             m_setup.client.c_str(), m_setup.user.c_str(), m_setup.codec->name, seconds,
+             static_cast<unsigned long long>(m_bytesToClient.load()),
+             static_cast<unsigned long long>(m_bytesFromClient.load()), m_setup.capturePath.empty() ? "" : " kept in ",
              m_setup.capturePath.c_str(), outcome);
     return line;
 }

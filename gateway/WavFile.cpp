@@ -12,26 +12,28 @@ namespace {
 
 uint32_t readLe32(const std::string& bytes, size_t at)
 {
-    return (uint32_t)(uint8_t)bytes[at] | (uint32_t)(uint8_t)bytes[at + 1] << 8 |
-           (uint32_t)(uint8_t)bytes[at + 2] << 16 | (uint32_t)(uint8_t)bytes[at + 3] << 24;
+    return static_cast<uint32_t>(static_cast<uint8_t>(bytes[at])) |
+           static_cast<uint32_t>(static_cast<uint8_t>(bytes[at + 1])) << 8 |
+           static_cast<uint32_t>(static_cast<uint8_t>(bytes[at + 2])) << 16 |
+           static_cast<uint32_t>(static_cast<uint8_t>(bytes[at + 3])) << 24;
 }
 
 uint16_t readLe16(const std::string& bytes, size_t at)
 {
-    return (uint16_t)((uint8_t)bytes[at] | (uint8_t)bytes[at + 1] << 8);
+    return static_cast<uint16_t>(static_cast<uint8_t>(bytes[at]) | static_cast<uint8_t>(bytes[at + 1]) << 8);
 }
 
 void putLe32(unsigned char* out, uint32_t value)
 {
     for (int i = 0; i < 4; ++i) {
-        out[i] = (unsigned char)(value >> (8 * i));
+        out[i] = static_cast<unsigned char>(value >> (8 * i));
     }
 }
 
 void putLe16(unsigned char* out, uint16_t value)
 {
-    out[0] = (unsigned char)value;
-    out[1] = (unsigned char)(value >> 8);
+    out[0] = static_cast<unsigned char>(value);
+    out[1] = static_cast<unsigned char>(value >> 8);
 }
 
 // RIFF(4) size(4) WAVE(4) | "fmt " 18 | tag channels rate byteRate align bits cbSize | "fact" 4 samples | "data" size
@@ -65,10 +67,10 @@ bool readWavFile(const std::string& path, WavAudio& audio, std::string& error)
             haveFormat = true;
         } else if (kind == "data") {
             // A writer that stopped early leaves a size past the end: take what is there.
-            audio.data = bytes.substr(body, (size_t)std::min<uint64_t>(size, available));
+            audio.data = bytes.substr(body, static_cast<size_t>(std::min<uint64_t>(size, available)));
             haveData = true;
         }
-        at = body + (size_t)std::min<uint64_t>(size + (size & 1), available);
+        at = body + static_cast<size_t>(std::min<uint64_t>(size + (size & 1), available));
     }
     if (!haveFormat || !haveData) {
         error = path + ": no fmt or data chunk";
@@ -98,10 +100,10 @@ bool CaptureFile::open(const std::string& path, uint16_t formatTag, std::string&
 bool CaptureFile::writeHeader()
 {
     unsigned char header[kCaptureHeaderSize];
-    const uint32_t data = (uint32_t)m_bytes;
+    const uint32_t data = static_cast<uint32_t>(m_bytes);
     const uint32_t padded = data + (data & 1);
     memcpy(header, "RIFF", 4);
-    putLe32(header + 4, (uint32_t)(kCaptureHeaderSize - 8 + padded));
+    putLe32(header + 4, static_cast<uint32_t>(kCaptureHeaderSize - 8 + padded));
     memcpy(header + 8, "WAVEfmt ", 8);
     putLe32(header + 16, 18);
     putLe16(header + 20, m_formatTag);
@@ -116,7 +118,7 @@ bool CaptureFile::writeHeader()
     putLe32(header + 46, data);  // samples
     memcpy(header + 50, "data", 4);
     putLe32(header + 54, data);
-    return pwrite(m_fd, header, sizeof header, 0) == (ssize_t)sizeof header;
+    return pwrite(m_fd, header, sizeof header, 0) == static_cast<ssize_t>(sizeof header);
 }
 
 bool CaptureFile::append(const void* data, size_t length)
@@ -124,8 +126,8 @@ bool CaptureFile::append(const void* data, size_t length)
     if (m_fd < 0) {
         return false;
     }
-    const off_t at = (off_t)((m_formatTag != 0 ? kCaptureHeaderSize : 0) + m_bytes);
-    if (pwrite(m_fd, data, length, at) != (ssize_t)length) {
+    const off_t at = static_cast<off_t>((m_formatTag != 0 ? kCaptureHeaderSize : 0) + m_bytes);
+    if (pwrite(m_fd, data, length, at) != static_cast<ssize_t>(length)) {
         return false;
     }
     m_bytes += length;
@@ -141,7 +143,7 @@ void CaptureFile::close()
     if (m_formatTag != 0 && (m_bytes & 1) != 0) {
         // RIFF chunks are padded to an even length.
         const char pad = 0;
-        if (pwrite(m_fd, &pad, 1, (off_t)(kCaptureHeaderSize + m_bytes)) != 1) {
+        if (pwrite(m_fd, &pad, 1, static_cast<off_t>(kCaptureHeaderSize + m_bytes)) != 1) {
             // The file stays valid without the pad byte for every reader we know.
         }
     }

@@ -24,7 +24,7 @@ std::string readHeader(int handle, const char* name, size_t bufferSize)
 {
     std::string value(bufferSize, '\0');
     if (NET_HTTPSERVER_GetParamV2(handle, NET_HTTPSERVER_GET_REQUEST, NET_HTTPSERVER_SUB_HEADER, name,
-                                  (int)strlen(name), &value[0], (int)bufferSize) != 0) {
+                                  static_cast<int>(strlen(name)), &value[0], static_cast<int>(bufferSize)) != 0) {
         return std::string();  // an absent header leaves the field empty
     }
     value.resize(strlen(value.c_str()));
@@ -73,7 +73,7 @@ int CHttpSession::processAuth()
 
     char nonce[kNonceBuffer];
     memset(nonce, 0, sizeof nonce);
-    m_httpHelper.CreateNonce(nonce, (int)sizeof nonce);  // a failure leaves the nonce empty
+    m_httpHelper.CreateNonce(nonce, static_cast<int>(sizeof nonce));  // a failure leaves the nonce empty
     std::string realm;
     IProtocolWrapperUtilitySink* sink = __atomic_load_n(&g_pHttpProtocolWrapperUtilitySink, __ATOMIC_ACQUIRE);
     if (sink != nullptr) {
@@ -86,10 +86,10 @@ int CHttpSession::processAuth()
     // The staging and the reply are not checked: the session is released by the
     // manager either way.
     NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, "WWW-Authenticate", 16, challenge,
-                            (int)strlen(challenge));
+                            static_cast<int>(strlen(challenge)));
     NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, "Content-Type", 12, "application/json", 16);
-    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, body.c_str(), (int)body.size());
-    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_STATUS, nullptr, 0, &status, (int)sizeof status);
+    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, body.c_str(), static_cast<int>(body.size()));
+    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_STATUS, nullptr, 0, &status, static_cast<int>(sizeof status));
     NET_HTTPSERVER_Reply(handle, 0);
     return HPW_ERR_AUTH;
 }

@@ -105,7 +105,7 @@ std::string CHttpErrorHandler::getJSONResponseStatus(ZRT_INT32& errorNo, const J
     if (integerErrorCode(status, errorNo)) {
         return fastWrite(status);
     }
-    errorNo = (ZRT_INT32)kRestInternalError;
+    errorNo = static_cast<ZRT_INT32>(kRestInternalError);
     return statusText(kRestInternalError);
 }
 
@@ -151,8 +151,8 @@ tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildJSONReplyFromValue(const Json::
         return buildJSONReply(kRestInternalError);
     }
     ZRT_UINT32 httpStatus = 500;
-    getHttpStatusCodeByErrorNo((ZRT_UINT32)errorCode, httpStatus);
-    return tagRESPONSE_STATUS_REPLY{kContentTypeJSON, fastWrite(status), (ZRT_INT32)httpStatus};
+    getHttpStatusCodeByErrorNo(static_cast<ZRT_UINT32>(errorCode), httpStatus);
+    return tagRESPONSE_STATUS_REPLY{kContentTypeJSON, fastWrite(status), static_cast<ZRT_INT32>(httpStatus)};
 }
 
 tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildJSONReplyWithExtra(ZRT_UINT32 errorNo, const std::string& key,
@@ -166,7 +166,7 @@ tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildJSONReplyWithExtra(ZRT_UINT32 e
     status[key] = extra;
     // The group's HTTP status, without the 401 of getHttpStatusCodeByErrorNo:
     // this form has always answered 403 for "badAuthorization" (intended).
-    return tagRESPONSE_STATUS_REPLY{kContentTypeJSON, fastWrite(status), (ZRT_INT32)httpStatus};
+    return tagRESPONSE_STATUS_REPLY{kContentTypeJSON, fastWrite(status), static_cast<ZRT_INT32>(httpStatus)};
 }
 
 tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildXMLReply(ZRT_UINT32 errorNo, const std::string& requestURL)
@@ -176,7 +176,8 @@ tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildXMLReply(ZRT_UINT32 errorNo, co
     ZRT_UINT32 httpStatus = 200;
     Json::Value status;
     getResponseStatusByErrorNo(errorNo, status, httpStatus);
-    return tagRESPONSE_STATUS_REPLY{kContentTypeXML, getXMLResponseStatus(requestURL, status), (ZRT_INT32)httpStatus};
+    return tagRESPONSE_STATUS_REPLY{kContentTypeXML, getXMLResponseStatus(requestURL, status),
+                                    static_cast<ZRT_INT32>(httpStatus)};
 }
 
 std::string CHttpErrorHandler::getXMLResponseStatus(const std::string& requestURL, const Json::Value& status)
@@ -203,12 +204,14 @@ void CHttpErrorHandler::sendReply(ZRT_INT32 handle, const tagRESPONSE_STATUS_REP
 {
     // The HTTP server's results are not checked: there is no one left to tell
     // when the answer to the client cannot be sent.
-    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, kContentTypeHeader, (int)strlen(kContentTypeHeader),
-                            reply.pContentType, (int)strlen(reply.pContentType));
+    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, kContentTypeHeader,
+                            static_cast<int>(strlen(kContentTypeHeader)), reply.pContentType,
+                            static_cast<int>(strlen(reply.pContentType)));
     NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, reply.strBody.data(),
-                            (int)reply.strBody.size());
+                            static_cast<int>(reply.strBody.size()));
     ZRT_INT32 httpStatus = reply.iHttpStatus;
-    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_STATUS, nullptr, 0, &httpStatus, (int)sizeof(httpStatus));
+    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_STATUS, nullptr, 0, &httpStatus,
+                            static_cast<int>(sizeof(httpStatus)));
     NET_HTTPSERVER_Reply(handle, 0);
 }
 
@@ -217,7 +220,7 @@ std::string CHttpErrorHandler::readRequestURL(ZRT_INT32 handle)
     NET_HTTPSERVER_REQUEST_PARAM request;
     memset(&request, 0, sizeof(request));
     NET_HTTPSERVER_GetParamV2(handle, NET_HTTPSERVER_GET_REQUEST, NET_HTTPSERVER_SUB_PARAMS, nullptr, 0, &request,
-                              (int)sizeof(request));
+                              static_cast<int>(sizeof(request)));
     // Bounded: the server terminates the URL, but a failed call leaves zeros only.
     return std::string(request.szUrl, strnlen(request.szUrl, sizeof(request.szUrl)));
 }

@@ -97,10 +97,10 @@ int getResponseStatusByErrorNo(ZRT_UINT32 errorNo, Json::Value& status, ZRT_UINT
         return 0;
     }
     status = Json::Value();
-    status["statusCode"] = Json::UInt(groupNo);
+    status["statusCode"] = static_cast<Json::UInt>(groupNo);
     status["statusString"] = group->pStatusString;
     status["subStatusCode"] = row->pSubStatusName;
-    status["errorCode"] = Json::UInt(errorNo);
+    status["errorCode"] = static_cast<Json::UInt>(errorNo);
     // A row without a message still carries the key, as an empty string.
     status["errorMsg"] = row->pErrorMsg != nullptr ? row->pErrorMsg : "";
     httpStatus = group->uHttpStatus;

@@ -55,7 +55,7 @@ CAsyncRequestQueue::PushResult CAsyncRequestQueue::push(const tagAsyncReq& req, 
             delete job;
             return NO_DATA_MEMORY;
         }
-        memcpy(job->pData, req.pData, (size_t)req.iDataLen);
+        memcpy(job->pData, req.pData, static_cast<size_t>(req.iDataLen));
         job->pData[req.iDataLen] = '\0';
         job->iDataLen = req.iDataLen;
     }
@@ -99,7 +99,7 @@ tagAsyncReq* CAsyncRequestQueue::pop(ZRT_UINT32 waitMs)
 int CAsyncRequestQueue::size()
 {
     ZRT_Guard guard(m_mutex);
-    return (int)m_jobs.size();
+    return static_cast<int>(m_jobs.size());
 }
 
 void CAsyncRequestQueue::freeJob(tagAsyncReq* job)

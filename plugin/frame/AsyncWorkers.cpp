@@ -107,7 +107,7 @@ bool CHttpServerWrapper::runAsyncReq(tagAsyncReq* req, ZRT_UINT64 nowMs)
     if (!run) {
         // A dropped destroy job is not retried: the time-out checks catch the
         // session later.
-        HPW_LOGI("[timeDiff=%ld]Throw timeout request", (long)age);
+        HPW_LOGI("[timeDiff=%ld]Throw timeout request", static_cast<long>(age));
     } else {
         CHttpSessionMgr* sessions = singleton<CHttpSessionMgr>::instance();
         CHttpUnstandardSessionMgr* rawSessions = singleton<CHttpUnstandardSessionMgr>::instance();

@@ -7,13 +7,13 @@ namespace HttpWrapper {
 void CErrorCodeManager::SetErrCode(int code)
 {
     ZRT_Guard guard(m_mutex);
-    m_errCodes[(unsigned long)pthread_self()] = code;
+    m_errCodes[static_cast<unsigned long>(pthread_self())] = code;
 }
 
 int CErrorCodeManager::GetErrCode()
 {
     ZRT_Guard guard(m_mutex);
-    auto found = m_errCodes.find((unsigned long)pthread_self());
+    auto found = m_errCodes.find(static_cast<unsigned long>(pthread_self()));
     return found == m_errCodes.end() ? 0 : found->second;
 }
 

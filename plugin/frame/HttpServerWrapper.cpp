@@ -53,7 +53,7 @@ bool CHttpServerWrapper::parseServerUrl(const std::string& url, std::string& sch
 
     std::vector<std::string> authority;
     if (Split(items[0], std::vector<std::string>{":"}, authority, -1) == 2 && m_usHttpPort == 0) {
-        m_usHttpPort = (unsigned short)ZRT_Atoi32(authority[1].c_str());
+        m_usHttpPort = static_cast<unsigned short>(ZRT_Atoi32(authority[1].c_str()));
         params.insert(std::make_pair(std::string("httpPort"), authority[1]));  // a query value overrides it
     }
     for (size_t i = 1; i < items.size(); ++i) {
@@ -171,7 +171,7 @@ int CHttpServerWrapper::Send(PROTOCOL_WRAPPER::IServerData* data, int index, int
 int CHttpServerWrapper::getSessionCount()
 {
     return singleton<CHttpSessionMgr>::instance()->getDownloadNum() +
-           (int)singleton<CAudioTalkSessionMgr>::instance()->getTalkSessionCount();
+           static_cast<int>(singleton<CAudioTalkSessionMgr>::instance()->getTalkSessionCount());
 }
 
 }  // namespace HttpWrapper

@@ -6,10 +6,12 @@
 
 #include <wlog/wlog.h>
 
-#define HPW_LOGE(code, fmt, ...) \
-    wlog_format(5, "STREAMerror", "[%s(%d)] [0x%08x] - " fmt, __FUNCTION__, __LINE__, (unsigned)(code), ##__VA_ARGS__)
-#define HPW_LOGW(code, fmt, ...) \
-    wlog_format(4, "STREAMwarn", "[%s(%d)] [0x%08x] - " fmt, __FUNCTION__, __LINE__, (unsigned)(code), ##__VA_ARGS__)
+#define HPW_LOGE(code, fmt, ...)                                                                                   \
+    wlog_format(5, "STREAMerror", "[%s(%d)] [0x%08x] - " fmt, __FUNCTION__, __LINE__, static_cast<unsigned>(code), \
+                ##__VA_ARGS__)
+#define HPW_LOGW(code, fmt, ...)                                                                                  \
+    wlog_format(4, "STREAMwarn", "[%s(%d)] [0x%08x] - " fmt, __FUNCTION__, __LINE__, static_cast<unsigned>(code), \
+                ##__VA_ARGS__)
 #define HPW_LOGI(fmt, ...) wlog_format(3, "STREAMinfo", "[%s(%d)] - " fmt, __FUNCTION__, __LINE__, ##__VA_ARGS__)
 #define HPW_LOGD(fmt, ...) wlog_format(2, "STREAMdebug", "[%s(%d)] - " fmt, __FUNCTION__, __LINE__, ##__VA_ARGS__)
 

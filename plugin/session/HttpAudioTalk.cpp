@@ -74,7 +74,7 @@ int CHttpSession::processQumexAudioTalkOpen(char* body, int length)
         return -1;
     }
 
-    std::string sessionId = std::to_string((unsigned int)ZRT_Rand());
+    std::string sessionId = std::to_string(static_cast<unsigned int>(ZRT_Rand()));
     std::shared_ptr<CQumexAudioTalkSession> talk;
     CQumexAudioTalkSession* created = new (std::nothrow) CQumexAudioTalkSession(m_pProtocolFilterChain, m_pServerSink);
     if (created != nullptr) {
@@ -111,7 +111,7 @@ int CHttpSession::processQumexAudioTalkOpen(char* body, int length)
     xml.AddElem("sessionId", sessionId.c_str());
     std::string document = xml.GetDoc();
     m_ullFileLen = document.size();
-    if (sendReply(200, document.c_str(), (int)document.size(), "xml") == -1) {
+    if (sendReply(200, document.c_str(), static_cast<int>(document.size()), "xml") == -1) {
         m_errorHandler.renderXMLResponseStatus(m_iHttpHandle, kRestInternalError);
         talk->stop();
         talks->removeSession(m_strPlaybackURI);

@@ -49,7 +49,7 @@ int CHttpSession::processDownloadRequest(char* body, int length)
     }
 
     if (convertToRtspProcess(true) != 0) {
-        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, (unsigned int)GetErrorCode());
+        m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, static_cast<unsigned int>(GetErrorCode()));
         return -1;
     }
     m_iDownloadCounted = 1;

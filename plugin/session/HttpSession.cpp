@@ -32,9 +32,9 @@ int CHttpSession::init(int httpHandle)
         HPW_LOGE(HPW_ERR_STATUS, "Http session status error, status=%d", m_iState.load());
         return HPW_ERR_STATUS;
     }
-    if ((unsigned int)httpHandle < 0xFFFFFFFFu) {
+    if (static_cast<unsigned int>(httpHandle) < 0xFFFFFFFFu) {
         if (NET_HTTPSERVER_GetParamV2(httpHandle, NET_HTTPSERVER_GET_REQUEST, NET_HTTPSERVER_SUB_PARAMS, nullptr, 0,
-                                      &m_requestParam, (int)sizeof m_requestParam) != 0) {
+                                      &m_requestParam, static_cast<int>(sizeof m_requestParam)) != 0) {
             HPW_LOGE(HPW_ERR_NETUTILS, "Get http request parameter fail");
             return HPW_ERR_NETUTILS;
         }

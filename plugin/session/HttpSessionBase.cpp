@@ -62,7 +62,7 @@ std::string CHttpSessionBase::getHttpXmlResponse(unsigned int errorNo, const std
     getHttpStatusCodeByErrorNo(errorNo, httpStatus);
 
     CmkTinyXMLConverter xml;
-    xml.AddElem("ResponseStatus", (const char*)nullptr, 0);
+    xml.AddElem("ResponseStatus", static_cast<const char*>(nullptr), 0);
     xml.AddAttrib("version", "2.0");
     xml.AddAttrib("xmlns", XMLNS_DEVICE_API_2_0);
     xml.IntoElem();
@@ -103,7 +103,7 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
     text += "User-Agent: httpClient\r\n";
     text += "\r\n";
 
-    if (m_request.ParseRequest(&text[0], (int)text.size()) == 0) {
+    if (m_request.ParseRequest(&text[0], static_cast<int>(text.size())) == 0) {
         // Reported through the error code only; callers go on (kept as the
         // gateway has always seen it).
         HPW_LOGE(HPW_ERR_RTSP_PARSE, "CovertToRtspProcess fail, cProtocolRequest ParseMsg fail, request:%s",
@@ -122,7 +122,7 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
     line->SetProtocolURL(url.c_str());
 
     int result = m_pProtocolFilterChain != nullptr ? m_pProtocolFilterChain->Request(&m_request, 0, this)
-                                                   : (int)HPW_ERR_NO_FILTER;
+                                                   : static_cast<int>(HPW_ERR_NO_FILTER);
     if (result != 0) {
         HPW_LOGE(result, "CovertToRtspProcess fail, m_pProtocolFilterChainSink Request fail");
         SetErrorCode(result);
@@ -132,14 +132,14 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
 
     if (singleton<CHttpSessionMgr>::instance()->getDownloadNum() >= kMaxDownloads) {
         HPW_LOGE(kRestReachDownloadLimit, "Download reach max number, pszUrl == %s", m_strPlaybackURI.c_str());
-        SetErrorCode((int)kRestReachDownloadLimit);
+        SetErrorCode(static_cast<int>(kRestReachDownloadLimit));
         SetStatusCode(500);
-        return (int)kRestReachDownloadLimit;
+        return static_cast<int>(kRestReachDownloadLimit);
     }
 
     result = m_pServerSink != nullptr ? m_pServerSink->OnOpen(GetFilterURL(), GetMediaURL(),
                                                               static_cast<ISessionInterface*>(this), &m_pSessionHandle)
-                                      : (int)HPW_ERR_NO_FILTER;
+                                      : static_cast<int>(HPW_ERR_NO_FILTER);
     if (result != 0) {
         HPW_LOGE(result, "m_pServerSink OnOpen fail, pszUrl == %s", text.c_str());
         SetErrorCode(result);

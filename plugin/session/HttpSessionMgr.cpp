@@ -67,9 +67,9 @@ int CHttpSessionMgr::init(ServerParams& params)
     NET_HTTPSERVER_LISTEN_PARAM listen;
     memset(&listen, 0, sizeof listen);
     strncpy(listen.szAddress, kListenAddress, sizeof listen.szAddress - 1);
-    listen.wPort = (uint16_t)CHttpServerWrapper::getIntParam(params, "httpPort");
-    listen.dwSendTimeout = (uint32_t)timeoutParam(params, "sendTimeout", kDefaultSendTimeoutMs);
-    listen.dwRecvTimeout = (uint32_t)timeoutParam(params, "recvTimeout", kDefaultRecvTimeoutMs);
+    listen.wPort = static_cast<uint16_t>(CHttpServerWrapper::getIntParam(params, "httpPort"));
+    listen.dwSendTimeout = static_cast<uint32_t>(timeoutParam(params, "sendTimeout", kDefaultSendTimeoutMs));
+    listen.dwRecvTimeout = static_cast<uint32_t>(timeoutParam(params, "recvTimeout", kDefaultRecvTimeoutMs));
     listen.fnCallback = fnHttpServerDataCB;
     listen.pUser = this;
 
@@ -114,7 +114,7 @@ int CHttpSessionMgr::fini()
     getInvalidHandleQueue(handles);
     for (long handle : handles) {
         HPW_LOGD("close http handle:%ld", handle);
-        NET_HTTPSERVER_Close((int)handle, 1);
+        NET_HTTPSERVER_Close(static_cast<int>(handle), 1);
     }
     NET_UTILS_Fini();
     m_iInit = 0;
@@ -140,7 +140,7 @@ void CHttpSessionMgr::fnHttpServerDataCB(int handle, void* event, void* user)
         req.iCmdType = ASYNC_HTTP_CREATE;
         req.lHttpHandle = handle;
         req.pData = const_cast<char*>(info->pData);
-        req.iDataLen = (int)info->dwDataLen;
+        req.iDataLen = static_cast<int>(info->dwDataLen);
         singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
     } else if (info->dwType >= NET_HTTPSERVER_EVENT_REFUSED_MIN && info->dwType <= NET_HTTPSERVER_EVENT_REFUSED_MAX) {
         HPW_LOGE(HPW_ERR_REFUSED_EVENT, "http server callback parameter error");
@@ -173,7 +173,7 @@ void* CHttpSessionMgr::fnAsynRelaseHandleThread(void* manager)
         std::deque<long> handles;
         self->getInvalidHandleQueue(handles);
         for (long handle : handles) {
-            NET_HTTPSERVER_Close((int)handle, 1);
+            NET_HTTPSERVER_Close(static_cast<int>(handle), 1);
         }
     }
     HPW_LOGD("Http async release handle thread exit");
@@ -201,7 +201,7 @@ int CHttpSessionMgr::processHttpCreate(tagAsyncReq* req)
         }
         return HPW_ERR_NO_MEMORY;
     }
-    if (session->init((int)req->lHttpHandle) != 0) {
+    if (session->init(static_cast<int>(req->lHttpHandle)) != 0) {
         session->fini();
         return HPW_ERR_SESSION_INIT;
     }
@@ -240,10 +240,10 @@ int CHttpSessionMgr::processHttpDestroy(tagAsyncReq* req)
         HPW_LOGE(HPW_ERR_PARAM, "Http destroy parameter error");
         return HPW_ERR_PARAM;
     }
-    HPW_LOGD("[handle=%d]start destroy http session", (int)req->lHttpHandle);
+    HPW_LOGD("[handle=%d]start destroy http session", static_cast<int>(req->lHttpHandle));
     std::shared_ptr<CHttpSession> session = removeSession(req->lHttpHandle);
     if (!session) {
-        HPW_LOGE(HPW_ERR_SESSION_NOT_FOUND, "[handle=%d]Http session not found!", (int)req->lHttpHandle);
+        HPW_LOGE(HPW_ERR_SESSION_NOT_FOUND, "[handle=%d]Http session not found!", static_cast<int>(req->lHttpHandle));
         return HPW_ERR_SESSION_NOT_FOUND;
     }
     return session->fini();
@@ -251,7 +251,7 @@ int CHttpSessionMgr::processHttpDestroy(tagAsyncReq* req)
 
 int CHttpSessionMgr::addSession(long handle, std::shared_ptr<CHttpSession> session)
 {
-    int key = (int)handle;
+    int key = static_cast<int>(handle);
     {
         ZRT_Guard guard(m_sessionMutex);
         if (m_sessions.find(key) == m_sessions.end()) {
@@ -267,14 +267,14 @@ int CHttpSessionMgr::addSession(long handle, std::shared_ptr<CHttpSession> sessi
 std::shared_ptr<CHttpSession> CHttpSessionMgr::getSession(long handle)
 {
     ZRT_Guard guard(m_sessionMutex);
-    auto found = m_sessions.find((int)handle);
+    auto found = m_sessions.find(static_cast<int>(handle));
     return found == m_sessions.end() ? std::shared_ptr<CHttpSession>() : found->second;
 }
 
 std::shared_ptr<CHttpSession> CHttpSessionMgr::removeSession(long handle)
 {
     ZRT_Guard guard(m_sessionMutex);
-    auto found = m_sessions.find((int)handle);
+    auto found = m_sessions.find(static_cast<int>(handle));
     if (found == m_sessions.end()) {
         return std::shared_ptr<CHttpSession>();
     }
@@ -286,7 +286,7 @@ std::shared_ptr<CHttpSession> CHttpSessionMgr::removeSession(long handle)
 int CHttpSessionMgr::getHttpSessionCount()
 {
     ZRT_Guard guard(m_sessionMutex);
-    return (int)m_sessions.size();
+    return static_cast<int>(m_sessions.size());
 }
 
 void CHttpSessionMgr::addInvalidHandle(long handle)

@@ -23,13 +23,13 @@ const size_t kFileLengthLowOffset = 1616;
 
 bool stageHeader(int handle, const char* name, const std::string& value)
 {
-    return NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, name, (int)strlen(name), value.c_str(),
-                                   (int)value.size()) == 0;
+    return NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, name, static_cast<int>(strlen(name)),
+                                   value.c_str(), static_cast<int>(value.size())) == 0;
 }
 
 bool stageInt(int handle, int kind, int value)
 {
-    return NET_HTTPSERVER_SetParam(handle, kind, nullptr, 0, &value, (int)sizeof value) == 0;
+    return NET_HTTPSERVER_SetParam(handle, kind, nullptr, 0, &value, static_cast<int>(sizeof value)) == 0;
 }
 }  // namespace
 
@@ -40,8 +40,9 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
         HPW_LOGD("Http download get STREAM_INFO");
         bool validIndex = index >= 0 && index < kStreamInfoSlots;
         // A block is never copied past its record, whatever length the gateway gives.
-        size_t copy =
-            data == nullptr || length <= 0 ? 0 : (size_t)(length < kStreamInfoSize ? length : kStreamInfoSize);
+        size_t copy = data == nullptr || length <= 0
+                          ? 0
+                          : static_cast<size_t>(length < kStreamInfoSize ? length : kStreamInfoSize);
         if (m_iWaitFirstInfo != 0) {
             if (validIndex && index == m_iStreamInfoCount && m_iStreamInfoCount <= 3) {
                 if (copy != 0) {
@@ -56,8 +57,8 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
                 memcpy(&high, m_streamInfo[index] + kFileLengthHighOffset, sizeof high);
                 memcpy(&low, m_streamInfo[index] + kFileLengthLowOffset, sizeof low);
             }
-            m_ullFileLen = CReplyFraming::announcedLength(((unsigned long long)high << 32) | low);
-            HPW_LOGD("[fileLen = %d]Http download get file len", (int)m_ullFileLen.load());
+            m_ullFileLen = CReplyFraming::announcedLength((static_cast<unsigned long long>(high) << 32) | low);
+            HPW_LOGD("[fileLen = %d]Http download get file len", static_cast<int>(m_ullFileLen.load()));
             sendHead(200);
         } else if (validIndex && m_iStreamInfoCount > index && copy != 0) {
             // A later block refreshes a stored record and changes nothing else.
@@ -72,7 +73,7 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
         std::string end = m_framing.end();
         int notSent = 0;
         if (!end.empty() && m_iEndSent.compare_exchange_strong(notSent, 1)) {
-            m_httpHelper.response(m_iHttpHandle, end.data(), (int)end.size());
+            m_httpHelper.response(m_iHttpHandle, end.data(), static_cast<int>(end.size()));
         }
         return 0;
     }
@@ -88,7 +89,7 @@ int CHttpSession::sendStream(void* data, int length)
     // not checked: a failure shows in the block's own reply).
     std::string prefix = m_framing.blockPrefix(length);
     if (!prefix.empty()) {
-        m_httpHelper.response(handle, prefix.data(), (int)prefix.size());
+        m_httpHelper.response(handle, prefix.data(), static_cast<int>(prefix.size()));
     }
 
     int result = 0;
@@ -143,7 +144,7 @@ int CHttpSession::sendStream(void* data, int length)
     }
     std::string suffix = m_framing.blockSuffix();
     if (!suffix.empty()) {
-        m_httpHelper.response(handle, suffix.data(), (int)suffix.size());
+        m_httpHelper.response(handle, suffix.data(), static_cast<int>(suffix.size()));
     }
     return result;
 }

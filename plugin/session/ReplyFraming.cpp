@@ -36,7 +36,7 @@ std::string CReplyFraming::decToHex(int value)
 {
     static const char kDigits[] = "0123456789ABCDEF";
     std::string hex;
-    for (unsigned int rest = value > 0 ? (unsigned int)value : 0; rest != 0; rest >>= 4) {
+    for (unsigned int rest = value > 0 ? static_cast<unsigned int>(value) : 0; rest != 0; rest >>= 4) {
         hex.insert(hex.begin(), kDigits[rest & 0xF]);
     }
     return hex;

@@ -55,7 +55,7 @@ int rtspStatusCode(int status)
     if (status < 0 || status > 99) {
         return status;
     }
-    const int entries = (int)(sizeof g_rtspStatusTable / sizeof g_rtspStatusTable[0]);
+    const int entries = static_cast<int>(sizeof g_rtspStatusTable / sizeof g_rtspStatusTable[0]);
     return status < entries ? g_rtspStatusTable[status].code : -1;
 }
 

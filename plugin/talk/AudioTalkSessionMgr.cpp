@@ -90,7 +90,7 @@ int CAudioTalkSessionMgr::checkSession(std::string& url, std::string& sessionId)
 unsigned int CAudioTalkSessionMgr::getTalkSessionCount()
 {
     ZRT_Guard guard(m_mutex);
-    return (unsigned int)m_sessions.size();
+    return static_cast<unsigned int>(m_sessions.size());
 }
 
 void CAudioTalkSessionMgr::timeOutCheck()
@@ -100,8 +100,8 @@ void CAudioTalkSessionMgr::timeOutCheck()
     ZRT_Guard guard(m_mutex);
     for (auto& entry : m_sessions) {
         CQumexAudioTalkSession* session = entry.second.get();
-        unsigned int deviceIdle = (unsigned int)session->getTimeoutCount();
-        unsigned int clientIdle = (unsigned int)session->getRecvTimeoutCount();
+        unsigned int deviceIdle = static_cast<unsigned int>(session->getTimeoutCount());
+        unsigned int clientIdle = static_cast<unsigned int>(session->getRecvTimeoutCount());
         if (deviceIdle >= kIdlePasses || clientIdle >= kIdlePasses) {
             // The counters are left as they are: every later pass pushes another
             // destroy until the talk is gone.
@@ -110,7 +110,7 @@ void CAudioTalkSessionMgr::timeOutCheck()
             req.strKey = entry.first;
             req.pSession = session;
             HPW_LOGD("[strMediaUrl = %s, getTimeoutCount() = %d, getRecvTimeoutCount = %d]device timeOutCheck",
-                     entry.first.c_str(), (int)deviceIdle, (int)clientIdle);
+                     entry.first.c_str(), static_cast<int>(deviceIdle), static_cast<int>(clientIdle));
             singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
         } else {
             session->increaseTimeoutCount();

@@ -39,18 +39,18 @@ int CHttpParser::IsEnd(const char* data, int length, bool simple)
         return -1;
     }
     size_t textLength = strlen(data);
-    if (textLength < (size_t)kMinRequestLength) {
+    if (textLength < static_cast<size_t>(kMinRequestLength)) {
         return -1;
     }
     const char* blank = strstr(data, "\r\n\r\n");
     if (blank == nullptr) {
         return -1;
     }
-    size_t headLength = (size_t)(blank - data) + 4;
+    size_t headLength = static_cast<size_t>(blank - data) + 4;
     if (headLength > textLength) {
         return -1;
     }
-    m_iHeadLen = (int)headLength;
+    m_iHeadLen = static_cast<int>(headLength);
 
     // Searched in the whole text, body included, as the audio clients expect.
     const char* contentLength = strstr(data, kContentLength);
@@ -61,10 +61,10 @@ int CHttpParser::IsEnd(const char* data, int length, bool simple)
     // strtol saturates where atol would overflow; the comparison is made so
     // that no sum can overflow either, whatever number a client writes.
     long bodyLength = strtol(contentLength + sizeof kContentLength - 1, nullptr, 10);
-    if (bodyLength < 0 || bodyLength > (long)length - m_iHeadLen) {
+    if (bodyLength < 0 || bodyLength > static_cast<long>(length) - m_iHeadLen) {
         return 1;
     }
-    m_iTotalLen = m_iHeadLen + (int)bodyLength;
+    m_iTotalLen = m_iHeadLen + static_cast<int>(bodyLength);
     if (simple) {
         return 0;
     }
@@ -72,7 +72,7 @@ int CHttpParser::IsEnd(const char* data, int length, bool simple)
     // The header keeps two bytes past the blank line, as it always did.
     size_t headerCopy = headLength + 2 <= textLength ? headLength + 2 : textLength;
     m_strHeader.assign(data, headerCopy);
-    m_strBody.assign(data + headLength, (size_t)bodyLength);
+    m_strBody.assign(data + headLength, static_cast<size_t>(bodyLength));
 
     std::vector<std::string> lines;
     Split(m_strHeader, std::vector<std::string>{"\r\n"}, lines, 0x7FFFFFFF);
@@ -88,12 +88,12 @@ int CHttpParser::IsEnd(const char* data, int length, bool simple)
 
 int CHttpParser::SimpleParse(const char* data, unsigned int length)
 {
-    return IsEnd(data, (int)length, true) == 0 ? 0 : 1;
+    return IsEnd(data, static_cast<int>(length), true) == 0 ? 0 : 1;
 }
 
 int CHttpParser::Parse(const char* data, unsigned int length)
 {
-    if (IsEnd(data, (int)length, false) != 0) {
+    if (IsEnd(data, static_cast<int>(length), false) != 0) {
         return 1;
     }
     if (m_iTotalLen > kMaxRequestSize) {
@@ -112,7 +112,7 @@ bool CHttpParser::GetBaseInfo(const char* data)
     if (space == nullptr || crlf == nullptr || crlf <= space) {
         return false;
     }
-    size_t methodLength = (size_t)(space - data);
+    size_t methodLength = static_cast<size_t>(space - data);
     if (methodLength < 1 || methodLength > kMaxMethodLength) {
         return false;
     }
@@ -120,12 +120,12 @@ bool CHttpParser::GetBaseInfo(const char* data)
     if (version == nullptr || version <= space) {
         return false;
     }
-    long urlLength = (long)(version - space) - 2;
-    if (urlLength < 1 || urlLength > (long)kMaxUrlLength) {
+    long urlLength = (version - space) - 2;
+    if (urlLength < 1 || urlLength > static_cast<long>(kMaxUrlLength)) {
         return false;
     }
     m_strMethod.assign(data, methodLength);
-    m_strUrl.assign(space + 1, (size_t)urlLength);
+    m_strUrl.assign(space + 1, static_cast<size_t>(urlLength));
     return true;
 }
 

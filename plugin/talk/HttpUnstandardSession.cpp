@@ -156,7 +156,7 @@ void CHttpUnstandardSession::postReceive()
     }
     int space = m_cycleBuffer.nSize - m_cycleBuffer.nWrite;
     if (space <= 0 || m_pTransmitter->RecvData(m_cycleBuffer.pBuf + m_cycleBuffer.nWrite, space,
-                                               (void*)fnHttpUnstandardSessionRecv, this) != 0) {
+                                               reinterpret_cast<void*>(fnHttpUnstandardSessionRecv), this) != 0) {
         pushDestroyReq();
     }
 }
@@ -214,13 +214,14 @@ void CHttpUnstandardSession::fnHttpUnstandardSessionRecv(unsigned long error, un
         return;
     }
     CYCLE_BUFFER& buffer = self->m_cycleBuffer;
-    buffer.nWrite += (int)bytes;
+    buffer.nWrite += static_cast<int>(bytes);
     self->m_iTimeoutCount.store(0);
     if (self->m_iRequestComplete != 0) {
-        HPW_LOGI("Receive unknown data, data len=%d", (int)bytes);
+        HPW_LOGI("Receive unknown data, data len=%d", static_cast<int>(bytes));
         return;
     }
-    if (self->m_parser.SimpleParse(buffer.pBuf + buffer.nRead, (unsigned int)(buffer.nWrite - buffer.nRead)) != 0) {
+    if (self->m_parser.SimpleParse(buffer.pBuf + buffer.nRead,
+                                   static_cast<unsigned int>(buffer.nWrite - buffer.nRead)) != 0) {
         // No request of the channel is larger than the parser's limit: one that
         // has not ended by then never will be a valid one.
         if (buffer.nWrite - buffer.nRead > CHttpParser::kMaxRequestSize) {
@@ -231,7 +232,8 @@ void CHttpUnstandardSession::fnHttpUnstandardSessionRecv(unsigned long error, un
         }
         return;
     }
-    if (self->m_parser.Parse(buffer.pBuf + buffer.nRead, (unsigned int)(buffer.nWrite - buffer.nRead)) != 0) {
+    if (self->m_parser.Parse(buffer.pBuf + buffer.nRead, static_cast<unsigned int>(buffer.nWrite - buffer.nRead)) !=
+        0) {
         // Too large, a bad request line or a malformed header: refused, and the
         // connection dropped.
         self->sendRaw(kBadRequestReply);
@@ -305,7 +307,7 @@ int CHttpUnstandardSession::processAuth()
         m_requestParam.szNonce[0] == '\0') {
         char nonce[kNonceBuffer];
         memset(nonce, 0, sizeof nonce);
-        m_httpHelper.CreateNonce(nonce, (int)sizeof nonce);
+        m_httpHelper.CreateNonce(nonce, static_cast<int>(sizeof nonce));
         std::string realm;
         IProtocolWrapperUtilitySink* sink = __atomic_load_n(&g_pHttpProtocolWrapperUtilitySink, __ATOMIC_ACQUIRE);
         if (sink != nullptr) {
@@ -427,7 +429,7 @@ int CHttpUnstandardSession::processQumexAudioTalkPut(char* body, int length)
     int headLength = m_parser.GetHeadLen();
     int following = m_cycleBuffer.nWrite - headLength;
     if (following > 0) {
-        memmove(m_cycleBuffer.pBuf, m_cycleBuffer.pBuf + headLength, (size_t)following);
+        memmove(m_cycleBuffer.pBuf, m_cycleBuffer.pBuf + headLength, static_cast<size_t>(following));
     }
     m_cycleBuffer.nWrite = following > 0 ? following : 0;
     m_cycleBuffer.nRead = 0;
@@ -453,7 +455,7 @@ int CHttpUnstandardSession::sendRaw(const std::string& reply)
         return -1;
     }
     m_strReply = reply;
-    return m_pTransmitter->SendData(&m_strReply[0], (int)m_strReply.size(), nullptr, nullptr, 0);
+    return m_pTransmitter->SendData(&m_strReply[0], static_cast<int>(m_strReply.size()), nullptr, nullptr, 0);
 }
 
 int CHttpUnstandardSession::replyXml(unsigned int errorNo, const std::string& extraHeaders)

@@ -46,7 +46,7 @@ int CHttpUnstandardSessionMgr::startListen(const char* url, PROTOCOL_WRAPPER::IS
     m_iStarted = 1;
     m_iRunning = 1;
     m_iListenPort = getIntParam(params, "audioTalkPort");
-    m_iListenSocket = Listen(kListenAddress, (unsigned short)m_iListenPort);
+    m_iListenSocket = Listen(kListenAddress, static_cast<unsigned short>(m_iListenPort));
     if (m_iListenSocket == -1) {
         return HPW_ERR_LISTEN;  // Listen logged why
     }
@@ -235,7 +235,7 @@ std::shared_ptr<CHttpUnstandardSession> CHttpUnstandardSessionMgr::getSession(in
 int CHttpUnstandardSessionMgr::getSessionCount()
 {
     ZRT_Guard guard(m_mutex);
-    return (int)m_sessions.size();
+    return static_cast<int>(m_sessions.size());
 }
 
 void CHttpUnstandardSessionMgr::timeOutCheck()

@@ -99,7 +99,7 @@ int CQumexAudioTalkSession::convertToRtspProcess(const std::string& rtspUrl)
     text += "User-Agent: httpClient\r\n";
     text += "\r\n";
 
-    if (m_request.ParseRequest(&text[0], (int)text.size()) == 0) {
+    if (m_request.ParseRequest(&text[0], static_cast<int>(text.size())) == 0) {
         // Recorded in the error code only, and the talk counts as started: the
         // gateway has always seen it so.
         HPW_LOGE(HPW_ERR_RTSP_PARSE, "CovertToRtspProcess fail, cProtocolRequest ParseMsg fail, request:%s",
@@ -112,7 +112,7 @@ int CQumexAudioTalkSession::convertToRtspProcess(const std::string& rtspUrl)
     int result =
         m_pProtocolFilterChain != nullptr
             ? m_pProtocolFilterChain->Request(&m_request, 0, static_cast<PROTOCOL_FILTER::IConnectContext*>(this))
-            : (int)HPW_ERR_NO_FILTER;
+            : static_cast<int>(HPW_ERR_NO_FILTER);
     if (result != 0) {
         HPW_LOGE(result, "CovertToRtspProcess fail, m_pProtocolFilterChainSink Request fail");
         SetErrorCode(result);
@@ -122,7 +122,7 @@ int CQumexAudioTalkSession::convertToRtspProcess(const std::string& rtspUrl)
 
     result = m_pServerSink != nullptr ? m_pServerSink->OnOpen(GetFilterURL(), GetMediaURL(),
                                                               static_cast<ISessionInterface*>(this), &m_pSinkHandle)
-                                      : (int)HPW_ERR_NO_FILTER;
+                                      : static_cast<int>(HPW_ERR_NO_FILTER);
     if (result != 0) {
         HPW_LOGE(result, "m_pServerSink OnOpen fail, pszUrl == %s", text.c_str());
         SetErrorCode(result);
@@ -193,7 +193,7 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
             if (index >= 0 && index == m_iStreamHeaderCount && m_iStreamHeaderCount < kStreamHeaderSlots) {
                 if (data != nullptr && length > 0) {
                     memcpy(m_streamHeaders[index], data,
-                           (size_t)(length < kStreamHeaderSize ? length : kStreamHeaderSize));
+                           static_cast<size_t>(length < kStreamHeaderSize ? length : kStreamHeaderSize));
                 }
                 m_iStreamHeaderCount++;
             }
@@ -201,7 +201,8 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
             m_iWaitFirstHeader = 0;
         } else if (index >= 0 && index < m_iStreamHeaderCount && data != nullptr && length > 0) {
             // Refreshes a stored header; the packet size stays what the first one made it.
-            memcpy(m_streamHeaders[index], data, (size_t)(length < kStreamHeaderSize ? length : kStreamHeaderSize));
+            memcpy(m_streamHeaders[index], data,
+                   static_cast<size_t>(length < kStreamHeaderSize ? length : kStreamHeaderSize));
         }
         return 0;
     }
@@ -229,7 +230,7 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
 void CQumexAudioTalkSession::calcAudioPacketSize()
 {
     const char* slot = m_streamHeaders[0] + kCodecNameOffset;
-    std::string codec(slot, strnlen(slot, (size_t)(kStreamHeaderSize - kCodecNameOffset)));
+    std::string codec(slot, strnlen(slot, static_cast<size_t>(kStreamHeaderSize - kCodecNameOffset)));
     if (codec == "PCMU" || codec == "PCMA") {
         m_iPacketSize = kG711PacketSize;
     } else if (codec == "G7221" || codec == "G726-16") {
@@ -306,8 +307,8 @@ void CQumexAudioTalkSession::postAudioReceive()
     int space = m_recvBuffer.nSize - m_recvBuffer.nWrite;
     // A full buffer means audio the gateway does not take: the talk ends rather
     // than stall unseen.
-    if (space <= 0 ||
-        m_pDownloadLink->RecvData(m_recvBuffer.pBuf + m_recvBuffer.nWrite, space, (void*)fnAudioDataRecv, this) != 0) {
+    if (space <= 0 || m_pDownloadLink->RecvData(m_recvBuffer.pBuf + m_recvBuffer.nWrite, space,
+                                                reinterpret_cast<void*>(fnAudioDataRecv), this) != 0) {
         pushDestroyReq();
     }
 }
@@ -319,14 +320,15 @@ void CQumexAudioTalkSession::fnAudioDataRecv(unsigned long errorCode, unsigned l
         return;
     }
     if (errorCode == 0 && bytes > 0) {
-        self->m_recvBuffer.nWrite += (int)bytes;
+        self->m_recvBuffer.nWrite += static_cast<int>(bytes);
         self->sendDataToDev();
         self->postAudioReceive();
     } else if (errorCode == ZRT_ASYNCIO_ABORTED) {
         self->postAudioReceive();
     } else {
-        HPW_LOGD("[nErrorCode = %d, nNumberOfBytes = %d, bufLen = %d]fnAudioDataRecv error.", (int)errorCode,
-                 (int)bytes, self->m_recvBuffer.nSize - self->m_recvBuffer.nWrite);
+        HPW_LOGD("[nErrorCode = %d, nNumberOfBytes = %d, bufLen = %d]fnAudioDataRecv error.",
+                 static_cast<int>(errorCode), static_cast<int>(bytes),
+                 self->m_recvBuffer.nSize - self->m_recvBuffer.nWrite);
         self->pushDestroyReq();
     }
 }
@@ -357,7 +359,7 @@ int CQumexAudioTalkSession::sendDataToDev()
             buffer.nRead = 0;
         } else {
             // A partial packet waits at the front for the bytes that complete it.
-            memmove(buffer.pBuf, buffer.pBuf + buffer.nRead, (size_t)(buffer.nWrite - buffer.nRead));
+            memmove(buffer.pBuf, buffer.pBuf + buffer.nRead, static_cast<size_t>(buffer.nWrite - buffer.nRead));
             buffer.nWrite -= buffer.nRead;
             buffer.nRead = 0;
         }

@@ -118,14 +118,14 @@ char* NewIocpBuffer(IOCP_DATA* data, int size)
     if (size < 0) {
         return nullptr;
     }
-    char* buffer = new (std::nothrow) char[(size_t)size + 1];
+    char* buffer = new (std::nothrow) char[static_cast<size_t>(size) + 1];
     if (buffer == nullptr) {
         return nullptr;
     }
     // A buffer from an earlier call is not freed here: owners ask once per
     // transmitter, and one who asks again keeps the earlier buffer as its own.
     data->pBuffer = buffer;
-    memset(buffer, 0, (size_t)size + 1);
+    memset(buffer, 0, static_cast<size_t>(size) + 1);
     return buffer;
 }
 

@@ -185,8 +185,9 @@ int CIocpTcpTransmitter::PostIoEvent(int errorCode, unsigned int bytes)
         return -1;
     }
     ++recvData->nPending;
-    if (ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_hAsyncIocpQueue, m_iConnSocketFd, (unsigned long)errorCode, bytes,
-                                               recvData, pfnIocpTcpCB) != 0) {
+    if (ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_hAsyncIocpQueue, m_iConnSocketFd,
+                                               static_cast<unsigned long>(errorCode), bytes, recvData,
+                                               pfnIocpTcpCB) != 0) {
         HPW_LOGE(HPW_ERR_ASYNC_QUEUE,
                  "HttpProtocolWrapper CIocpTcpTransmitter PostIoEvent Failed, \t\t\t\t  "
                  "ZRT_AsyncIO_PostQueuedCompleteStatusEx fail, errCode<%d>",

@@ -185,8 +185,8 @@ int CIocpUdpTransmitter::PostIoEvent(int errorCode, unsigned int bytes)
         return -1;
     }
     ++recvData->nPending;
-    if (ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_hAsyncIocpQueue, m_iSocketFd, (unsigned long)errorCode, bytes,
-                                               recvData, pfnIocpUdpCB) != 0) {
+    if (ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_hAsyncIocpQueue, m_iSocketFd, static_cast<unsigned long>(errorCode),
+                                               bytes, recvData, pfnIocpUdpCB) != 0) {
         // Names the TCP class: the line is shared with it as operators know it.
         HPW_LOGD(
             "HttpProtocolWrapper CIocpTcpTransmitter PostIoEvent Failed, \t\t\t\t  "

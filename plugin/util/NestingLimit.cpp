@@ -72,7 +72,7 @@ bool XmlNestingWithin(const char* text, size_t length, int limit)
             if (depth > 0) {
                 --depth;
             }
-        } else if (isalpha((unsigned char)next) || next == '_') {
+        } else if (isalpha(static_cast<unsigned char>(next)) || next == '_') {
             // A start tag ends at the first '>' outside a quoted attribute value;
             // a value is quoted only when the quote follows its '='.
             size_t end = at + 1;
@@ -85,7 +85,7 @@ bool XmlNestingWithin(const char* text, size_t length, int limit)
                 } else if ((c == '"' || c == '\'') && previous == '=') {
                     quote = c;
                 }
-                if (!isspace((unsigned char)c)) {
+                if (!isspace(static_cast<unsigned char>(c))) {
                     previous = c;
                 }
             }

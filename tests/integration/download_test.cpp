@@ -67,7 +67,8 @@ TEST_F(Download, TheGatewayReceivesTheRtspRequestHeadByHead)
 
 TEST_F(Download, JsonFormWithANameStreamsWithContentLength)
 {
-    for (size_t size : {size_t(0), size_t(1), size_t(65536), size_t(3 * 65536 + 17)}) {
+    for (size_t size : {static_cast<size_t>(0), static_cast<size_t>(1), static_cast<size_t>(65536),
+                        static_cast<size_t>(3 * 65536 + 17)}) {
         sink.recording = recordingOf(size);
         RawResponse response = jsonDownload("&name=rec&size=" + std::to_string(size));
         ASSERT_TRUE(response.complete) << size;

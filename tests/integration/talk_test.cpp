@@ -29,7 +29,7 @@ std::string clientAudioBytes(size_t length, size_t offset = 0)
 {
     std::string bytes(length, '\0');
     for (size_t i = 0; i < length; ++i) {
-        bytes[i] = (char)(((offset + i) * 13 + 5) & 0xFF);
+        bytes[i] = static_cast<char>(((offset + i) * 13 + 5) & 0xFF);
     }
     return bytes;
 }
@@ -152,7 +152,7 @@ protected:
         auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
         while (std::chrono::steady_clock::now() < deadline) {
             if (singleton<CAudioTalkSessionMgr>::instance()->getTalkSessionCount() == count &&
-                sink.talkStreamsOpen() == (int)count) {
+                sink.talkStreamsOpen() == static_cast<int>(count)) {
                 return true;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));

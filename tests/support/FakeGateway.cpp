@@ -68,7 +68,7 @@ void FakeServerSink::syntheticBytes(unsigned long long offset, char* out, size_t
 {
     for (size_t i = 0; i < length; ++i) {
         unsigned long long position = offset + i;
-        out[i] = (char)((position * 131u + (position >> 11) * 7u + (position >> 23)) & 0xFF);
+        out[i] = static_cast<char>((position * 131u + (position >> 11) * 7u + (position >> 23)) & 0xFF);
     }
 }
 
@@ -108,14 +108,15 @@ int FakeServerSink::OnStart(void* sessionHandle, int)
 
 void FakeServerSink::speak(Stream* stream)
 {
-    std::string packet((size_t)talkPacketSize, '\0');
+    std::string packet(static_cast<size_t>(talkPacketSize), '\0');
     auto next = std::chrono::steady_clock::now();
     for (size_t offset = 0; offset < talkAudioBytes && !stream->stop; offset += packet.size()) {
         size_t piece = std::min(packet.size(), talkAudioBytes - offset);
         for (size_t i = 0; i < piece; ++i) {
             packet[i] = deviceAudioByte(offset + i);
         }
-        while (m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &packet[0], (int)piece) != 0 &&
+        while (m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &packet[0], static_cast<int>(piece)) !=
+                   0 &&
                talkRetryUntilAccepted && !stream->stop) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -133,7 +134,7 @@ int FakeServerSink::OnInputData(void* sessionHandle, int, int dataType, void* da
 {
     std::lock_guard<std::mutex> guard(m_inputLock);
     if (dataType == PROTOCOL_WRAPPER::STREAM_DATA && data != nullptr && length > 0) {
-        m_clientAudio.append(static_cast<const char*>(data), (size_t)length);
+        m_clientAudio.append(static_cast<const char*>(data), static_cast<size_t>(length));
         m_clientPackets.push_back(length);
     }
     return 0;
@@ -168,23 +169,24 @@ void FakeServerSink::deliver(Stream* stream)
     char info[1620];
     memset(info, 0, sizeof info);
     unsigned long long length = recording.empty() ? syntheticSize : recording.size();
-    unsigned int high = (unsigned int)(length >> 32);
-    unsigned int low = (unsigned int)length;
+    unsigned int high = static_cast<unsigned int>(length >> 32);
+    unsigned int low = static_cast<unsigned int>(length);
     memcpy(info + 1612, &high, 4);
     memcpy(info + 1616, &low, 4);
     m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_INFO, info, sizeof info);
-    int result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_HEAD, &streamHead[0], (int)streamHead.size());
+    int result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_HEAD, &streamHead[0],
+                                static_cast<int>(streamHead.size()));
     for (unsigned long long offset = 0; result == 0 && !stream->stop && offset < length; offset += blockSize) {
-        size_t piece = (size_t)std::min<unsigned long long>(blockSize, length - offset);
+        size_t piece = static_cast<size_t>(std::min<unsigned long long>(blockSize, length - offset));
         char* block;
         if (recording.empty()) {
             stream->buffer.resize(piece);
             syntheticBytes(offset, &stream->buffer[0], piece);
             block = &stream->buffer[0];
         } else {
-            block = &recording[(size_t)offset];
+            block = &recording[static_cast<size_t>(offset)];
         }
-        result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, block, (int)piece);
+        result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, block, static_cast<int>(piece));
     }
     if (result == 0 && !stream->stop) {
         m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0);

@@ -93,7 +93,7 @@ public:
     // test can check the audio byte-exact from its first packet; a live device
     // would drop it.
     bool talkRetryUntilAccepted = false;
-    static char deviceAudioByte(size_t offset) { return (char)((offset * 7 + (offset >> 8)) & 0xFF); }
+    static char deviceAudioByte(size_t offset) { return static_cast<char>((offset * 7 + (offset >> 8)) & 0xFF); }
 
     // What the talks' clients said, as handed to OnInputData, all talks together.
     std::string clientAudio();

@@ -56,7 +56,7 @@ void PluginFixture::TearDown()
 bool PluginFixture::waitIdle(int timeoutMs)
 {
     CHttpSessionMgr* sessions = singleton<CHttpSessionMgr>::instance();
-    ZRT_UINT64 deadline = ZRT_GetTimeTick64() + (ZRT_UINT64)timeoutMs;
+    ZRT_UINT64 deadline = ZRT_GetTimeTick64() + static_cast<ZRT_UINT64>(timeoutMs);
     while (ZRT_GetTimeTick64() < deadline) {
         if (sessions->getHttpSessionCount() == 0 && sessions->getDownloadNum() == 0 && sink.openStreams() == 0) {
             return true;

@@ -48,7 +48,7 @@ void readEnvironment()
         char* end = nullptr;
         long value = strtol(text, &end, 10);
         if (end != text && *end == '\0') {
-            level = clampLevel((int)value);
+            level = clampLevel(static_cast<int>(value));
         }
     }
     int fd = STDERR_FILENO;
@@ -94,7 +94,7 @@ void writeAll(int fd, const char* data, size_t length)
             return;  // a log line is never worth failing the caller
         }
         data += written;
-        length -= (size_t)written;
+        length -= static_cast<size_t>(written);
     }
 }
 
@@ -106,16 +106,16 @@ void writeLine(int level, const char* module, const char* text)
     struct tm local;
     localtime_r(&now.tv_sec, &local);
     int length = snprintf(line, sizeof line, "%04d-%02d-%02d %02d:%02d:%02d.%06ld %-5s %s %s\n", local.tm_year + 1900,
-                          local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec, (long)now.tv_usec,
-                          levelName(level), module ? module : "-", text);
+                          local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                          static_cast<long>(now.tv_usec), levelName(level), module ? module : "-", text);
     if (length < 0) {
         return;
     }
-    if ((size_t)length >= sizeof line) {
+    if (static_cast<size_t>(length) >= sizeof line) {
         length = sizeof line - 1;
         line[length - 1] = '\n';
     }
-    writeAll(g_fd.load(), line, (size_t)length);
+    writeAll(g_fd.load(), line, static_cast<size_t>(length));
 }
 
 }  // namespace

@@ -29,11 +29,11 @@ bool keepSendCopy(AsyncOp* op)
     if (op->finished || op->length == 0) {
         return true;
     }
-    op->ownCopy = new (std::nothrow) char[(size_t)op->length];
+    op->ownCopy = new (std::nothrow) char[static_cast<size_t>(op->length)];
     if (op->ownCopy == nullptr) {
         return false;
     }
-    memcpy(op->ownCopy, op->buffer, (size_t)op->length);
+    memcpy(op->ownCopy, op->buffer, static_cast<size_t>(op->length));
     op->buffer = op->ownCopy;
     return true;
 }
@@ -90,7 +90,7 @@ ZRT_INT32 postOperation(int sock, OpKind kind, char* buffer, int length, void* c
                         // is completed with ENOMEM from where it stopped.
                         if (!keepSendCopy(posted)) {
                             handle->sends.pop();
-                            completeLocked(handle, posted, ENOMEM, (unsigned long)posted->transferred);
+                            completeLocked(handle, posted, ENOMEM, static_cast<unsigned long>(posted->transferred));
                         }
                     } else {
                         driveRecvs(handle);
@@ -146,7 +146,7 @@ ZRT_INT32 ZRT_AsyncIO_BindIOHandleToQueueEx(int sock, void* queue)
     // on only while operations wait for it.
     struct epoll_event interest = {};
     interest.events = EPOLLIN | EPOLLOUT | EPOLLRDHUP | EPOLLET;
-    interest.data.u64 = (uint64_t)sock;
+    interest.data.u64 = static_cast<uint64_t>(sock);
     if (epoll_ctl(queueEpollFd(handle->queue), EPOLL_CTL_ADD, sock, &interest) != 0) {
         int error = errno;
         AsyncHandle* removed = registryRemove(sock, handle->queue);

@@ -15,7 +15,7 @@ namespace {
 ssize_t writeSome(AsyncHandle* handle, AsyncOp* op)
 {
     const char* data = op->buffer + op->transferred;
-    size_t remaining = (size_t)(op->length - op->transferred);
+    size_t remaining = static_cast<size_t>(op->length - op->transferred);
     // MSG_NOSIGNAL: a peer that went away gives EPIPE to the owner, whether or
     // not the host ignores SIGPIPE.
     if (op->hasTo) {
@@ -28,12 +28,12 @@ ssize_t writeSome(AsyncHandle* handle, AsyncOp* op)
 ssize_t readOnce(AsyncHandle* handle, AsyncOp* op)
 {
     if (op->from == nullptr) {
-        return recv(handle->sock, op->buffer, (size_t)op->length, 0);
+        return recv(handle->sock, op->buffer, static_cast<size_t>(op->length), 0);
     }
     ZRT_ADDR_T peer{};
     socklen_t length = sizeof peer;
-    ssize_t got =
-        recvfrom(handle->sock, op->buffer, (size_t)op->length, 0, reinterpret_cast<struct sockaddr*>(&peer), &length);
+    ssize_t got = recvfrom(handle->sock, op->buffer, static_cast<size_t>(op->length), 0,
+                           reinterpret_cast<struct sockaddr*>(&peer), &length);
     // A connected stream socket reports no address; leave the caller's alone then.
     if (got >= 0 && length > 0) {
         *op->from = peer;
@@ -62,10 +62,11 @@ void driveSends(AsyncHandle* handle)
                     return;  // the next writable edge resumes here
                 }
                 handle->sends.pop();
-                completeLocked(handle, op, (unsigned long)error, (unsigned long)op->transferred);
+                completeLocked(handle, op, static_cast<unsigned long>(error),
+                               static_cast<unsigned long>(op->transferred));
                 continue;
             }
-            op->transferred += (int)written;
+            op->transferred += static_cast<int>(written);
             // A stream write may be short and is continued from where it
             // stopped; a datagram goes out in one piece.
             if (handle->stream && op->transferred < op->length) {
@@ -73,7 +74,7 @@ void driveSends(AsyncHandle* handle)
             }
         }
         handle->sends.pop();
-        completeLocked(handle, op, 0, (unsigned long)op->transferred);
+        completeLocked(handle, op, 0, static_cast<unsigned long>(op->transferred));
     }
 }
 
@@ -90,12 +91,12 @@ void driveRecvs(AsyncHandle* handle)
                 return;
             }
             handle->recvs.pop();
-            completeLocked(handle, op, (unsigned long)error, 0);
+            completeLocked(handle, op, static_cast<unsigned long>(error), 0);
             continue;
         }
         // 0 on a stream socket: the peer closed; every later receive sees the same.
         handle->recvs.pop();
-        completeLocked(handle, op, 0, (unsigned long)got);
+        completeLocked(handle, op, 0, static_cast<unsigned long>(got));
     }
 }
 

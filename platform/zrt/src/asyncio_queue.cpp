@@ -40,7 +40,7 @@ constexpr int kPollBatch = 128;
 // Callbacks of one socket run before the socket goes to the back of the ready
 // list, so one busy socket cannot hold a completion thread forever.
 constexpr int kDispatchBatch = 16;
-constexpr uint64_t kWakeTag = ~(uint64_t)0;  // epoll tag of the eventfd; sockets use their number
+constexpr uint64_t kWakeTag = ~static_cast<uint64_t>(0);  // epoll tag of the eventfd; sockets use their number
 
 thread_local AsyncQueue* t_queue = nullptr;               // queue whose thread this is
 thread_local const AsyncHandle* t_dispatching = nullptr;  // socket whose callback runs here
@@ -185,7 +185,7 @@ void* pollerThread(void* arg)
                 }
                 continue;
             }
-            serviceSocket(queue, (int)events[i].data.u64, events[i].events);
+            serviceSocket(queue, static_cast<int>(events[i].data.u64), events[i].events);
         }
     }
 }
@@ -254,7 +254,7 @@ int workerCountFor(int threads)
 {
     if (threads <= 0) {
         long cpus = sysconf(_SC_NPROCESSORS_ONLN);
-        threads = cpus > 0 ? (int)cpus : 1;
+        threads = cpus > 0 ? static_cast<int>(cpus) : 1;
     }
     return threads > kMaxWorkers ? kMaxWorkers : threads;
 }

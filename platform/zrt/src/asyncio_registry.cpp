@@ -17,7 +17,7 @@ AsyncHandle* g_buckets[kBuckets];
 
 AsyncHandle*& bucketOf(int sock)
 {
-    return g_buckets[(unsigned)sock % kBuckets];
+    return g_buckets[static_cast<unsigned>(sock) % kBuckets];
 }
 
 }  // namespace

@@ -16,12 +16,12 @@ ZRT_UINT64 ZRT_GetTimeTick64(void)
 {
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return (ZRT_UINT64)now.tv_sec * 1000u + (ZRT_UINT64)now.tv_nsec / 1000000u;
+    return static_cast<ZRT_UINT64>(now.tv_sec) * 1000u + static_cast<ZRT_UINT64>(now.tv_nsec) / 1000000u;
 }
 
 ZRT_UINT32 ZRT_GetTimeTick(void)
 {
-    return (ZRT_UINT32)ZRT_GetTimeTick64();
+    return static_cast<ZRT_UINT32>(ZRT_GetTimeTick64());
 }
 
 ZRT_INT64 ZRT_TimeNow(void)
@@ -62,13 +62,13 @@ ZRT_INT32 ZRT_Rand(void)
     thread_local std::mt19937 generator = [] {
         unsigned int seed[4] = {0, 0, 0, 0};
         if (getrandom(seed, sizeof seed, 0) != (ssize_t)sizeof seed) {
-            seed[0] = (unsigned int)ZRT_TimeNow();
-            seed[1] = (unsigned int)getpid();
+            seed[0] = static_cast<unsigned int>(ZRT_TimeNow());
+            seed[1] = static_cast<unsigned int>(getpid());
         }
         std::seed_seq sequence(seed, seed + 4);
         return std::mt19937(sequence);
     }();
-    return (ZRT_INT32)(generator() & 0x7FFFFFFFu);
+    return static_cast<ZRT_INT32>(generator() & 0x7FFFFFFFu);
 }
 
 ZRT_INT32 ZRT_Atoi32(const char* text)
@@ -101,13 +101,13 @@ ZRT_INT32 ZRT_GetCurExePath(char* buf, ZRT_INT32 size)
         errno = EINVAL;
         return -1;
     }
-    ssize_t length = readlink("/proc/self/exe", buf, (size_t)size - 1);
+    ssize_t length = readlink("/proc/self/exe", buf, static_cast<size_t>(size) - 1);
     if (length < 0) {
         buf[0] = '\0';
         return -1;
     }
     buf[length] = '\0';
-    return (ZRT_INT32)length;
+    return static_cast<ZRT_INT32>(length);
 }
 
 }  // extern "C"

@@ -22,7 +22,7 @@ int waitFor(int sock, short events, ZRT_UINT32 timeoutMs, short* revents)
         int wait = -1;
         if (timeoutMs != kWaitForever) {
             ZRT_UINT64 now = ZRT_GetTimeTick64();
-            wait = now >= deadline ? 0 : (int)(deadline - now);
+            wait = now >= deadline ? 0 : static_cast<int>(deadline - now);
         }
         struct pollfd pfd = {sock, events, 0};
         int rc = poll(&pfd, 1, wait);

@@ -15,7 +15,7 @@ struct timespec deadlineAfter(ZRT_UINT32 ms)
     struct timespec deadline;
     clock_gettime(CLOCK_MONOTONIC, &deadline);
     deadline.tv_sec += ms / 1000;
-    deadline.tv_nsec += (long)(ms % 1000) * 1000000L;
+    deadline.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
     if (deadline.tv_nsec >= 1000000000L) {
         deadline.tv_sec += 1;
         deadline.tv_nsec -= 1000000000L;

@@ -22,7 +22,8 @@ ZRT_THREAD_T ZRT_Thread_Create(ZRT_THREAD_FUNC fn, void* arg, ZRT_UINT32 stackSi
         return ZRT_INVALID_THREAD;
     }
     if (stackSize != 0) {
-        size_t size = stackSize < (ZRT_UINT32)PTHREAD_STACK_MIN ? (size_t)PTHREAD_STACK_MIN : stackSize;
+        size_t size =
+            stackSize < static_cast<ZRT_UINT32>(PTHREAD_STACK_MIN) ? static_cast<size_t>(PTHREAD_STACK_MIN) : stackSize;
         rc = pthread_attr_setstacksize(&attr, size);
     }
     pthread_t thread;
@@ -53,7 +54,7 @@ ZRT_INT32 ZRT_Thread_Wait(ZRT_THREAD_T thread)
 
 void ZRT_Sleep(ZRT_UINT32 ms)
 {
-    struct timespec request = {(time_t)(ms / 1000), (long)(ms % 1000) * 1000000L};
+    struct timespec request = {static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000) * 1000000L};
     struct timespec remaining;
     while (nanosleep(&request, &remaining) != 0 && errno == EINTR) {
         request = remaining;

@@ -17,7 +17,7 @@ namespace {
 
 std::string scratchPath(const char* name)
 {
-    return std::string(testing::TempDir()) + "talk-" + std::to_string(getpid()) + "-" + name;
+    return static_cast<std::string>(testing::TempDir()) + "talk-" + std::to_string(getpid()) + "-" + name;
 }
 
 // A WAV of 16-bit PCM at the given rate, written by hand.
@@ -27,7 +27,7 @@ std::string writePcmWav(const char* name, const std::vector<int16_t>& samples, u
     std::ofstream out(path, std::ios::binary);
     auto le32 = [&](uint32_t v) { out.write(reinterpret_cast<const char*>(&v), 4); };
     auto le16 = [&](uint16_t v) { out.write(reinterpret_cast<const char*>(&v), 2); };
-    const uint32_t bytes = (uint32_t)samples.size() * 2;
+    const uint32_t bytes = static_cast<uint32_t>(samples.size()) * 2;
     out.write("RIFF", 4), le32(36 + bytes), out.write("WAVEfmt ", 8), le32(16);
     le16(kWavFormatPcm), le16(1), le32(rate), le32(rate * 2), le16(2), le16(16);
     out.write("data", 4), le32(bytes);
@@ -121,7 +121,7 @@ TEST(TalkCapture, EveryWriteLeavesAPlayableFile)
     ASSERT_TRUE(capture.open(path, kWavFormatMulaw, error)) << error;
     std::string said;
     for (int packet = 0; packet < 3; ++packet) {
-        std::string bytes(packet == 2 ? 81 : 160, (char)(0x10 + packet));
+        std::string bytes(packet == 2 ? 81 : 160, static_cast<char>(0x10 + packet));
         ASSERT_TRUE(capture.append(bytes.data(), bytes.size()));
         said += bytes;
         // What a player finds if the talk ended right here.

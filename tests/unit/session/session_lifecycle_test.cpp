@@ -100,7 +100,7 @@ TEST_F(SessionLifecycle, FiniClosesTheGatewayStreamOnceAndReleasesTheHandle)
             // The gateway's delivery thread, still sending while OnStop waits
             // for it, must find the session closing and not write any more.
             std::string block = "late block";
-            lateSend = session->send(0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], (int)block.size());
+            lateSend = session->send(0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], static_cast<int>(block.size()));
             return ++stops, 0;
         }
         int OnInputData(void*, int, int, void*, int) override { return 0; }

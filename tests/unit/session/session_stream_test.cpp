@@ -54,7 +54,7 @@ protected:
 
     int sendData(std::string data)
     {
-        return session->send(0, PROTOCOL_WRAPPER::STREAM_DATA, &data[0], (int)data.size());
+        return session->send(0, PROTOCOL_WRAPPER::STREAM_DATA, &data[0], static_cast<int>(data.size()));
     }
 
     int queuedDestroyJobs() { return singleton<CHttpServerWrapper>::instance()->getAsyncQueueSize(); }

@@ -13,7 +13,7 @@ namespace {
 
 int parse(CHttpParser& parser, const std::string& text)
 {
-    return parser.Parse(text.c_str(), (unsigned int)text.size());
+    return parser.Parse(text.c_str(), static_cast<unsigned int>(text.size()));
 }
 
 }  // namespace

@@ -26,7 +26,7 @@ std::string header(const char* codec)
 int sendHeader(CQumexAudioTalkSession& talk, int index, const char* codec)
 {
     std::string block = header(codec);
-    return talk.send(index, PROTOCOL_WRAPPER::STREAM_INFO, &block[0], (int)block.size());
+    return talk.send(index, PROTOCOL_WRAPPER::STREAM_INFO, &block[0], static_cast<int>(block.size()));
 }
 
 // Empties the server's request queue (never started here) and returns the jobs.
