@@ -29,7 +29,6 @@ constexpr int kBadRequest = 9;            // 400
 constexpr int kUnauthorized = 10;         // 401
 constexpr int kNotFound = 13;             // 404
 constexpr int kInternalServerError = 36;  // 500
-constexpr int kNotImplemented = 37;       // 501
 }  // namespace RtspStatusIndex
 
 // One refusal: what the plug-in reports and what the log says.
