@@ -1,6 +1,12 @@
 // One request per connection, over real sockets: requests that reach the owner and one-shot replies, and
-// requests that do not reach it (malformed, over a limit, too slow).
+// connections that do not reach it (malformed, over a limit, too slow, or waiting while the process is out
+// of descriptors).
 #include "ServerFixture.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <string>
@@ -165,4 +171,62 @@ TEST_F(ServerTest, StalledRequestIsClosedSilentlyAfterTheReceiveTimeout)
     EXPECT_TRUE(inBody.waitForClose(5000));
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(250));
     EXPECT_EQ(requestCount(), 0u);
+}
+
+namespace {
+
+double processCpuMs()
+{
+    timespec used;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return used.tv_sec * 1e3 + used.tv_nsec / 1e6;
+}
+
+struct RestoreLimit {
+    rlimit saved;
+    ~RestoreLimit() { setrlimit(RLIMIT_NOFILE, &saved); }
+};
+
+}  // namespace
+
+// A listener out of descriptors can accept nothing. It must neither spin on the connection that waits nor
+// give up, and must take that connection once descriptors are free again.
+TEST_F(ServerTest, OutOfDescriptorsTheListenerWaitsWithoutSpinningAndAcceptsWhenSomeAreFree)
+{
+    startListen();
+    TestClient holders[2];
+    int held[2];
+    for (int i = 0; i < 2; ++i) {
+        held[i] = sendRequest(holders[i], "GET /hold HTTP/1.1\r\n\r\n").handle;
+        ASSERT_GT(held[i], 0);
+    }
+    // One free descriptor below the lowered limit: the waiting client's socket takes it, leaving none to accept
+    // its connection with.
+    RestoreLimit restore;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &restore.saved), 0);
+    const int lowestFree = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(lowestFree, 0);
+    close(lowestFree);
+    rlimit lowered = restore.saved;
+    lowered.rlim_cur = static_cast<rlim_t>(lowestFree) + 1;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    TestClient waiting;
+    ASSERT_TRUE(waiting.connectTo(m_port));
+    ASSERT_TRUE(waiting.send("GET /waiting HTTP/1.1\r\n\r\n"));
+
+    // The test thread sleeps meanwhile: the time the process computes is the listener's.
+    const auto wallStart = Clock::now();
+    const double cpuStart = processCpuMs();
+    EXPECT_EQ(waitForRequest(500).handle, -1) << "accepted without a free descriptor";
+    const double wallMs = std::chrono::duration<double, std::milli>(Clock::now() - wallStart).count();
+    EXPECT_LT(processCpuMs() - cpuStart, wallMs / 5) << "ms of processor time in " << wallMs << " ms: it spins";
+
+    for (int handle : held) {
+        EXPECT_EQ(NET_HTTPSERVER_Close(handle, 0), 0);  // frees their descriptors
+    }
+    const Request late = waitForRequest(10000);
+    ASSERT_GT(late.handle, 0) << "not accepted once descriptors were free";
+    EXPECT_EQ(late.url, "/waiting");
+    EXPECT_EQ(replyWith(late.handle, 0, {}, "ok"), 2);
+    EXPECT_EQ(waiting.receiveAll(3000), "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 2\r\n\r\nok");
 }
