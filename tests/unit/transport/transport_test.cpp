@@ -130,7 +130,7 @@ TEST_F(Transport, CheckedTcpSendsOverTheBacklogLimitAreRefusedAndLoggedOnce)
         ASSERT_TRUE(connectPair());
         g_iIocpDeepNum = c.global;
         LogCapture log;
-        std::vector<char> bulk(32u << 20, 'b');
+        std::vector<char> bulk(8u << 20, 'b');
         char small[64] = {};
         Counter completions;  // outlives the transmitter: completions run until Close
         CIocpTcpTransmitter transmitter(m_queue, c.own);
