@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -15,15 +16,24 @@ Result feed(RequestParser& parser, const std::string& bytes)
     return parser.feed(bytes.data(), bytes.size());
 }
 
-/* Feeds `head` and then `piece` until the parser decides (at most `times` pieces). */
-Result feedRepeated(const std::string& head, const std::string& piece, int times)
+/* Feeds `bytes` in reads of `cut` bytes until the parser decides. */
+Result feedInReads(const std::string& bytes, size_t cut)
 {
     RequestParser parser;
-    Result result = feed(parser, head);
-    for (int i = 0; i < times && result == Result::Incomplete; ++i) {
-        result = feed(parser, piece);
+    Result result = Result::Incomplete;
+    for (size_t offset = 0; offset < bytes.size() && result == Result::Incomplete; offset += cut) {
+        result = parser.feed(bytes.data() + offset, std::min(cut, bytes.size() - offset));
     }
     return result;
+}
+
+std::string repeated(const std::string& piece, int times)
+{
+    std::string bytes;
+    for (int i = 0; i < times; ++i) {
+        bytes += piece;
+    }
+    return bytes;
 }
 
 NET_HTTPSERVER_REQUEST_PARAM paramsWith(const std::string& authorization)
@@ -76,16 +86,6 @@ TEST(RequestParser, MethodCodesAndChunkedBody)
     }
 }
 
-TEST(RequestParser, OtherMethodsAreRefusedAtTheRequestLine)
-{
-    for (const char* method : {"HEAD", "OPTIONS", "TRACE", "PATCH", "CONNECT"}) {
-        RequestParser parser;
-        // Decided before the headers end: the client is not made to send the rest.
-        EXPECT_EQ(feed(parser, std::string(method) + " /x HTTP/1.1\r\nHost: a\r\n"), Result::MethodNotAllowed)
-            << method;
-    }
-}
-
 TEST(RequestParser, MalformedRequestsAreBadForGood)
 {
     const char* cases[] = {
@@ -93,6 +93,7 @@ TEST(RequestParser, MalformedRequestsAreBadForGood)
         "GET / HTTP/1.1\r\nX\x01Y: x\r\n\r\n",
         "GET / HTTP/1.1\r\nNoColon\r\n\r\n",
         "POST / HTTP/1.1\r\nContent-Length: 12x\r\n\r\n",
+        "POST / HTTP/1.1\r\nContent-Length: -1\r\n\r\n",
         "POST / HTTP/1.1\r\nContent-Length: 3\r\nTransfer-Encoding: chunked\r\n\r\n",
         "PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\nZZ\r\n",
     };
@@ -103,65 +104,45 @@ TEST(RequestParser, MalformedRequestsAreBadForGood)
     }
 }
 
-TEST(RequestParser, LimitsOfLineHeadersAndBody)
+TEST(RequestParser, LimitsHoldWhateverTheReadsAreCutInto)
 {
+    // Found by the fuzzer: without header lines the request line was measured only while it was still
+    // arriving, so an overlong line sent in one read was accepted, and a line at the limit sent in small
+    // reads was refused once its empty line arrived.
     const size_t lineFill = netutils::kMaxRequestLine - std::string("GET / HTTP/1.1").size();
     const size_t valueFill = netutils::kMaxHeaderBlock - std::string("X: \r\n\r\n").size();
-    const std::string body = "POST / HTTP/1.1\r\nContent-Length: ";
-    const struct {
-        std::string request;
-        Result expected;
-    } whole[] = {
-        {"GET /" + std::string(lineFill, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n", Result::Complete},
-        {"GET /" + std::string(lineFill + 1, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n", Result::TooLarge},
-        {"GET / HTTP/1.1\r\nX: " + std::string(valueFill, 'v') + "\r\n\r\n", Result::Complete},
-        {"GET / HTTP/1.1\r\nX: " + std::string(valueFill + 1, 'v') + "\r\n\r\n", Result::TooLarge},
-        {body + "1048576\r\n\r\n" + std::string(netutils::kMaxBody, 'b'), Result::Complete},
-        {body + "1048577\r\n\r\n", Result::TooLarge},  // refused before the body is sent
-    };
-    for (const auto& c : whole) {
-        RequestParser parser;
-        EXPECT_EQ(feed(parser, c.request), c.expected) << c.request.substr(0, 40) << "... of " << c.request.size();
-    }
-    // What is still arriving is held to the limits as well.
-    EXPECT_EQ(feedRepeated("GET /", std::string(4096, 'b'), 5), Result::TooLarge);
-    EXPECT_EQ(feedRepeated("GET / HTTP/1.1\r\n", "X-Many: 0123456789012345678901234567890123456789\r\n", 200),
-              Result::TooLarge);
-    EXPECT_EQ(feedRepeated("GET / HTTP/1.1\r\nX:", std::string(4096, ' '), 5), Result::TooLarge);
-    EXPECT_EQ(feedRepeated("PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n",
-                           "10000\r\n" + std::string(0x10000, 'c') + "\r\n", 17),
-              Result::TooLarge);
-}
-
-TEST(RequestParser, RequestLineLimitHoldsWithoutHeaderLinesInAnyCut)
-{
-    // Found by the fuzzer: without header lines the request line was measured only while it
-    // was still arriving, so an overlong line sent in one read was accepted, and a line at the
-    // limit sent in small reads was refused once its empty line arrived.
-    const size_t lineFill = netutils::kMaxRequestLine - std::string("GET / HTTP/1.1").size();
+    const std::string post = "POST / HTTP/1.1\r\nContent-Length: ";
     const struct {
         std::string request;
         Result expected;
     } cases[] = {
         {"GET /" + std::string(lineFill, 'a') + " HTTP/1.1\r\n\r\n", Result::Complete},
         {"GET /" + std::string(lineFill + 1, 'a') + " HTTP/1.1\r\n\r\n", Result::TooLarge},
-        // http-parser takes any number of blanks before the version: the URL limit alone does not hold the line.
+        {"GET /" + std::string(lineFill, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n", Result::Complete},
+        {"GET /" + std::string(lineFill + 1, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n", Result::TooLarge},
+        // Any number of blanks may stand before the version: the URL limit alone does not hold the line.
         {"GET /status" + std::string(netutils::kMaxRequestLine, ' ') + "HTTP/1.1\r\n\r\n", Result::TooLarge},
         // Empty lines in front of the request count towards the line, with or without header lines.
         {"\r\n\r\nGET /" + std::string(lineFill - 4, 'a') + " HTTP/1.1\r\n\r\n", Result::Complete},
         {"\r\n\r\nGET /" + std::string(lineFill - 3, 'a') + " HTTP/1.1\r\n\r\n", Result::TooLarge},
         {"\r\n\r\nGET /" + std::string(lineFill - 3, 'a') + " HTTP/1.1\r\nHost: h\r\n\r\n", Result::TooLarge},
+        {"GET / HTTP/1.1\r\nX: " + std::string(valueFill, 'v') + "\r\n\r\n", Result::Complete},
+        {"GET / HTTP/1.1\r\nX: " + std::string(valueFill + 1, 'v') + "\r\n\r\n", Result::TooLarge},
+        {post + "1048576\r\n\r\n" + std::string(netutils::kMaxBody, 'b'), Result::Complete},
+        {post + "1048577\r\n\r\n", Result::TooLarge},  // refused before the body is sent
+        // Never ending: refused while still arriving.
+        {"GET /" + std::string(20000, 'b'), Result::TooLarge},
+        {"GET / HTTP/1.1\r\n" + repeated("X-Many: 0123456789012345678901234567890123456789\r\n", 200),
+         Result::TooLarge},
+        {"GET / HTTP/1.1\r\nX:" + std::string(20000, ' '), Result::TooLarge},
+        {"PUT / HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n" +
+             repeated("10000\r\n" + std::string(0x10000, 'c') + "\r\n", 17),
+         Result::TooLarge},
     };
     for (const auto& c : cases) {
-        RequestParser whole;
-        EXPECT_EQ(feed(whole, c.request), c.expected) << "one read of " << c.request.size();
-        for (size_t cut : {1, 7, 4096}) {
-            RequestParser pieces;
-            Result result = Result::Incomplete;
-            for (size_t offset = 0; offset < c.request.size() && result == Result::Incomplete; offset += cut) {
-                result = feed(pieces, c.request.substr(offset, cut));
-            }
-            EXPECT_EQ(result, c.expected) << "reads of " << cut << " bytes of " << c.request.size();
+        for (size_t cut : {c.request.size(), size_t{1}, size_t{7}, size_t{4096}}) {
+            EXPECT_EQ(feedInReads(c.request, cut), c.expected)
+                << "reads of " << cut << " bytes of " << c.request.substr(0, 30) << "... of " << c.request.size();
         }
     }
 }
@@ -184,11 +165,10 @@ TEST(RequestParser, DigestFieldsQuotedBareInAnyOrderAndCut)
     EXPECT_EQ(std::string(block.szResponse), std::string(sizeof(block.szResponse) - 1, 'r'));
     EXPECT_STREQ(block.szNonce, "");
 
+    const NET_HTTPSERVER_REQUEST_PARAM empty{};
     for (const char* other : {"Basic dXNlcm5hbWU9eDpwYXNz", "Digestive username=x"}) {
         block = paramsWith(other);
-        const char* fields = block.szUserName;
-        for (size_t i = 0; i < sizeof(block) - offsetof(NET_HTTPSERVER_REQUEST_PARAM, szUserName); ++i) {
-            ASSERT_EQ(fields[i], '\0') << other << ", byte " << i;
-        }
+        const size_t fields = offsetof(NET_HTTPSERVER_REQUEST_PARAM, szUserName);
+        EXPECT_EQ(memcmp(block.szUserName, empty.szUserName, sizeof(block) - fields), 0) << other;
     }
 }

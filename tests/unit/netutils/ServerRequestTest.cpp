@@ -1,13 +1,19 @@
-/*
- * Requests reaching the owner and one-shot replies, over real sockets.
- */
+// One request per connection, over real sockets: requests that reach the owner and one-shot replies, and
+// connections that do not reach it (malformed, over a limit, too slow, or waiting while the process is out
+// of descriptors).
 #include "ServerFixture.h"
-#include "TestClient.h"
 
+#include <fcntl.h>
+#include <sys/resource.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <chrono>
 #include <string>
 
 using nettest::ServerTest;
 using nettest::TestClient;
+using Clock = std::chrono::steady_clock;
 
 TEST_F(ServerTest, OneShotRepliesAreExactOnTheWireAndEndTheConnection)
 {
@@ -35,24 +41,26 @@ TEST_F(ServerTest, OneShotRepliesAreExactOnTheWireAndEndTheConnection)
     };
     int handle = -1;
     for (const auto& c : cases) {
+        // Bytes after the request, in its last read or later, are read and ignored.
         TestClient client;
-        ASSERT_TRUE(client.connectTo(port()));
-        ASSERT_TRUE(client.send("GET /path?q=1&r=%41 HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
-        const Request request = waitForRequest();
+        const Request request =
+            sendRequest(client,
+                        "PUT /path?q=1&r=%41 HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 2\r\n\r\n"
+                        "okGET /two HTTP/1.1\r\n\r\n\x01\x02garbage");
         handle = request.handle;
         ASSERT_GT(handle, 0);
-        EXPECT_EQ(request.url, "/path?q=1&r=%41");
+        EXPECT_EQ(request.url + request.body, "/path?q=1&r=%41ok");
+        ASSERT_TRUE(client.send("more garbage after the request\r\n\r\n"));
         EXPECT_EQ(stageHeader(handle, "X-Bad", "a\r\nb"), -1) << "a header cannot end the head";
         EXPECT_EQ(NET_UTILS_GetLastError(), NET_ERR_PARAM);
         EXPECT_EQ(replyWith(handle, c.status, c.headers, c.body), c.written);
         EXPECT_EQ(client.receiveAll(3000), c.wire);
         EXPECT_TRUE(client.waitForClose(100));
-        // The owner learns at once that the connection is over.
-        ASSERT_TRUE(waitForEnd(handle));
+        ASSERT_EQ(endCount(handle, 5000), 1) << "the owner learns at once that the connection is over";
     }
-    // The handle stays known until the owner closes it: replies fail with
-    // "closed", the request stays readable (an owner that sets up after the
-    // client left still learns the handle it must close).
+    EXPECT_EQ(requestCount(), 3u);
+    // The handle stays known until the owner closes it: replies fail with "closed", the request stays
+    // readable (an owner that sets up after the client left still learns the handle it must close).
     EXPECT_EQ(NET_HTTPSERVER_Reply(handle, 0), -1);
     EXPECT_EQ(NET_UTILS_GetLastError(), NET_ERR_CLOSED);
     char host[64];
@@ -68,11 +76,9 @@ TEST_F(ServerTest, HeadersAreFoundWithoutRegardToCaseAndMustFit)
 {
     startListen();
     TestClient client;
-    ASSERT_TRUE(client.connectTo(port()));
-    ASSERT_TRUE(client.send("GET / HTTP/1.1\r\nHOST: camera.local:8081\r\nX-Forwarded-For: 10.0.0.7\r\n\r\n"));
-    const int handle = waitForRequest().handle;
+    const int handle =
+        sendRequest(client, "GET / HTTP/1.1\r\nHOST: camera.local:8081\r\nX-Forwarded-For: 10.0.0.7\r\n\r\n").handle;
     ASSERT_GT(handle, 0);
-
     char value[32];
     ASSERT_EQ(NET_HTTPSERVER_GetParamV2(handle, 0, 255, "HostX", 4, value, sizeof(value)), 0) << "4 bytes of name";
     EXPECT_STREQ(value, "camera.local:8081");
@@ -100,7 +106,7 @@ TEST_F(ServerTest, ContinueIsSentBeforeAnAnnouncedBody)
 {
     startListen();
     TestClient client;
-    ASSERT_TRUE(client.connectTo(port()));
+    ASSERT_TRUE(client.connectTo(m_port));
     ASSERT_TRUE(client.send("PUT /x HTTP/1.1\r\nExpect: 100-continue\r\nContent-Length: 3\r\n\r\n"));
     EXPECT_EQ(client.receiveAll(3000, 25), "HTTP/1.1 100 Continue\r\n\r\n");
     ASSERT_TRUE(client.send("abc"));
@@ -113,9 +119,7 @@ TEST_F(ServerTest, OnlyTheLastFiniStopsTheLibrary)
     ASSERT_EQ(NET_UTILS_Init(), 0);
     ASSERT_EQ(NET_UTILS_Fini(), 0);
     TestClient client;
-    ASSERT_TRUE(client.connectTo(port()));
-    ASSERT_TRUE(client.send("GET / HTTP/1.1\r\n\r\n"));
-    EXPECT_GT(waitForRequest().handle, 0) << "the listener outlives a Fini that is not the last";
+    EXPECT_GT(sendRequest(client, "GET / HTTP/1.1\r\n\r\n").handle, 0) << "the listener outlives a Fini not the last";
 
     TearDown();  // the last Fini
     NET_HTTPSERVER_LISTEN_PARAM param{};
@@ -123,4 +127,106 @@ TEST_F(ServerTest, OnlyTheLastFiniStopsTheLibrary)
     EXPECT_EQ(NET_HTTPSERVER_CreateListen(&param), -1);
     EXPECT_EQ(NET_UTILS_GetLastError(), NET_ERR_NOT_INIT);
     EXPECT_EQ(NET_UTILS_Init(), 0);  // for the fixture's own TearDown
+}
+
+TEST_F(ServerTest, RefusedRequestsAreAnsweredAtOnceWithoutCallback)
+{
+    startListen();
+    const std::string end = "Connection: close\r\nContent-Length: 0\r\n\r\n";
+    const std::string bad = "HTTP/1.1 400 Bad Request\r\n" + end;
+    const std::string tooLarge = "HTTP/1.1 413 Request Entity Too Large\r\n" + end;
+    const std::string notAllowed = "HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, PUT, POST, DELETE\r\n" + end;
+    const std::pair<std::string, std::string> cases[] = {
+        {"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03 not http\r\n\r\n", bad},
+        {"GET /" + std::string(9000, 'a') + " HTTP/1.1\r\n\r\n", tooLarge},
+        // The client goes on sending after the refusal: the server reads and drops it, so
+        // that a reset does not destroy the 413 before the client has read it.
+        {"POST / HTTP/1.1\r\nContent-Length: 3000000\r\n\r\n" + std::string(512 * 1024, 'x'), tooLarge},
+        // Refused at the request line: the server waits neither for the rest nor for its receive time-out.
+        {"HEAD /QUMEX/ContentMgmt/download HTTP/1.1\r\nHost: a\r\n\r\n", notAllowed},
+        {"OPTIONS * HTTP/1.1\r\nHost: a\r\n\r\n", notAllowed},
+        {"PATCH /x HTTP/1.1\r\n", notAllowed},
+    };
+    for (const auto& c : cases) {
+        TestClient client;
+        ASSERT_TRUE(client.connectTo(m_port));
+        client.send(c.first);
+        EXPECT_EQ(client.receiveAll(3000), c.second) << c.first.substr(0, 40);
+        EXPECT_TRUE(client.waitForClose(100)) << c.first.substr(0, 40);
+    }
+    EXPECT_EQ(requestCount(), 0u);
+}
+
+TEST_F(ServerTest, StalledRequestIsClosedSilentlyAfterTheReceiveTimeout)
+{
+    startListen(300);
+    TestClient inHeaders;
+    TestClient inBody;
+    ASSERT_TRUE(inHeaders.connectTo(m_port));
+    ASSERT_TRUE(inBody.connectTo(m_port));
+    const auto start = Clock::now();
+    ASSERT_TRUE(inHeaders.send("GET /slow HTTP/1.1\r\nHost: x\r\n"));
+    ASSERT_TRUE(inBody.send("POST /slow HTTP/1.1\r\nContent-Length: 10\r\n\r\n12345"));
+    EXPECT_TRUE(inHeaders.waitForClose(5000));
+    EXPECT_TRUE(inBody.waitForClose(5000));
+    EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(250));
+    EXPECT_EQ(requestCount(), 0u);
+}
+
+namespace {
+
+double processCpuMs()
+{
+    timespec used;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+    return used.tv_sec * 1e3 + used.tv_nsec / 1e6;
+}
+
+struct RestoreLimit {
+    rlimit saved;
+    ~RestoreLimit() { setrlimit(RLIMIT_NOFILE, &saved); }
+};
+
+}  // namespace
+
+// A listener out of descriptors can accept nothing. It must neither spin on the connection that waits nor
+// give up, and must take that connection once descriptors are free again.
+TEST_F(ServerTest, OutOfDescriptorsTheListenerWaitsWithoutSpinningAndAcceptsWhenSomeAreFree)
+{
+    startListen();
+    TestClient holders[2];
+    int held[2];
+    for (int i = 0; i < 2; ++i) {
+        held[i] = sendRequest(holders[i], "GET /hold HTTP/1.1\r\n\r\n").handle;
+        ASSERT_GT(held[i], 0);
+    }
+    // One free descriptor below the lowered limit: the waiting client's socket takes it, leaving none to accept
+    // its connection with.
+    RestoreLimit restore;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &restore.saved), 0);
+    const int lowestFree = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(lowestFree, 0);
+    close(lowestFree);
+    rlimit lowered = restore.saved;
+    lowered.rlim_cur = static_cast<rlim_t>(lowestFree) + 1;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &lowered), 0);
+    TestClient waiting;
+    ASSERT_TRUE(waiting.connectTo(m_port));
+    ASSERT_TRUE(waiting.send("GET /waiting HTTP/1.1\r\n\r\n"));
+
+    // The test thread sleeps meanwhile: the time the process computes is the listener's.
+    const auto wallStart = Clock::now();
+    const double cpuStart = processCpuMs();
+    EXPECT_EQ(waitForRequest(500).handle, -1) << "accepted without a free descriptor";
+    const double wallMs = std::chrono::duration<double, std::milli>(Clock::now() - wallStart).count();
+    EXPECT_LT(processCpuMs() - cpuStart, wallMs / 5) << "ms of processor time in " << wallMs << " ms: it spins";
+
+    for (int handle : held) {
+        EXPECT_EQ(NET_HTTPSERVER_Close(handle, 0), 0);  // frees their descriptors
+    }
+    const Request late = waitForRequest(10000);
+    ASSERT_GT(late.handle, 0) << "not accepted once descriptors were free";
+    EXPECT_EQ(late.url, "/waiting");
+    EXPECT_EQ(replyWith(late.handle, 0, {}, "ok"), 2);
+    EXPECT_EQ(waiting.receiveAll(3000), "HTTP/1.1 200 OK\r\nConnection: close\r\nContent-Length: 2\r\n\r\nok");
 }

@@ -1,14 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <fstream>
-#include <map>
-#include <mutex>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -19,99 +15,56 @@
 
 namespace {
 
-struct Captured {
-    std::mutex lock;
-    std::vector<std::pair<int, std::string>> lines;
-};
-
-void capture(int level, const char* module, const char* text, void* user)
-{
-    Captured* captured = static_cast<Captured*>(user);
-    std::lock_guard<std::mutex> guard(captured->lock);
-    captured->lines.emplace_back(level, std::string(module) + "|" + text);
-}
-
-std::string readFile(const std::string& path)
+std::string readAndRemove(const char* path)
 {
     std::ifstream in(path);
     std::stringstream text;
     text << in.rdbuf();
+    unlink(path);
     return text.str();
 }
 
-// Restores the level and the output function a test changed.
-class WlogTest : public ::testing::Test {
-protected:
-    void SetUp() override { savedLevel_ = wlog_get_level(); }
-    void TearDown() override
-    {
-        wlog_set_output(nullptr, nullptr);
-        wlog_set_level(savedLevel_);
-    }
-    int savedLevel_ = WLOG_INFO;
-};
+void capture(int level, const char* module, const char* text, void* user)
+{
+    static_cast<std::vector<std::string>*>(user)->push_back(std::to_string(level) + "|" + module + "|" + text);
+}
 
 }  // namespace
 
-TEST_F(WlogTest, ThresholdFiltersLowerLevelsAndFormatsTheRest)
+TEST(Wlog, ThresholdIsClampedAndFiltersWhatReachesTheHostOutput)
 {
-    Captured captured;
-    wlog_set_output(capture, &captured);
-    wlog_set_level(WLOG_WARN);
-    wlog_format(WLOG_DEBUG, "M", "debug %d", 1);
+    const int saved = wlog_set_level(WLOG_WARN);
+    std::vector<std::string> lines;
+    wlog_set_output(capture, &lines);
     wlog_format(WLOG_INFO, "M", "info %d", 2);
     wlog_format(WLOG_WARN, "M", "warn %s=%d", "x", 3);
     wlog_format(WLOG_ERROR, "M", "error %05.1f", 2.5);
-    ASSERT_EQ(captured.lines.size(), 2u);
-    EXPECT_EQ(captured.lines[0], std::make_pair(4, std::string("M|warn x=3")));
-    EXPECT_EQ(captured.lines[1], std::make_pair(5, std::string("M|error 002.5")));
-
+    wlog_set_output(nullptr, nullptr);
+    EXPECT_EQ(lines, (std::vector<std::string>{"4|M|warn x=3", "5|M|error 002.5"}));
     EXPECT_FALSE(wlog_enabled(WLOG_INFO));
-    EXPECT_TRUE(wlog_enabled(WLOG_WARN));
-    EXPECT_EQ(wlog_set_level(WLOG_DEBUG), WLOG_WARN);
-    EXPECT_TRUE(wlog_enabled(WLOG_DEBUG));
-}
-
-TEST_F(WlogTest, LevelIsClampedToTheKnownRange)
-{
-    wlog_set_level(99);
-    EXPECT_EQ(wlog_get_level(), WLOG_ERROR);
-    wlog_set_level(-3);
+    EXPECT_EQ(wlog_set_level(99), WLOG_WARN);
+    EXPECT_EQ(wlog_set_level(-3), WLOG_ERROR);
     EXPECT_EQ(wlog_get_level(), WLOG_DEBUG);
+    wlog_set_level(saved);
 }
 
-TEST_F(WlogTest, OverlongTextIsCutNotSplit)
+// The built-in writer keeps the lines of concurrent writers whole and each writer's in order (one write(2) per
+// line), and cuts an overlong text rather than splitting it.
+TEST(Wlog, BuiltInWriterNeverInterleavesOrSplitsLines)
 {
-    Captured captured;
-    wlog_set_output(capture, &captured);
-    wlog_set_level(WLOG_DEBUG);
-    std::string longText(20000, 'a');
-    wlog_format(WLOG_INFO, "M", "%s", longText.c_str());
-    ASSERT_EQ(captured.lines.size(), 1u);
-    EXPECT_GT(captured.lines[0].second.size(), 1000u);
-    EXPECT_LT(captured.lines[0].second.size(), longText.size());
-}
-
-// The built-in writer must keep lines of concurrent writers whole: one write(2)
-// per line. Standard error is redirected to a file for the test.
-TEST_F(WlogTest, ConcurrentWritersNeverInterleaveLines)
-{
-    char path[] = "/tmp/wlog_interleave_XXXXXX";
-    int fd = mkstemp(path);
+    char path[] = "/tmp/wlog_lines_XXXXXX";
+    const int fd = mkstemp(path);
     ASSERT_GE(fd, 0);
     fflush(stderr);
-    int savedStderr = dup(STDERR_FILENO);
-    ASSERT_EQ(dup2(fd, STDERR_FILENO), STDERR_FILENO);
-    wlog_set_level(WLOG_DEBUG);
-
-    const int threads = 8;
-    const int linesPerThread = 2000;
+    const int savedStderr = dup(STDERR_FILENO);
+    dup2(fd, STDERR_FILENO);
+    close(fd);
+    const int savedLevel = wlog_set_level(WLOG_DEBUG);
     std::vector<std::thread> writers;
-    for (int t = 0; t < threads; ++t) {
+    for (int t = 0; t < 8; ++t) {
         writers.emplace_back([t] {
-            // Lines of different lengths make torn writes visible.
-            std::string payload(50 + t * 97, (char)('a' + t));
-            for (int i = 0; i < linesPerThread; ++i) {
+            const std::string payload(50 + t * 97, (char)('a' + t));  // lengths differ, so a torn line shows
+            for (int i = 0; i < 2000; ++i) {
                 wlog_format(WLOG_INFO, "STREAMinfo", "writer=%d seq=%d payload=%s end", t, i, payload.c_str());
             }
         });
@@ -119,57 +72,53 @@ TEST_F(WlogTest, ConcurrentWritersNeverInterleaveLines)
     for (std::thread& writer : writers) {
         writer.join();
     }
+    wlog_format(WLOG_ERROR, "LONG", "%s", std::string(20000, 'z').c_str());
     dup2(savedStderr, STDERR_FILENO);
     close(savedStderr);
-    close(fd);
+    wlog_set_level(savedLevel);
 
-    std::string text = readFile(path);
-    unlink(path);
-    std::regex line(
-        R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} INFO  STREAMinfo writer=(\d) seq=(\d+) payload=([a-z]+) end$)");
-    std::map<int, int> nextSeq;
+    const std::string text = readAndRemove(path);
     std::istringstream lines(text);
-    std::string current;
-    int count = 0;
-    while (std::getline(lines, current)) {
+    std::regex format(
+        R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6} INFO  STREAMinfo writer=(\d) seq=(\d+) payload=([a-z]+) end$)");
+    std::vector<int> nextSeq(8, 0);
+    std::string line;
+    for (int i = 0; i < 8 * 2000; ++i) {
         std::smatch match;
-        ASSERT_TRUE(std::regex_match(current, match, line)) << current.substr(0, 200);
-        int writer = std::stoi(match[1]);
+        ASSERT_TRUE(std::getline(lines, line) && std::regex_match(line, match, format)) << line.substr(0, 200);
+        const int writer = std::stoi(match[1]);
         ASSERT_EQ(match[3].length(), (size_t)(50 + writer * 97));
-        ASSERT_EQ(std::stoi(match[2]), nextSeq[writer]++);  // each writer's lines stay in order
-        ++count;
+        ASSERT_EQ(std::stoi(match[2]), nextSeq[writer]++);
     }
-    EXPECT_EQ(count, threads * linesPerThread);
+    ASSERT_TRUE(std::getline(lines, line));
+    EXPECT_NE(line.find(" ERROR LONG zzz"), std::string::npos);
+    EXPECT_GT(line.size(), 8000u);
+    EXPECT_LT(line.size(), 20000u);
+    EXPECT_FALSE(std::getline(lines, line)) << "the rest of the cut text went to another line";
+    EXPECT_EQ(text.back(), '\n');
 }
 
-// The environment configures a fresh process: threshold and target file.
-TEST_F(WlogTest, EnvironmentSetsLevelAndFile)
+// The environment configures a fresh process: threshold and target file, by default info and above on
+// standard error.
+TEST(Wlog, EnvironmentSetsLevelAndFile)
 {
     char path[] = "/tmp/wlog_env_XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    std::string command = std::string("WLOG_LEVEL=4 WLOG_FILE=") + path + " " + WLOG_PROBE_PATH;
-    ASSERT_EQ(system(command.c_str()), 0);
-    std::string text = readFile(path);
-    unlink(path);
-    EXPECT_EQ(text.find("debug line"), std::string::npos);
-    EXPECT_EQ(text.find("info line"), std::string::npos);
-    EXPECT_NE(text.find("WARN  PROBEwarn warn line 4\n"), std::string::npos);
-    EXPECT_NE(text.find("ERROR PROBEerror error line 5\n"), std::string::npos);
-}
-
-TEST_F(WlogTest, DefaultsToInfoOnStandardError)
-{
-    char path[] = "/tmp/wlog_default_XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
-    std::string command = std::string("env -u WLOG_LEVEL -u WLOG_FILE ") + WLOG_PROBE_PATH + " 2>" + path;
-    ASSERT_EQ(system(command.c_str()), 0);
-    std::string text = readFile(path);
-    unlink(path);
-    EXPECT_EQ(text.find("debug line"), std::string::npos);
-    EXPECT_NE(text.find("INFO  PROBEinfo info line 3\n"), std::string::npos);
-    EXPECT_NE(text.find("ERROR PROBEerror error line 5\n"), std::string::npos);
+    close(mkstemp(path));
+    const struct {
+        std::string command;
+        int threshold;
+    } cases[] = {
+        {std::string("WLOG_LEVEL=4 WLOG_FILE=") + path + " " + WLOG_PROBE_PATH, WLOG_WARN},
+        {std::string("env -u WLOG_LEVEL -u WLOG_FILE ") + WLOG_PROBE_PATH + " 2>" + path, WLOG_INFO},
+    };
+    const char* written[] = {"DEBUG PROBE line 2\n", "INFO  PROBE line 3\n", "WARN  PROBE line 4\n",
+                             "ERROR PROBE line 5\n"};
+    for (const auto& c : cases) {
+        ASSERT_EQ(system(c.command.c_str()), 0);
+        const std::string text = readAndRemove(path);
+        for (int level = WLOG_DEBUG; level <= WLOG_ERROR; ++level) {
+            EXPECT_EQ(text.find(written[level - WLOG_DEBUG]) != std::string::npos, level >= c.threshold)
+                << c.command << ": " << written[level - WLOG_DEBUG];
+        }
+    }
 }

@@ -16,6 +16,10 @@
 
 namespace asyncio_test {
 
+using testsupport::countCompletion;
+using testsupport::Counter;
+using testsupport::settle;
+
 // A listening socket on an ephemeral loopback port, or -1.
 inline int listenOnLoopback(ZRT_UINT16* port)
 {
@@ -71,15 +75,10 @@ inline bool matchesPattern(const char* data, size_t length, uint64_t offset, uns
     return true;
 }
 
-using testsupport::countCompletion;
-using testsupport::Counter;
-using testsupport::settle;
-
 class AsyncQueueTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        m_queue = ZRT_AsyncIO_CreateQueueEx_New(4);
         ASSERT_NE(m_queue, ZRT_INVALID_ASYNCIOQUEUE);
         ASSERT_TRUE(makeTcpPair(m_client, m_server));
     }
@@ -92,7 +91,7 @@ protected:
         close(m_server);
     }
 
-    void* m_queue = ZRT_INVALID_ASYNCIOQUEUE;
+    void* m_queue = ZRT_AsyncIO_CreateQueueEx_New(4);
     int m_client = -1;
     int m_server = -1;
 };

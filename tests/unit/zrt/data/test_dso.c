@@ -3,4 +3,3 @@ __attribute__((visibility("default"))) int zrt_test_answer(int x)
 {
     return x * 2 + 1;
 }
-__attribute__((visibility("default"))) const char zrt_test_name[] = "zrt-test-dso";

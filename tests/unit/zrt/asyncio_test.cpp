@@ -1,0 +1,318 @@
+// The completion queue: byte-exact duplex streams under load with sends completing in posting order from
+// buffers reused at once, and peer close; and unbinding, synthetic completions and queue destruction, the
+// promises owners rely on to free their contexts safely.
+#include "asyncio_test_helpers.h"
+
+#include <errno.h>
+#include <fcntl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+#include <memory>
+#include <vector>
+
+using namespace asyncio_test;
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr size_t kStreamBytes = 2u << 20;  // instrumented builds: the same paths, less data
+#else
+constexpr size_t kStreamBytes = 8u << 20;
+#endif
+
+struct Endpoint {
+    int sock = -1;
+    unsigned outStream = 0;
+    unsigned inStream = 0;
+    std::vector<char> in = std::vector<char>(64 * 1024);
+    // Only this socket's callbacks touch these, one at a time.
+    uint64_t received = 0;
+    int sendsCompleted = 0;
+    std::atomic<bool> failed{false};
+    Counter* finished = nullptr;
+};
+
+struct SendChunk {
+    Endpoint* end;
+    int index;  // posting order on its socket
+    int length;
+};
+
+void onPatternSent(unsigned long error, unsigned long bytes, void* context)
+{
+    SendChunk* chunk = static_cast<SendChunk*>(context);
+    // Sends complete whole and in posting order.
+    if (error != 0 || bytes != (unsigned long)chunk->length || chunk->index != chunk->end->sendsCompleted++) {
+        chunk->end->failed = true;
+    }
+    chunk->end->finished->add();
+}
+
+void onPatternReceived(unsigned long error, unsigned long bytes, void* context)
+{
+    Endpoint* end = static_cast<Endpoint*>(context);
+    bool ok = error == 0 && bytes > 0 && matchesPattern(end->in.data(), bytes, end->received, end->inStream);
+    end->received += ok ? bytes : 0;
+    if (ok && end->received < kStreamBytes) {
+        int want = (int)std::min<uint64_t>(end->in.size(), kStreamBytes - end->received);
+        if (ZRT_AsyncIO_RecvEx(end->sock, end->in.data(), want, end, onPatternReceived) == 0) {
+            return;
+        }
+        ok = false;
+    }
+    end->failed = end->failed || !ok;
+    end->finished->add();
+}
+
+TEST_F(AsyncQueueTest, ConcurrentDuplexStreamsArriveByteExactAndSendsCompleteInOrder)
+{
+    Counter finished;
+    std::vector<std::unique_ptr<Endpoint>> ends;
+    for (unsigned pair = 0; pair < 6; ++pair) {
+        int sockets[2];
+        ASSERT_TRUE(makeTcpPair(sockets[0], sockets[1]));
+        for (unsigned side = 0; side < 2; ++side) {
+            ends.emplace_back(new Endpoint);
+            Endpoint& end = *ends.back();
+            end.sock = sockets[side];
+            end.outStream = 2 * pair + side;
+            end.inStream = 2 * pair + 1 - side;
+            end.finished = &finished;
+            ASSERT_EQ(ZRT_AsyncIO_BindIOHandleToQueueEx(end.sock, m_queue), 0);
+            ASSERT_EQ(ZRT_AsyncIO_RecvEx(end.sock, end.in.data(), (int)end.in.size(), &end, onPatternReceived), 0);
+        }
+    }
+    // One thread per socket posts all its sends at once, in chunks of up to 1 MiB: far beyond the socket
+    // buffers, so most writes are short and are continued inside the queue. Each thread refills one buffer
+    // as soon as a post returns: what the socket could not take at once must have been copied.
+    std::vector<std::vector<SendChunk>> chunks(ends.size());
+    std::vector<std::thread> posters;
+    int expected = (int)ends.size();
+    for (size_t s = 0; s < ends.size(); ++s) {
+        for (size_t offset = 0, seed = s; offset < kStreamBytes; offset += (size_t)chunks[s].back().length) {
+            seed = seed * 1103515245u + 12345u;
+            int length = (int)std::min<size_t>(1 + (seed >> 8) % (1u << 20), kStreamBytes - offset);
+            chunks[s].push_back(SendChunk{ends[s].get(), (int)chunks[s].size(), length});
+        }
+        expected += (int)chunks[s].size();
+        posters.emplace_back([&, s] {
+            std::vector<char> reused(1u << 20);
+            size_t offset = 0;
+            for (SendChunk& chunk : chunks[s]) {
+                fillPattern(reused.data(), (size_t)chunk.length, offset, ends[s]->outStream);
+                if (ZRT_AsyncIO_SendEx(ends[s]->sock, reused.data(), chunk.length, &chunk, onPatternSent) != 0) {
+                    ends[s]->failed = true;
+                }
+                offset += (size_t)chunk.length;
+            }
+        });
+    }
+    for (std::thread& poster : posters) {
+        poster.join();
+    }
+    ASSERT_TRUE(finished.waitFor(expected, 120000)) << finished.count() << " of " << expected;
+    for (auto& end : ends) {
+        EXPECT_FALSE(end->failed) << "socket " << end->sock;
+        EXPECT_EQ(end->received, kStreamBytes);
+        EXPECT_EQ(ZRT_AsyncIO_UnBindIOHandleEx(end->sock, m_queue), 0);
+        close(end->sock);
+    }
+}
+
+struct Receipts {
+    std::vector<std::pair<unsigned long, unsigned long>> items;  // (error, bytes), by one callback at a time
+    Counter done;
+
+    static void record(unsigned long error, unsigned long bytes, void* context)
+    {
+        static_cast<Receipts*>(context)->items.emplace_back(error, bytes);
+        static_cast<Receipts*>(context)->done.add();
+    }
+};
+
+TEST_F(AsyncQueueTest, PeerCloseCompletesEveryReceiveWithZeroBytes)
+{
+    Receipts receipts;
+    ASSERT_EQ(ZRT_AsyncIO_BindIOHandleToQueueEx(m_server, m_queue), 0);
+    char buffer[64];
+    for (int i = 1; i <= 3; ++i) {  // waiting for data, waiting at the close, posted after it
+        ASSERT_EQ(ZRT_AsyncIO_RecvEx(m_server, buffer, sizeof buffer, &receipts, Receipts::record), 0);
+        if (i == 1) {
+            ASSERT_EQ(send(m_client, "hi", 2, 0), 2);
+        } else if (i == 2) {
+            shutdown(m_client, SHUT_WR);
+        }
+        ASSERT_TRUE(receipts.done.waitFor(i));
+    }
+    EXPECT_EQ(receipts.items, (std::vector<std::pair<unsigned long, unsigned long>>{{0, 2}, {0, 0}, {0, 0}}));
+    EXPECT_EQ(ZRT_AsyncIO_UnBindIOHandleEx(m_server, m_queue), 0);
+}
+
+// The completion with 1 byte waits for the gate; the others only count.
+struct GatedOwner {
+    Counter calls;
+    std::promise<void> gate;
+    std::shared_future<void> opened = gate.get_future().share();
+    std::atomic<bool> finished{false};
+
+    static void onCompletion(unsigned long, unsigned long bytes, void* context)
+    {
+        GatedOwner* owner = static_cast<GatedOwner*>(context);
+        owner->calls.add();
+        if (bytes == 1) {
+            owner->opened.wait();
+            owner->finished = true;
+        }
+    }
+};
+
+TEST_F(AsyncQueueTest, UnbindWaitsForARunningCallbackAndCancelsEverythingPending)
+{
+    ASSERT_EQ(ZRT_AsyncIO_BindIOHandleToQueueEx(m_server, m_queue), 0);
+    EXPECT_NE(fcntl(m_server, F_GETFL) & O_NONBLOCK, 0);
+    Counter received;
+    char buffer[32] = "x";
+    ASSERT_EQ(ZRT_AsyncIO_RecvEx(m_server, buffer, sizeof buffer, &received, countCompletion), 0);
+    GatedOwner owner;
+    ASSERT_EQ(ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_queue, m_server, 0, 1, &owner, GatedOwner::onCompletion), 0);
+    ASSERT_TRUE(owner.calls.waitFor(1));
+    // Queued behind the running one: callbacks of one socket never overlap.
+    ASSERT_EQ(ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_queue, m_server, 0, 2, &owner, GatedOwner::onCompletion), 0);
+    std::atomic<bool> unbound{false};
+    std::atomic<bool> callbackEndedFirst{false};
+    std::thread unbinder([&] {
+        EXPECT_EQ(ZRT_AsyncIO_UnBindIOHandleEx(m_server, m_queue), 0);
+        callbackEndedFirst = owner.finished.load();
+        unbound = true;
+    });
+    settle();
+    EXPECT_FALSE(unbound);
+    owner.gate.set_value();
+    unbinder.join();
+    EXPECT_TRUE(callbackEndedFirst);
+
+    ASSERT_EQ(send(m_client, "late", 4, 0), 4);
+    settle();
+    EXPECT_EQ(owner.calls.count(), 1);
+    EXPECT_EQ(received.count(), 0);
+    EXPECT_EQ(buffer[0], 'x');  // no read after unbinding
+    EXPECT_EQ(ZRT_AsyncIO_RecvEx(m_server, buffer, sizeof buffer, &received, countCompletion), -1);
+}
+
+struct SelfUnbind {
+    void* queue;
+    int sock;
+    std::atomic<int> result{1};
+    Counter posted;
+    Counter calls;
+
+    static void onCompletion(unsigned long, unsigned long, void* context)
+    {
+        SelfUnbind* state = static_cast<SelfUnbind*>(context);
+        if (state->calls.count() == 0) {
+            state->posted.waitFor(1);  // the others are queued behind this one by now
+            state->result = ZRT_AsyncIO_UnBindIOHandleEx(state->sock, state->queue);
+        }
+        state->calls.add();
+    }
+};
+
+TEST_F(AsyncQueueTest, UnbindFromInsideTheSocketsOwnCallbackReturnsAndStopsTheRest)
+{
+    ASSERT_EQ(ZRT_AsyncIO_BindIOHandleToQueueEx(m_server, m_queue), 0);
+    SelfUnbind state{m_queue, m_server, {1}, {}, {}};
+    char buffer[16];
+    ASSERT_EQ(ZRT_AsyncIO_RecvEx(m_server, buffer, sizeof buffer, &state, SelfUnbind::onCompletion), 0);
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_queue, m_server, 0, 0, &state, SelfUnbind::onCompletion), 0);
+    }
+    state.posted.add();
+    ASSERT_TRUE(state.calls.waitFor(1));
+    ASSERT_EQ(send(m_client, "data", 4, 0), 4);
+    settle();
+    EXPECT_EQ(state.result.load(), 0);
+    EXPECT_EQ(state.calls.count(), 1);
+}
+
+struct Delivery {
+    unsigned long error = 0;
+    unsigned long bytes = 0;
+    std::thread::id thread;
+    Counter done;
+
+    static void record(unsigned long error, unsigned long bytes, void* context)
+    {
+        Delivery* delivery = static_cast<Delivery*>(context);
+        delivery->error = error;
+        delivery->bytes = bytes;
+        delivery->thread = std::this_thread::get_id();
+        delivery->done.add();
+    }
+};
+
+TEST_F(AsyncQueueTest, PostedCompletionsArriveOnAQueueThreadWithTheirValues)
+{
+    Delivery loose;
+    ASSERT_EQ(ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_queue, -1, ZRT_ASYNCIO_ABORTED, 7, &loose, Delivery::record), 0);
+    ASSERT_TRUE(loose.done.waitFor(1));
+    EXPECT_EQ(loose.error, ZRT_ASYNCIO_ABORTED);
+    EXPECT_EQ(loose.bytes, 7UL);
+    EXPECT_NE(loose.thread, std::this_thread::get_id());
+    // On a bound socket a null callback means the socket's default one.
+    ASSERT_EQ(ZRT_AsyncIO_BindIOHandleToQueueEx(m_server, m_queue), 0);
+    ASSERT_EQ(ZRT_AsyncIO_BindCallBackToIOHandleEx(m_server, Delivery::record), 0);
+    Delivery bound;
+    ASSERT_EQ(ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_queue, m_server, 104, 9, &bound, nullptr), 0);
+    ASSERT_TRUE(bound.done.waitFor(1));
+    EXPECT_EQ(bound.error, 104UL);
+    EXPECT_EQ(bound.bytes, 9UL);
+    // A socket that is not bound has nothing to run a completion in order with.
+    EXPECT_EQ(ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_queue, m_client, 0, 0, &loose, Delivery::record), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+struct SlowCallback {
+    void* queue;
+    Counter started;
+    std::atomic<int> selfDestroyError{0};
+    std::atomic<bool> finished{false};
+
+    static void destroyOwnQueueThenLinger(unsigned long, unsigned long, void* context)
+    {
+        SlowCallback* slow = static_cast<SlowCallback*>(context);
+        slow->selfDestroyError = ZRT_AsyncIO_DestroyQueueEx(slow->queue) == -1 ? errno : 0;
+        slow->started.add();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        slow->finished = true;
+    }
+};
+
+TEST_F(AsyncQueueTest, DestroyJoinsRunningCallbacksAndDropsPendingWork)
+{
+    ASSERT_EQ(ZRT_AsyncIO_BindIOHandleToQueueEx(m_client, m_queue), 0);
+    Counter completions;
+    char buffer[64];
+    ASSERT_EQ(ZRT_AsyncIO_RecvEx(m_client, buffer, sizeof buffer, &completions, countCompletion), 0);
+    // Nobody reads on the server side: this send stays pending on a full buffer.
+    std::vector<char> bulk(32u << 20, 'b');
+    ASSERT_EQ(ZRT_AsyncIO_SendEx(m_client, bulk.data(), (int)bulk.size(), &completions, countCompletion), 0);
+    SlowCallback slow{m_queue, {}, {0}, {false}};
+    ASSERT_EQ(ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_queue, -1, 0, 0, &slow, SlowCallback::destroyOwnQueueThenLinger),
+              0);
+    ASSERT_TRUE(slow.started.waitFor(1));
+    EXPECT_EQ(slow.selfDestroyError.load(), EDEADLK);  // a queue thread cannot join itself
+    ASSERT_EQ(ZRT_AsyncIO_DestroyQueueEx(m_queue), 0);
+    m_queue = ZRT_INVALID_ASYNCIOQUEUE;
+    EXPECT_TRUE(slow.finished);
+
+    bulk = std::vector<char>();  // the dropped send must not touch it any more
+    ASSERT_EQ(send(m_server, "wake", 4, 0), 4);
+    settle();
+    EXPECT_EQ(completions.count(), 0);
+    EXPECT_EQ(ZRT_AsyncIO_SendEx(m_client, "x", 1, &completions, countCompletion), -1);  // unbound, not closed
+    EXPECT_NE(fcntl(m_client, F_GETFD), -1);
+}
+
+}  // namespace
