@@ -16,7 +16,7 @@ Result feed(RequestParser& parser, const std::string& bytes)
     return parser.feed(bytes.data(), bytes.size());
 }
 
-/* Feeds `bytes` in reads of `cut` bytes until the parser decides. */
+// Feeds `bytes` in reads of `cut` bytes until the parser decides.
 Result feedInReads(const std::string& bytes, size_t cut)
 {
     RequestParser parser;

@@ -42,7 +42,7 @@ protected:
         EXPECT_EQ(NET_UTILS_Fini(), 0);
     }
 
-    /* 0 takes the library's default. */
+    // 0 takes the library's default.
     void startListen(uint32_t recvTimeoutMs = 0)
     {
         NET_HTTPSERVER_LISTEN_PARAM param{};
@@ -61,7 +61,7 @@ protected:
         m_listen = -1;
     }
 
-    /* The next request reported, or one with handle -1 after timeoutMs. */
+    // The next request reported, or one with handle -1 after timeoutMs.
     Request waitForRequest(int timeoutMs = 5000)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -73,7 +73,7 @@ protected:
         return request;
     }
 
-    /* Connects the client, sends `bytes` and waits for the request to be reported. */
+    // Connects the client, sends `bytes` and waits for the request to be reported.
     Request sendRequest(TestClient& client, const std::string& bytes, int receiveBuffer = 0)
     {
         EXPECT_TRUE(client.connectTo(m_port, receiveBuffer));
@@ -81,7 +81,7 @@ protected:
         return waitForRequest();
     }
 
-    /* How often the end of the handle was reported, after waiting up to timeoutMs for the first report. */
+    // How often the end of the handle was reported, after waiting up to timeoutMs for the first report.
     int endCount(int handle, int timeoutMs = 0)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -106,14 +106,15 @@ protected:
         return NET_HTTPSERVER_SetParam(handle, kind, nullptr, 0, &value, sizeof(value));
     }
 
-    /* A one-shot reply: headers in order, body, status (0: none staged), then Reply. */
+    // A one-shot reply: headers in order, body, status (0: none staged), then Reply.
     static int replyWith(int handle, int status, const std::vector<std::pair<std::string, std::string>>& headers,
                          const std::string& body)
     {
         for (const auto& header : headers) {
             stageHeader(handle, header.first, header.second);
         }
-        NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, body.data(), (int)body.size());
+        NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, body.data(),
+                                static_cast<int>(body.size()));
         if (status != 0) {
             stageInt(handle, NET_HTTPSERVER_PARAM_STATUS, status);
         }

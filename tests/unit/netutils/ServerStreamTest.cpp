@@ -28,8 +28,8 @@ uint64_t fnv1a(uint64_t hash, const std::string& data)
 
 class StreamTest : public ServerTest {
 protected:
-    /* A request, then the head of a streamed reply as the sessions send it:
-     * headers, time-out, Reply, then kind 6. */
+    // A request, then the head of a streamed reply as the sessions send it:
+    // headers, time-out, Reply, then kind 6.
     int openStream(TestClient& client, int receiveBuffer)
     {
         const int handle =
@@ -43,21 +43,22 @@ protected:
         return handle;
     }
 
-    /* One block, retried from where the socket stopped, as the sessions do; counts the
-     * replies that wrote less than was staged. 0 when all was written, else -1. */
+    // One block, retried from where the socket stopped, as the sessions do; counts the
+    // replies that wrote less than was staged. 0 when all was written, else -1.
     static int sendBlock(int handle, const char* data, size_t length, int sendTimeoutMs, int* shortReplies = nullptr)
     {
         for (size_t done = 0; done < length;) {
             stageInt(handle, NET_HTTPSERVER_PARAM_SEND_TIMEOUT, sendTimeoutMs);
-            NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, data + done, (int)(length - done));
+            NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, data + done,
+                                    static_cast<int>(length - done));
             const int written = NET_HTTPSERVER_Reply(handle, 0);
             if (written < 0) {
                 return -1;
             }
-            if (shortReplies != nullptr && (size_t)written < length - done) {
+            if (shortReplies != nullptr && static_cast<size_t>(written) < length - done) {
                 ++*shortReplies;
             }
-            done += (size_t)written;
+            done += static_cast<size_t>(written);
         }
         return 0;
     }

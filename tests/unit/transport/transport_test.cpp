@@ -35,7 +35,7 @@ namespace {
 bool readExactly(int sock, char* out, size_t length)
 {
     ssize_t got = 1;
-    for (size_t done = 0; done < length && got > 0; done += (size_t)got) {
+    for (size_t done = 0; done < length && got > 0; done += static_cast<size_t>(got)) {
         got = recv(sock, out + done, length - done, 0);
     }
     return got > 0;
@@ -136,7 +136,8 @@ TEST_F(Transport, CheckedTcpSendsOverTheBacklogLimitAreRefusedAndLoggedOnce)
         CIocpTcpTransmitter transmitter(m_queue, c.own);
         ASSERT_EQ(transmitter.Open(m_client), 0);
         auto send = [&](char* data, size_t length, int checkLimit) {
-            return transmitter.SendData(data, (int)length, (void*)countCompletion, &completions, checkLimit);
+            return transmitter.SendData(data, static_cast<int>(length), reinterpret_cast<void*>(countCompletion),
+                                        &completions, checkLimit);
         };
         const int accepted = std::min<int>(c.global, c.own);
         ASSERT_EQ(send(bulk.data(), bulk.size(), 1), 0);
@@ -174,7 +175,7 @@ struct Frame {
 
 char payloadByte(const Frame& frame, size_t i)
 {
-    return (char)(frame.sender * 31 + frame.sequence * 7 + i);
+    return static_cast<char>(frame.sender * 31 + frame.sequence * 7 + i);
 }
 
 TEST_F(Transport, TcpHeadAndPayloadStayAdjacentWhenThreadsSendAtOnce)
@@ -190,7 +191,8 @@ TEST_F(Transport, TcpHeadAndPayloadStayAdjacentWhenThreadsSendAtOnce)
     std::vector<std::string> payloads(kSenders * kFrames);
     size_t total = 0;
     for (int i = 0; i < kSenders * kFrames; ++i) {
-        heads[i] = Frame{(uint16_t)(i / kFrames), (uint16_t)(1 + i * 37 % 700), (uint32_t)(i % kFrames)};
+        heads[i] = Frame{static_cast<uint16_t>(i / kFrames), static_cast<uint16_t>(1 + i * 37 % 700),
+                         static_cast<uint32_t>(i % kFrames)};
         for (size_t b = 0; b < heads[i].length; ++b) {
             payloads[i].push_back(payloadByte(heads[i], b));
         }
@@ -200,9 +202,10 @@ TEST_F(Transport, TcpHeadAndPayloadStayAdjacentWhenThreadsSendAtOnce)
     for (int s = 0; s < kSenders; ++s) {
         senders.emplace_back([&, s] {
             for (int i = s * kFrames; i < (s + 1) * kFrames; ++i) {
-                EXPECT_EQ(transmitter.SendData(reinterpret_cast<char*>(&heads[i]), (int)sizeof(Frame), &payloads[i][0],
-                                               heads[i].length, (void*)countCompletion, &completions, 0),
-                          0);
+                EXPECT_EQ(
+                    transmitter.SendData(reinterpret_cast<char*>(&heads[i]), static_cast<int>(sizeof(Frame)),
+                                         &payloads[i][0], heads[i].length, (void*)countCompletion, &completions, 0),
+                    0);
             }
         });
     }
@@ -260,7 +263,7 @@ TEST_F(Transport, TcpReceiversPostAgainFromInsideTheirCompletionsAndHearNothingA
     ASSERT_NE(receiver.buffer, nullptr);
     EXPECT_EQ(receiver.buffer[64], 0);
     ASSERT_EQ(transmitter.RecvData(receiver.buffer, 64, (void*)Receiver::onReceived, &receiver), 0);
-    ASSERT_EQ(transmitter.PostIoEvent((int)ZRT_ASYNCIO_ABORTED, 0), 0);
+    ASSERT_EQ(transmitter.PostIoEvent(static_cast<int>(ZRT_ASYNCIO_ABORTED), 0), 0);
     ASSERT_TRUE(receiver.completions.waitFor(1));
     for (int round = 2; round <= 3; ++round) {
         ASSERT_EQ(send(m_server, round == 2 ? "one" : "two", 3, 0), 3);

@@ -63,7 +63,7 @@ TEST(Wlog, BuiltInWriterNeverInterleavesOrSplitsLines)
     std::vector<std::thread> writers;
     for (int t = 0; t < 8; ++t) {
         writers.emplace_back([t] {
-            const std::string payload(50 + t * 97, (char)('a' + t));  // lengths differ, so a torn line shows
+            const std::string payload(50 + t * 97, static_cast<char>('a' + t));  // lengths differ, so a torn line shows
             for (int i = 0; i < 2000; ++i) {
                 wlog_format(WLOG_INFO, "STREAMinfo", "writer=%d seq=%d payload=%s end", t, i, payload.c_str());
             }
@@ -87,7 +87,7 @@ TEST(Wlog, BuiltInWriterNeverInterleavesOrSplitsLines)
         std::smatch match;
         ASSERT_TRUE(std::getline(lines, line) && std::regex_match(line, match, format)) << line.substr(0, 200);
         const int writer = std::stoi(match[1]);
-        ASSERT_EQ(match[3].length(), (size_t)(50 + writer * 97));
+        ASSERT_EQ(match[3].length(), static_cast<size_t>(50 + writer * 97));
         ASSERT_EQ(std::stoi(match[2]), nextSeq[writer]++);
     }
     ASSERT_TRUE(std::getline(lines, line));

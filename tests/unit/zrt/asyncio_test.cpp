@@ -44,7 +44,8 @@ void onPatternSent(unsigned long error, unsigned long bytes, void* context)
 {
     SendChunk* chunk = static_cast<SendChunk*>(context);
     // Sends complete whole and in posting order.
-    if (error != 0 || bytes != (unsigned long)chunk->length || chunk->index != chunk->end->sendsCompleted++) {
+    if (error != 0 || bytes != static_cast<unsigned long>(chunk->length) ||
+        chunk->index != chunk->end->sendsCompleted++) {
         chunk->end->failed = true;
     }
     chunk->end->finished->add();
@@ -56,7 +57,7 @@ void onPatternReceived(unsigned long error, unsigned long bytes, void* context)
     bool ok = error == 0 && bytes > 0 && matchesPattern(end->in.data(), bytes, end->received, end->inStream);
     end->received += ok ? bytes : 0;
     if (ok && end->received < kStreamBytes) {
-        int want = (int)std::min<uint64_t>(end->in.size(), kStreamBytes - end->received);
+        int want = static_cast<int>(std::min<uint64_t>(end->in.size(), kStreamBytes - end->received));
         if (ZRT_AsyncIO_RecvEx(end->sock, end->in.data(), want, end, onPatternReceived) == 0) {
             return;
         }
@@ -81,7 +82,9 @@ TEST_F(AsyncQueueTest, ConcurrentDuplexStreamsArriveByteExactAndSendsCompleteInO
             end.inStream = 2 * pair + 1 - side;
             end.finished = &finished;
             ASSERT_EQ(ZRT_AsyncIO_BindIOHandleToQueueEx(end.sock, m_queue), 0);
-            ASSERT_EQ(ZRT_AsyncIO_RecvEx(end.sock, end.in.data(), (int)end.in.size(), &end, onPatternReceived), 0);
+            ASSERT_EQ(
+                ZRT_AsyncIO_RecvEx(end.sock, end.in.data(), static_cast<int>(end.in.size()), &end, onPatternReceived),
+                0);
         }
     }
     // One thread per socket posts all its sends at once, in chunks of up to 1 MiB: far beyond the socket
@@ -89,23 +92,24 @@ TEST_F(AsyncQueueTest, ConcurrentDuplexStreamsArriveByteExactAndSendsCompleteInO
     // as soon as a post returns: what the socket could not take at once must have been copied.
     std::vector<std::vector<SendChunk>> chunks(ends.size());
     std::vector<std::thread> posters;
-    int expected = (int)ends.size();
+    int expected = static_cast<int>(ends.size());
     for (size_t s = 0; s < ends.size(); ++s) {
-        for (size_t offset = 0, seed = s; offset < kStreamBytes; offset += (size_t)chunks[s].back().length) {
+        for (size_t offset = 0, seed = s; offset < kStreamBytes;
+             offset += static_cast<size_t>(chunks[s].back().length)) {
             seed = seed * 1103515245u + 12345u;
-            int length = (int)std::min<size_t>(1 + (seed >> 8) % (1u << 20), kStreamBytes - offset);
-            chunks[s].push_back(SendChunk{ends[s].get(), (int)chunks[s].size(), length});
+            int length = static_cast<int>(std::min<size_t>(1 + (seed >> 8) % (1u << 20), kStreamBytes - offset));
+            chunks[s].push_back(SendChunk{ends[s].get(), static_cast<int>(chunks[s].size()), length});
         }
-        expected += (int)chunks[s].size();
+        expected += static_cast<int>(chunks[s].size());
         posters.emplace_back([&, s] {
             std::vector<char> reused(1u << 20);
             size_t offset = 0;
             for (SendChunk& chunk : chunks[s]) {
-                fillPattern(reused.data(), (size_t)chunk.length, offset, ends[s]->outStream);
+                fillPattern(reused.data(), static_cast<size_t>(chunk.length), offset, ends[s]->outStream);
                 if (ZRT_AsyncIO_SendEx(ends[s]->sock, reused.data(), chunk.length, &chunk, onPatternSent) != 0) {
                     ends[s]->failed = true;
                 }
-                offset += (size_t)chunk.length;
+                offset += static_cast<size_t>(chunk.length);
             }
         });
     }
@@ -297,7 +301,8 @@ TEST_F(AsyncQueueTest, DestroyJoinsRunningCallbacksAndDropsPendingWork)
     ASSERT_EQ(ZRT_AsyncIO_RecvEx(m_client, buffer, sizeof buffer, &completions, countCompletion), 0);
     // Nobody reads on the server side: this send stays pending on a full buffer.
     std::vector<char> bulk(32u << 20, 'b');
-    ASSERT_EQ(ZRT_AsyncIO_SendEx(m_client, bulk.data(), (int)bulk.size(), &completions, countCompletion), 0);
+    ASSERT_EQ(ZRT_AsyncIO_SendEx(m_client, bulk.data(), static_cast<int>(bulk.size()), &completions, countCompletion),
+              0);
     SlowCallback slow{m_queue, {}, {0}, {false}};
     ASSERT_EQ(ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_queue, -1, 0, 0, &slow, SlowCallback::destroyOwnQueueThenLinger),
               0);

@@ -55,7 +55,7 @@ inline ZRT_UINT64 elapsedMs(ZRT_UINT64 start)
 // sizes, so a lost, doubled or reordered chunk shows.
 inline char patternByte(uint64_t offset, unsigned stream)
 {
-    return (char)(((offset * 2654435761u) >> 11) ^ (offset >> 17) ^ (stream * 29u));
+    return static_cast<char>(((offset * 2654435761u) >> 11) ^ (offset >> 17) ^ (stream * 29u));
 }
 
 inline void fillPattern(char* out, size_t length, uint64_t offset, unsigned stream)
