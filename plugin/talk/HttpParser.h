@@ -1,6 +1,8 @@
 // Framing and dissection of HTTP requests that arrive as raw bytes on the audio
 // channel's own port, where no HTTP server library stands in between; the
-// standard sessions use it to take the Digest user name.
+// standard sessions use it to take the Digest user name. It is a parser of its
+// own, beside the HTTP server library's, because the channel's clients are
+// read by its rules (exact-case "Content-Length: ", the 2048-byte limit).
 #ifndef HTTPWRAPPER_TALK_HTTPPARSER_H
 #define HTTPWRAPPER_TALK_HTTPPARSER_H
 

@@ -8,6 +8,9 @@
 //   The Digest nonce and the identity-token adapter use this family.
 // - Base64Encode / Base64Decode: the lenient codec on caller buffers. The
 //   decoder skips every character outside the alphabet and never fails.
+//
+// The plug-in writes its own codec, although the reference gateway uses the
+// crypto library's: the gateway calls these exported functions by name.
 #ifndef HTTPWRAPPER_UTIL_BASE64_H
 #define HTTPWRAPPER_UTIL_BASE64_H
 
