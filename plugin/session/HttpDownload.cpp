@@ -6,6 +6,7 @@
 
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
+#include "session/ByteRange.h"
 #include "session/DownloadUri.h"
 #include "session/HttpSession.h"
 #include "session/HttpSessionMgr.h"
@@ -18,7 +19,27 @@ namespace {
 const unsigned int kRestBadUrlFormat = 0x50000003;
 const unsigned int kRestBadParameters = 0x60000001;
 const size_t kDevIndexLength = 36;
+// Longer Range values are lists of ranges, which are not served; a longer
+// If-Range is no tag the gateway issued.
+const size_t kMaxRangeHeader = 128;
 }  // namespace
+
+void CHttpSession::readDownloadRange()
+{
+    // A chunked reply has no length a client could count a range in.
+    std::string value;
+    if (m_framing.isChunked() || !m_httpHelper.getRequestHeader(m_iHttpHandle, "Range", kMaxRangeHeader, value)) {
+        return;
+    }
+    CByteRangeRequest range;
+    if (!ParseRangeHeader(value, range)) {
+        HPW_LOGD("Download request range ignored, Range[%s]", value.c_str());
+        return;
+    }
+    std::string ifRange;
+    bool hasIfRange = m_httpHelper.getRequestHeader(m_iHttpHandle, "If-Range", kMaxRangeHeader, ifRange);
+    m_strDownloadRange = DownloadRangeHead(range, hasIfRange, ifRange);
+}
 
 int CHttpSession::processDownloadRequest(char* body, int length)
 {
@@ -48,6 +69,7 @@ int CHttpSession::processDownloadRequest(char* body, int length)
     if (!Contain(m_strPlaybackURI, "name") && !Contain(m_strPlaybackURI, "size")) {
         m_framing.setChunked(true);
     }
+    readDownloadRange();
 
     if (convertToRtspProcess(true) != 0) {
         m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, (unsigned int)GetErrorCode());
@@ -113,6 +135,7 @@ int CHttpSession::processQumexDownloadRequest(char* body, int length)
     RewritePlaybackToDownload(m_strPlaybackURI);
 
     // This form always announces a Content-Length: it never streams chunked.
+    readDownloadRange();
     if (convertToRtspProcess(true) != 0) {
         sendHead(GetStatusCode());
         return -1;
