@@ -158,38 +158,3 @@ TEST_F(StreamSinkTest, RefusesUnknownHandlesAndMediaWithoutCrashing)
     EXPECT_NE(sink.OnStart(handle, 0), 0) << "a stream starts only after pushStream";
     EXPECT_EQ(sink.OnClose(handle), 0);
 }
-
-TEST_F(StreamSinkTest, ARangeIsReadFromItsOffsetAndReportedInStreamInfo)
-{
-    const struct {
-        const char* range;
-        std::vector<int> types;
-        size_t first, length;  // of the body
-        int outcome;
-    } rows[] = {
-        {"bytes=20-59", {10, 1, 2, 100}, 20, 40, 1},  // the stream head's end, the file's start
-        {"bytes=5000-", {10, 2, 2, 100}, 5000, 5040, 1},
-        {"bytes=10040-", {10, 100}, 0, 0, 2},
-        {"bytes=0-;if-range=\"other\"", {10, 1, 2, 2, 2, 100}, 0, 10040, 0},
-    };
-    const std::string plainUrl = mediaUrl;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.range);
-        RecordingServer server;
-        StreamSink sink(library, 4096, status, log);
-        sink.attachServer(&server);
-        mediaUrl = plainUrl + "?" + row.range;
-        void* handle = openAndStart(sink);
-        ASSERT_TRUE(waitForSends(server, row.types.size()));
-        EXPECT_EQ(server.sentTypes(), row.types);
-        const Recording& recording = library.devices()[0].recordings[0];
-        auto head = buildStreamHead(content.size(), recording.start, recording.end, 4096);
-        std::string whole = std::string(head.begin(), head.end()) + content;
-        EXPECT_TRUE(server.body == whole.substr(row.first, row.length));
-        ASSERT_EQ(server.info.size(), kStreamInfoSize);
-        EXPECT_EQ(server.info.compare(1520, 4, "MGBR"), 0);
-        EXPECT_EQ(server.info[1525], row.outcome);
-        EXPECT_EQ(server.info[1544], '"') << "the entity tag";
-        EXPECT_EQ(sink.OnClose(handle), 0);
-    }
-}

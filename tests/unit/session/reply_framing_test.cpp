@@ -29,37 +29,3 @@ TEST(ReplyFraming, ChunkedBlocksCarryUpperCaseHexLengthsAndTheBodyEndsOnce)
     EXPECT_EQ(framing.end(), "0\r\n\r\n");
     EXPECT_EQ(CReplyFraming::decToHex(-7), "");
 }
-
-TEST(ReplyFraming, RangedHeadsCountInTheWholeBodyAndAnnounceResuming)
-{
-    CServedRange part;
-    part.outcome = CServedRange::PART;
-    part.first = 40;
-    part.last = 1039;
-    part.entityTag = "\"t\"";
-    CServedRange unsatisfiable;
-    unsatisfiable.outcome = CServedRange::UNSATISFIABLE;
-    unsatisfiable.entityTag = "\"t\"";
-    CServedRange stale;  // the whole body, and no tag to give
-    const struct {
-        CServedRange served;
-        int status;
-        CReplyFraming::Headers headers;
-    } rows[] = {
-        {part,
-         206,
-         {{"Content-Type", "application/binary"},
-          {"Content-Length", "1000"},
-          {"Content-Range", "bytes 40-1039/1040"},
-          {"Accept-Ranges", "bytes"},
-          {"ETag", "\"t\""}}},
-        {unsatisfiable,
-         416,
-         {{"Content-Range", "bytes */1040"}, {"Content-Length", "0"}, {"Accept-Ranges", "bytes"}, {"ETag", "\"t\""}}},
-        {stale, 200, {{"Content-Type", "application/binary"}, {"Content-Length", "1040"}, {"Accept-Ranges", "bytes"}}},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(CReplyFraming::rangedStatus(row.served), row.status);
-        EXPECT_EQ(CReplyFraming::rangedHead(row.served, 1040), row.headers) << row.status;
-    }
-}

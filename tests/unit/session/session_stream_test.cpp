@@ -88,41 +88,19 @@ TEST_F(SessionStream, OnlyTheFirstStreamInfoSendsTheHeadWithTheLengthPlusForty)
     EXPECT_EQ(net.headerOf(0, "Content-Length"), "40");
 }
 
-TEST_F(SessionStream, ARangedDownloadTakesItsHeadFromTheGatewaysReport)
+// The heads of served ranges are the end-to-end tests'; here a report that makes no sense.
+TEST_F(SessionStream, AnUnreadableRangeReportIsAnsweredFiveHundredNotWithUnknownBytes)
 {
-    const struct {
-        const char* report;  // bytes 1520.. of the block
-        size_t reportLength;
-        int status;  // staged; 0: the server's default 200
-        const char* contentLength;
-        const char* contentRange;
-    } rows[] = {
-        // Bytes 40..1039 of a 1040-byte body.
-        {"MGBR\x01\x01\0\0\x28\0\0\0\0\0\0\0\x0f\x04\0\0\0\0\0\0\"t\"", 27, 206, "1000", "bytes 40-1039/1040"},
-        {"", 0, 0, "1040", "<none>"},  // a gateway that only sends whole bodies: the reply without Range
-        {"MGBR\x01\x07", 6, 500, "<none>", "<none>"},  // what follows is unknown
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.status);
-        TearDown();
-        SetUp();
-        session->m_strDownloadRange = "bytes=40-";
-        std::string info(1620, '\0');
-        unsigned int fileLength = 1000;
-        memcpy(&info[1616], &fileLength, 4);
-        memcpy(&info[1520], row.report, row.reportLength);
-        EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_INFO, &info[0], (int)info.size()), 0);
-        ASSERT_EQ(net.replies.size(), 1u);
-        int status = 0;
-        for (const StagedItem& item : net.replies[0]) {
-            if (item.kind == NET_HTTPSERVER_PARAM_STATUS) {
-                memcpy(&status, item.value.data(), 4);
-            }
-        }
-        EXPECT_EQ(status, row.status);
-        EXPECT_EQ(net.headerOf(0, "Content-Length"), row.contentLength);
-        EXPECT_EQ(net.headerOf(0, "Content-Range"), row.contentRange);
-    }
+    session->m_strDownloadRange = "bytes=40-";
+    std::string info(1620, '\0');
+    memcpy(&info[1520], "MGBR\x01\x07", 6);  // an outcome no gateway reports
+    EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_INFO, &info[0], (int)info.size()), 0);
+    ASSERT_EQ(net.replies.size(), 1u);
+    ASSERT_TRUE(net.hasKind(0, NET_HTTPSERVER_PARAM_STATUS));
+    int status = 0;
+    memcpy(&status, net.replies[0][0].value.data(), 4);
+    EXPECT_EQ(status, 500);
+    EXPECT_FALSE(net.hasKind(0, NET_HTTPSERVER_PARAM_HEADER));
 }
 
 // The framing on the wire is the integration tests'; here what a gateway may repeat.
