@@ -31,27 +31,27 @@ bool parseDownloadRange(const std::string& head, DownloadRange& range)
         return false;
     }
     const size_t condition = head.find(';');
-    const std::string spec =
+    const std::string bounds =
         head.substr(kUnit.size(), condition == std::string::npos ? std::string::npos : condition - kUnit.size());
     DownloadRange parsed;
     size_t at = 0;
-    if (!spec.empty() && spec[0] == '-') {
+    if (!bounds.empty() && bounds[0] == '-') {
         parsed.suffix = true;
         at = 1;
-        if (!readNumber(spec, at, parsed.first)) {
+        if (!readNumber(bounds, at, parsed.first)) {
             return false;
         }
     } else {
-        if (!readNumber(spec, at, parsed.first) || at >= spec.size() || spec[at] != '-') {
+        if (!readNumber(bounds, at, parsed.first) || at >= bounds.size() || bounds[at] != '-') {
             return false;
         }
         ++at;
-        parsed.hasLast = at < spec.size();
-        if (parsed.hasLast && (!readNumber(spec, at, parsed.last) || parsed.last < parsed.first)) {
+        parsed.hasLast = at < bounds.size();
+        if (parsed.hasLast && (!readNumber(bounds, at, parsed.last) || parsed.last < parsed.first)) {
             return false;
         }
     }
-    if (at != spec.size()) {
+    if (at != bounds.size()) {
         return false;
     }
     if (condition != std::string::npos) {

@@ -61,8 +61,8 @@ class Resume(ResumeCase):
                 ("bytes=-1", None, 206, "%d-%d" % (total - 1, total - 1), body[-1:]),
                 ("bytes=%d-" % total, None, 416, "*", b""), ("bytes=40-", '"3004d2-0-0"', 200, None, body)]
         for make in (h.json_download_args, h.xml_download_args):
-            for spec, if_range, status, served, expected in rows:
-                extra = ["-H", "Range: " + spec] + (["-H", "If-Range: " + if_range] if if_range else [])
+            for bounds, if_range, status, served, expected in rows:
+                extra = ["-H", "Range: " + bounds] + (["-H", "If-Range: " + if_range] if if_range else [])
                 reply = self.curl(*extra, *make(self.port, h.playback_uri(name="clip-a.bin")))
                 self.assertEqual((reply.status, reply.body), (status, expected), reply.headers)
                 self.assertIn("\r\nAccept-Ranges: bytes\r\nETag: %s\r\n" % etag, reply.headers)
