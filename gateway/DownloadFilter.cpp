@@ -81,7 +81,8 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
     if (!resolveDownload(m_library, uri, download, refusal)) {
         return refuse(context, method, url, refusal);
     }
-    const std::string mediaUrl = makeMediaUrl(*download.device, *download.recording);
+    const std::string mediaUrl =
+        makeMediaUrl(*download.device, *download.recording, headValue(request, "Download-Range"));
     context->SetFilterURL(url.c_str());
     context->SetMediaURL(mediaUrl.c_str());
     noteClient(uri.client);

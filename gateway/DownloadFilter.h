@@ -4,6 +4,8 @@
 // the "Authorization" head carries the client's raw Digest credentials. The
 // filter checks the credentials, finds the recording and tells the plug-in,
 // through the connection context, which media URL to open on the server sink.
+// A client's byte range comes as one more head, "Download-Range", and travels
+// on in the media URL to the sink, which resolves it (DownloadRange.h).
 // Two-way audio comes through here too: the talk requests, whose credentials
 // are checked the same way, and the device side of each talk.
 #ifndef GATEWAY_DOWNLOAD_FILTER_H

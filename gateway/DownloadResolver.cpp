@@ -88,13 +88,13 @@ bool resolveDownload(const MediaLibrary& library, const PlaybackUri& uri, Resolv
     return true;
 }
 
-std::string makeMediaUrl(const DeviceMedia& device, const Recording& recording)
+std::string makeMediaUrl(const DeviceMedia& device, const Recording& recording, const std::string& range)
 {
     // Recording names are plain file names (see MediaLibrary), so no escaping is needed.
-    return kMediaUrlScheme + device.device.devIndex + "/" + recording.name;
+    return kMediaUrlScheme + device.device.devIndex + "/" + recording.name + (range.empty() ? "" : "?" + range);
 }
 
-const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl)
+const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl, std::string* range)
 {
     const std::string scheme = kMediaUrlScheme;
     if (mediaUrl.compare(0, scheme.size(), scheme) != 0) {
@@ -108,7 +108,11 @@ const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& 
     if (!device) {
         return nullptr;
     }
-    const std::string name = mediaUrl.substr(slash + 1);
+    const size_t query = mediaUrl.find('?', slash);
+    const std::string name = mediaUrl.substr(slash + 1, query == std::string::npos ? query : query - slash - 1);
+    if (range) {
+        *range = query == std::string::npos ? std::string() : mediaUrl.substr(query + 1);
+    }
     for (const Recording& recording : device->recordings) {
         if (recording.name == name) {
             return &recording;

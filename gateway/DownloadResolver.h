@@ -17,8 +17,10 @@ struct ResolvedDownload {
 // and "size" narrow the choice.
 bool resolveDownload(const MediaLibrary& library, const PlaybackUri& uri, ResolvedDownload& download, Refusal& refusal);
 
-// The media URL the filter chain hands to OnOpen, and its reading there.
-std::string makeMediaUrl(const DeviceMedia& device, const Recording& recording);
-const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl);
+// The media URL the filter chain hands to OnOpen, and its reading there. A
+// download that asked for a byte range carries the plug-in's Download-Range
+// head after a "?", for the sink to resolve once the file is open.
+std::string makeMediaUrl(const DeviceMedia& device, const Recording& recording, const std::string& range = "");
+const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl, std::string* range = nullptr);
 
 #endif  // GATEWAY_DOWNLOAD_RESOLVER_H

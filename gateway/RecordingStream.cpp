@@ -12,7 +12,8 @@
 #include "StreamBlocks.h"
 
 RecordingStream::RecordingStream(uint64_t id, const Recording& recording, int fd, uint64_t fileLength,
-                                 PROTOCOL_WRAPPER::IServerData* data, size_t blockSize, Logger& log)
+                                 PROTOCOL_WRAPPER::IServerData* data, size_t blockSize, Logger& log,
+                                 const StreamPart& part)
     : m_id(id),
       m_recording(recording),
       m_fd(fd),
@@ -20,6 +21,8 @@ RecordingStream::RecordingStream(uint64_t id, const Recording& recording, int fd
       m_data(data),
       m_blockSize(blockSize),
       m_log(log),
+      m_part(part),
+      m_slices(sliceBody(part.part, kStreamHeadSize, fileLength)),
       m_stopRequested(false),
       m_bytesSent(0),
       m_started(false),
@@ -118,19 +121,25 @@ void RecordingStream::deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* ser
 bool RecordingStream::sendOpening(PROTOCOL_WRAPPER::IServer* server)
 {
     auto info = buildStreamInfo(m_fileLength);
+    if (m_part.reported) {
+        addRangeRecord(info, m_part.part, m_part.entityTag);
+    }
     auto head = buildStreamHead(m_fileLength, m_recording.start, m_recording.end, static_cast<uint32_t>(m_blockSize));
+    // A part that starts past the stream head gets none of it.
     return sendBlock(server, PROTOCOL_WRAPPER::STREAM_INFO, info.data(), info.size()) &&
-           sendBlock(server, PROTOCOL_WRAPPER::STREAM_HEAD, head.data(), head.size());
+           (m_slices.headLength == 0 ||
+            sendBlock(server, PROTOCOL_WRAPPER::STREAM_HEAD, head.data() + m_slices.headOffset, m_slices.headLength));
 }
 
 std::string RecordingStream::deliverFile(PROTOCOL_WRAPPER::IServer* server)
 {
-    uint64_t offset = 0;
-    while (offset < m_fileLength) {
+    uint64_t offset = m_slices.fileOffset;
+    const uint64_t end = m_slices.fileOffset + m_slices.fileLength;
+    while (offset < end) {
         if (m_stopRequested) {
             return "stopped by the plug-in";
         }
-        size_t wanted = static_cast<size_t>(std::min<uint64_t>(m_blockSize, m_fileLength - offset));
+        size_t wanted = static_cast<size_t>(std::min<uint64_t>(m_blockSize, end - offset));
         ssize_t got = pread(m_fd, m_buffer, wanted, static_cast<off_t>(offset));
         if (got < 0 && errno == EINTR) {
             continue;

@@ -13,15 +13,24 @@
 #include <string>
 #include <thread>
 
+#include "DownloadRange.h"
 #include "MediaLibrary.h"
 
 class Logger;
+
+// What a stream sends of the body (the stream head, then the file).
+struct StreamPart {
+    ServedPart part;        // the whole body unless a range was asked for
+    bool reported = false;  // the request asked for a range: STREAM_INFO says what is served
+    std::string entityTag;
+};
 
 class RecordingStream {
 public:
     // Takes over fd, which the stream closes. fileLength: the file's length when it was opened.
     RecordingStream(uint64_t id, const Recording& recording, int fd, uint64_t fileLength,
-                    PROTOCOL_WRAPPER::IServerData* data, size_t blockSize, Logger& log);
+                    PROTOCOL_WRAPPER::IServerData* data, size_t blockSize, Logger& log,
+                    const StreamPart& part = StreamPart());
     ~RecordingStream();
     RecordingStream(const RecordingStream&) = delete;
     RecordingStream& operator=(const RecordingStream&) = delete;
@@ -29,6 +38,8 @@ public:
     uint64_t id() const { return m_id; }
     uint64_t fileLength() const { return m_fileLength; }
     uint64_t bytesSent() const { return m_bytesSent; }
+    // The bytes of the body this stream sends.
+    uint64_t bodyLength() const { return m_slices.headLength + m_slices.fileLength; }
 
     // Maps the one block buffer the stream reads into; false when memory is short.
     bool prepare();
@@ -57,6 +68,8 @@ private:
     PROTOCOL_WRAPPER::IServerData* const m_data;  // the plug-in's session; valid until OnClose
     const size_t m_blockSize;
     Logger& m_log;
+    const StreamPart m_part;
+    const BodySlices m_slices;
 
     unsigned char* m_buffer = nullptr;  // m_blockSize bytes; used by the delivery thread only, once started
     std::atomic<bool> m_stopRequested;

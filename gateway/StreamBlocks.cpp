@@ -1,5 +1,6 @@
 #include "StreamBlocks.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -22,6 +23,19 @@ std::array<unsigned char, kStreamInfoSize> buildStreamInfo(uint64_t fileLength)
     memcpy(info.data() + 1612, &high, sizeof(high));
     memcpy(info.data() + 1616, &low, sizeof(low));
     return info;
+}
+
+void addRangeRecord(std::array<unsigned char, kStreamInfoSize>& info, const ServedPart& part,
+                    const std::string& entityTag)
+{
+    const size_t kRecord = 1520;
+    const size_t kTagSlot = 64;
+    memcpy(info.data() + kRecord, "MGBR", 4);
+    info[kRecord + 4] = 1;
+    info[kRecord + 5] = static_cast<unsigned char>(part.outcome);
+    putLittleEndian(info.data() + kRecord + 8, part.first, 8);
+    putLittleEndian(info.data() + kRecord + 16, part.last, 8);
+    memcpy(info.data() + kRecord + 24, entityTag.data(), std::min(entityTag.size(), kTagSlot));
 }
 
 std::array<unsigned char, kStreamHeadSize> buildStreamHead(uint64_t fileLength, int64_t start, int64_t end,

@@ -93,7 +93,8 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
     if (talkChannelOfMediaUrl(text(mediaUrl)) != 0) {
         return openTalk(filterUrl, mediaUrl, data, sessionHandle);
     }
-    const Recording* recording = findByMediaUrl(m_library, text(mediaUrl));
+    std::string rangeHead;
+    const Recording* recording = findByMediaUrl(m_library, text(mediaUrl), &rangeHead);
     if (!recording) {
         m_log.logf(kLogError, "OnOpen: \"%s\" names no recording", text(mediaUrl));
         return RestError::kInternalError;
@@ -112,15 +113,34 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
         m_log.logf(kLogWarn, "%s changed since start: %llu bytes now, %llu indexed", recording->path.c_str(),
                    static_cast<unsigned long long>(fileLength), static_cast<unsigned long long>(recording->size));
     }
-    auto stream = std::make_shared<RecordingStream>(m_nextId++, *recording, fd, fileLength, data, m_blockSize, m_log);
+    // A range is resolved against the file as it was opened, the version its tag names.
+    StreamPart part;
+    std::string rangeNote;
+    DownloadRange range;
+    if (!rangeHead.empty() && parseDownloadRange(rangeHead, range)) {
+        const uint64_t bodyLength = fileLength + kStreamHeadSize;
+        const auto head =
+            buildStreamHead(fileLength, recording->start, recording->end, static_cast<uint32_t>(m_blockSize));
+        const int64_t modifiedNs = static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+        part.entityTag = entityTagOf(fileLength, modifiedNs, head.data(), head.size());
+        part.part = resolveRange(range, bodyLength, part.entityTag);
+        part.reported = true;
+        rangeNote = ", range " + rangeHead + ": " + describeServed(part.part, bodyLength);
+    } else if (!rangeHead.empty()) {
+        m_log.logf(kLogWarn, "%s: range \"%s\" is not one the plug-in writes; the whole body is sent",
+                   recording->path.c_str(), rangeHead.c_str());
+    }
+    auto stream =
+        std::make_shared<RecordingStream>(m_nextId++, *recording, fd, fileLength, data, m_blockSize, m_log, part);
     {
         std::lock_guard<std::mutex> guard(m_lock);
         m_streams[stream.get()] = stream;
     }
     *sessionHandle = stream.get();
     m_status.streamOpened();
-    m_log.logf(kLogInfo, "stream %llu opened: %s (%llu bytes) for %s", static_cast<unsigned long long>(stream->id()),
-               recording->path.c_str(), static_cast<unsigned long long>(fileLength), text(filterUrl));
+    m_log.logf(kLogInfo, "stream %llu opened: %s (%llu bytes)%s for %s", static_cast<unsigned long long>(stream->id()),
+               recording->path.c_str(), static_cast<unsigned long long>(fileLength), rangeNote.c_str(),
+               text(filterUrl));
     return 0;
 }
 
@@ -285,5 +305,5 @@ void StreamSink::release(const std::shared_ptr<RecordingStream>& stream, const c
     m_status.streamClosed();
     m_log.logf(kLogInfo, "stream %llu %s: %s, %llu of %llu bytes sent", static_cast<unsigned long long>(stream->id()),
                why, stream->outcome().c_str(), static_cast<unsigned long long>(stream->bytesSent()),
-               static_cast<unsigned long long>(stream->fileLength() + kStreamHeadSize));
+               static_cast<unsigned long long>(stream->bodyLength()));
 }

@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config clang-format
   libjsoncpp-dev libtinyxml-dev libssl-dev libhttp-parser-dev libspandsp-dev
   googletest libgtest-dev libgmock-dev
-  curl nginx-light python3 sox
+  curl wget nginx-light python3 sox
 )
 if [ "${HPW_EXTRA_PACKAGES:-}" != "" ]; then
   read -r -a extra <<<"$HPW_EXTRA_PACKAGES"

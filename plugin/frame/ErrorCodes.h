@@ -44,6 +44,7 @@ enum ModuleError : int {
     HPW_ERR_SEND_TIMEOUT = 0x1930F49,       // sending download data timed out
     HPW_ERR_TALK_EXISTS = 0x1930F4A,        // a talk for the same key is already open
     HPW_ERR_TALK_LIMIT = 0x1930F4C,         // the number of talks is at its maximum
+    HPW_ERR_RANGE_RECORD = 0x1930F4D,       // the gateway's report of a served range makes no sense
 };
 
 }  // namespace HttpWrapper

@@ -7,6 +7,7 @@
 #include "errors/RestErrorCodes.h"
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
+#include "session/ByteRange.h"
 #include "session/DownloadUri.h"
 #include "session/HttpSession.h"
 #include "session/HttpSessionMgr.h"
@@ -17,7 +18,27 @@ namespace HttpWrapper {
 
 namespace {
 const size_t kDevIndexLength = 36;
+// Longer Range values are lists of ranges, which are not served; a longer
+// If-Range is no tag the gateway issued.
+const size_t kMaxRangeHeader = 128;
 }  // namespace
+
+void CHttpSession::readDownloadRange()
+{
+    // A chunked reply has no length a client could count a range in.
+    std::string value;
+    if (m_framing.isChunked() || !m_httpHelper.getRequestHeader(m_iHttpHandle, "Range", kMaxRangeHeader, value)) {
+        return;
+    }
+    CByteRangeRequest range;
+    if (!ParseRangeHeader(value, range)) {
+        HPW_LOGD("Download request range ignored, Range[%s]", value.c_str());
+        return;
+    }
+    std::string ifRange;
+    bool hasIfRange = m_httpHelper.getRequestHeader(m_iHttpHandle, "If-Range", kMaxRangeHeader, ifRange);
+    m_strDownloadRange = DownloadRangeHead(range, hasIfRange, ifRange);
+}
 
 int CHttpSession::processDownloadRequest(char* body, int length)
 {
@@ -47,6 +68,7 @@ int CHttpSession::processDownloadRequest(char* body, int length)
     if (!Contain(m_strPlaybackURI, "name") && !Contain(m_strPlaybackURI, "size")) {
         m_framing.setChunked(true);
     }
+    readDownloadRange();
 
     if (convertToRtspProcess(true) != 0) {
         m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, static_cast<unsigned int>(GetErrorCode()));
@@ -112,6 +134,7 @@ int CHttpSession::processQumexDownloadRequest(char* body, int length)
     RewritePlaybackToDownload(m_strPlaybackURI);
 
     // This form always announces a Content-Length: it never streams chunked.
+    readDownloadRange();
     if (convertToRtspProcess(true) != 0) {
         sendHead(GetStatusCode());
         return -1;

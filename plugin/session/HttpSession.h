@@ -46,6 +46,8 @@ public:
     int send(int index, int dataType, void* data, int length) override;
     int sendStream(void* data, int length);
     int sendHead(int status);
+    // The head of a download that asked for a range, from the gateway's report in its first STREAM_INFO.
+    int sendRangedHead(const char* info, size_t length);
     int sendReply(int status, const char* body, int bodyLength, const std::string& contentSubtype);
 
     int getHttpHandle() const { return m_iHttpHandle; }
@@ -62,6 +64,11 @@ protected:
     int talkUrlOfRequest(const char* verb, std::string& address, int& port);
     // 0 when the gateway accepts the talk request; otherwise the refusal is sent.
     int checkTalkWithGateway();
+    // Reads Range and If-Range of a download that announces its length; a
+    // usable range becomes the Download-Range head of the RTSP request.
+    void readDownloadRange();
+    // Stages status and headers, writes the head, and marks a streamed body to follow.
+    int sendStreamHead(int status, const CReplyFraming::Headers& headers);
 
     std::atomic<int> m_iHttpHandle{-1};
     std::atomic<unsigned long long> m_ullFileLen{0};

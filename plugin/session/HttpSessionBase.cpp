@@ -101,6 +101,10 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
     text += "Download: 0\r\n";
     text += "Authorization:" + m_strAuthorization + "\r\n";
     text += "User-Agent: httpClient\r\n";
+    // After the standard heads, which gateways read as they always have.
+    if (!m_strDownloadRange.empty()) {
+        text += "Download-Range: " + m_strDownloadRange + "\r\n";
+    }
     text += "\r\n";
 
     if (m_request.ParseRequest(&text[0], static_cast<int>(text.size())) == 0) {

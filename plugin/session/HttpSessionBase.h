@@ -83,6 +83,7 @@ protected:
     void* m_pSessionHandle = nullptr;  // the gateway's stream, from OnOpen
     CProtocolRequest m_request;
     std::string m_strPlaybackURI;
+    std::string m_strDownloadRange;  // the Download-Range head's value; empty without a usable Range
     std::atomic<ZRT_INT32> m_iTimeoutCount{0};
     enum { kStreamInfoSlots = 4, kStreamInfoSize = 1620 };
     char m_streamInfo[kStreamInfoSlots][kStreamInfoSize];

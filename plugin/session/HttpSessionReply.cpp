@@ -59,7 +59,12 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
             }
             m_ullFileLen = CReplyFraming::announcedLength((static_cast<unsigned long long>(high) << 32) | low);
             HPW_LOGD("[fileLen = %d]Http download get file len", static_cast<int>(m_ullFileLen.load()));
-            sendHead(200);
+            if (m_strDownloadRange.empty()) {
+                sendHead(200);
+            } else {
+                // The report is read from the block as given, not from a stored record.
+                sendRangedHead(static_cast<const char*>(data), copy);
+            }
         } else if (validIndex && m_iStreamInfoCount > index && copy != 0) {
             // A later block refreshes a stored record and changes nothing else.
             memcpy(m_streamInfo[index], data, copy);
@@ -151,23 +156,51 @@ int CHttpSession::sendStream(void* data, int length)
 
 int CHttpSession::sendHead(int status)
 {
-    int handle = m_iHttpHandle;
-    bool ok;
     if (status == 200) {
-        // The embedded server's default status is 200: it is not staged.
-        ok = true;
-        for (const auto& header : m_framing.head(m_ullFileLen)) {
-            ok = ok && stageHeader(handle, header.first.c_str(), header.second);
-        }
-        ok = ok && stageInt(handle, NET_HTTPSERVER_PARAM_SEND_TIMEOUT, kReplySendTimeoutMs) &&
-             NET_HTTPSERVER_Reply(handle, 0) != -1 &&
-             NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_STREAM, nullptr, 0, nullptr, 0) == 0;
-    } else {
-        // A bare head: the gateway's error is not described to the client here.
-        ok = stageInt(handle, NET_HTTPSERVER_PARAM_STATUS, status) &&
-             stageInt(handle, NET_HTTPSERVER_PARAM_SEND_TIMEOUT, kReplySendTimeoutMs) &&
-             NET_HTTPSERVER_Reply(handle, 0) != -1;
+        return sendStreamHead(200, m_framing.head(m_ullFileLen));
     }
+    // A bare head: the gateway's error is not described to the client here.
+    int handle = m_iHttpHandle;
+    bool ok = stageInt(handle, NET_HTTPSERVER_PARAM_STATUS, status) &&
+              stageInt(handle, NET_HTTPSERVER_PARAM_SEND_TIMEOUT, kReplySendTimeoutMs) &&
+              NET_HTTPSERVER_Reply(handle, 0) != -1;
+    if (!ok) {
+        pushDestroyReq();
+        return -1;
+    }
+    return 0;
+}
+
+int CHttpSession::sendRangedHead(const char* info, size_t length)
+{
+    CServedRange served;
+    switch (ReadServedRange(info, length, m_ullFileLen, served)) {
+    case RANGE_RECORD_ABSENT:
+        // A gateway that serves whole bodies only: the reply is the one without Range.
+        return sendHead(200);
+    case RANGE_RECORD_INVALID:
+        // Which bytes follow is unknown: no client may take them for a part of the recording.
+        HPW_LOGE(HPW_ERR_RANGE_RECORD, "Http download range report of the gateway unreadable, range[%s]",
+                 m_strDownloadRange.c_str());
+        return sendHead(500);
+    default: break;
+    }
+    HPW_LOGD("Http download range[%s] outcome[%d] bytes[%llu-%llu]", m_strDownloadRange.c_str(), served.outcome,
+             served.first, served.last);
+    return sendStreamHead(CReplyFraming::rangedStatus(served), CReplyFraming::rangedHead(served, m_ullFileLen));
+}
+
+int CHttpSession::sendStreamHead(int status, const CReplyFraming::Headers& headers)
+{
+    int handle = m_iHttpHandle;
+    // The embedded server's default status is 200: it is not staged.
+    bool ok = status == 200 || stageInt(handle, NET_HTTPSERVER_PARAM_STATUS, status);
+    for (const auto& header : headers) {
+        ok = ok && stageHeader(handle, header.first.c_str(), header.second);
+    }
+    ok = ok && stageInt(handle, NET_HTTPSERVER_PARAM_SEND_TIMEOUT, kReplySendTimeoutMs) &&
+         NET_HTTPSERVER_Reply(handle, 0) != -1 &&
+         NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_STREAM, nullptr, 0, nullptr, 0) == 0;
     if (!ok) {
         pushDestroyReq();
         return -1;

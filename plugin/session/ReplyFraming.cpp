@@ -17,6 +17,36 @@ CReplyFraming::Headers CReplyFraming::head(unsigned long long bodyLength) const
     return {{"Content-Type", "application/binary"}, {"Content-Length", std::to_string(bodyLength)}};
 }
 
+int CReplyFraming::rangedStatus(const CServedRange& served)
+{
+    switch (served.outcome) {
+    case CServedRange::PART: return 206;
+    case CServedRange::UNSATISFIABLE: return 416;
+    default: return 200;
+    }
+}
+
+CReplyFraming::Headers CReplyFraming::rangedHead(const CServedRange& served, unsigned long long bodyLength)
+{
+    const std::string total = std::to_string(bodyLength);
+    Headers headers;
+    switch (served.outcome) {
+    case CServedRange::PART:
+        headers = {{"Content-Type", "application/binary"},
+                   {"Content-Length", std::to_string(served.last - served.first + 1)},
+                   {"Content-Range",
+                    "bytes " + std::to_string(served.first) + "-" + std::to_string(served.last) + "/" + total}};
+        break;
+    case CServedRange::UNSATISFIABLE: headers = {{"Content-Range", "bytes */" + total}, {"Content-Length", "0"}}; break;
+    default: headers = {{"Content-Type", "application/binary"}, {"Content-Length", total}}; break;
+    }
+    headers.push_back({"Accept-Ranges", "bytes"});
+    if (!served.entityTag.empty()) {
+        headers.push_back({"ETag", served.entityTag});
+    }
+    return headers;
+}
+
 std::string CReplyFraming::blockPrefix(int length) const
 {
     return m_bChunked ? decToHex(length) + kCrLf : std::string();

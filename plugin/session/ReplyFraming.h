@@ -8,12 +8,18 @@
 // blocks go out as they are; without one (a download that names neither a
 // recording nor a size), each block is one chunk: its length in upper-case
 // hexadecimal, CR LF, the bytes, CR LF, and the body ends with "0\r\n\r\n".
+//
+// A download whose client asked for a range (never a chunked one) gets its
+// head from what the gateway reports it serves (session/ByteRange.h); blocks
+// then go out bare, as with a length.
 #ifndef HTTPWRAPPER_SESSION_REPLYFRAMING_H
 #define HTTPWRAPPER_SESSION_REPLYFRAMING_H
 
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "session/ByteRange.h"
 
 namespace HttpWrapper {
 
@@ -32,6 +38,12 @@ public:
     // The headers of the 200 head of a body of bodyLength bytes, in the order
     // they are staged.
     Headers head(unsigned long long bodyLength) const;
+    // The status and headers of the head of a ranged download: 206 for a part,
+    // 416 when nothing of the body is in range, 200 with the whole body when
+    // the client's validator was stale. Only requests with Range get here, so
+    // only their replies announce Accept-Ranges and the tag.
+    static int rangedStatus(const CServedRange& served);
+    static Headers rangedHead(const CServedRange& served, unsigned long long bodyLength);
     // What precedes and follows one block of `length` bytes (empty with a length).
     std::string blockPrefix(int length) const;
     std::string blockSuffix() const;

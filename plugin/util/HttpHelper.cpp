@@ -174,6 +174,18 @@ int CHttpHelper::getRecvAddress(int httpHandle, std::string& address, int& port)
     return 0;
 }
 
+bool CHttpHelper::getRequestHeader(int httpHandle, const char* name, size_t maxLength, std::string& value) const
+{
+    std::string buffer(maxLength + 1, '\0');
+    if (NET_HTTPSERVER_GetParamV2(httpHandle, NET_HTTPSERVER_GET_REQUEST, NET_HTTPSERVER_SUB_HEADER, name,
+                                  static_cast<int>(std::strlen(name)), &buffer[0],
+                                  static_cast<int>(buffer.size())) != 0) {
+        return false;
+    }
+    value.assign(buffer.c_str());
+    return true;
+}
+
 std::string CHttpHelper::getHTTPStatsStringByCode(unsigned int code) const
 {
     for (const tagHttpStatusText& entry : kHttpStatusTexts) {

@@ -3,6 +3,8 @@
 #ifndef HTTPWRAPPER_UTIL_HTTPHELPER_H
 #define HTTPWRAPPER_UTIL_HTTPHELPER_H
 
+#include <stddef.h>
+
 #include <string>
 
 namespace HttpWrapper {
@@ -34,6 +36,10 @@ public:
     // Host and port from the request's "HOST" header; port 80 when it names
     // none. -1 when the header cannot be read.
     int getRecvAddress(int httpHandle, std::string& address, int& port) const;
+
+    // The value of the request's header `name`; false when it is absent or
+    // longer than maxLength bytes.
+    bool getRequestHeader(int httpHandle, const char* name, size_t maxLength, std::string& value) const;
 
     // "200 OK" and the like; empty for codes without a phrase.
     std::string getHTTPStatsStringByCode(unsigned int code) const;

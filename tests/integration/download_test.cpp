@@ -65,6 +65,36 @@ TEST_F(Download, TheGatewayReceivesTheRtspRequestHeadByHead)
     EXPECT_TRUE(waitIdle());
 }
 
+TEST_F(Download, ARangeTravelsAsOneMoreHeadAndAGatewayWithoutRangesIsAnsweredAsBefore)
+{
+    sink.recording = recordingOf(1000);
+    const struct {
+        std::string query, headers;  // without name or size the reply is chunked: no length to count a range in
+        const char* forwarded;       // the Download-Range head; nullptr: none
+    } rows[] = {{"&name=a", "", nullptr},
+                {"&size=1000", "Range: bytes=-7\r\nIf-Range: \"x-1\"\r\n", "bytes=-7;if-range=\"x-1\""},
+                {"&name=a", "Range: bytes=0-1,5-9\r\n", nullptr},  // a list of ranges is ignored
+                {"", "Range: bytes=100-\r\n", nullptr}};
+    for (const auto& row : rows) {
+        RawHttpClient client(port);
+        RawResponse response = client.exchange(RawHttpClient::request(
+            "POST", jsonDownloadTarget(), jsonDownloadBody(row.query), digestHeader() + row.headers));
+        client.close();  // a chunked reply ends with the connection
+        EXPECT_EQ(response.status, 200);
+        if (!row.query.empty()) {
+            EXPECT_EQ(response.raw.substr(0, response.raw.size() - 1040),
+                      "HTTP/1.1 200 OK\r\nContent-Type: application/binary\r\nContent-Length: 1040\r\n"
+                      "Connection: close\r\n\r\n");
+        }
+        std::vector<std::pair<std::string, std::string>> heads = filter.seen().back().heads;
+        ASSERT_EQ(heads.size(), row.forwarded ? 6u : 5u) << row.headers;
+        EXPECT_EQ(heads[4].first, "User-Agent");  // the standard heads come first, as they are
+        EXPECT_TRUE(!row.forwarded ||
+                    heads[5] == std::make_pair(std::string("Download-Range"), std::string(row.forwarded)));
+        EXPECT_TRUE(waitIdle());
+    }
+}
+
 TEST_F(Download, JsonFormWithANameStreamsWithContentLength)
 {
     for (size_t size : {static_cast<size_t>(0), static_cast<size_t>(1), static_cast<size_t>(65536),

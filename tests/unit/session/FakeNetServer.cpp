@@ -43,14 +43,14 @@ int NET_HTTPSERVER_GetParamV2(int handle, int type, int subType, const char* nam
         return -1;
     }
     if (subType == NET_HTTPSERVER_SUB_PARAMS) {
-        if (size < (int)sizeof server.params) {
+        if (size < static_cast<int>(sizeof server.params)) {
             return -1;
         }
         memcpy(buffer, &server.params, sizeof server.params);
         return 0;
     }
-    auto found = server.headers.find(std::string(name, (size_t)nameLength));
-    if (found == server.headers.end() || (int)found->second.size() + 1 > size) {
+    auto found = server.headers.find(std::string(name, static_cast<size_t>(nameLength)));
+    if (found == server.headers.end() || static_cast<int>(found->second.size()) + 1 > size) {
         return -1;
     }
     memcpy(buffer, found->second.c_str(), found->second.size() + 1);
@@ -65,9 +65,9 @@ int NET_HTTPSERVER_SetParam(int handle, int kind, const char* name, int nameLeng
     }
     StagedItem item;
     item.kind = kind;
-    item.name = name != nullptr ? std::string(name, (size_t)nameLength) : "";
+    item.name = name != nullptr ? std::string(name, static_cast<size_t>(nameLength)) : "";
     if (value != nullptr && valueLength > 0) {
-        item.value.assign(static_cast<const char*>(value), (size_t)valueLength);
+        item.value.assign(static_cast<const char*>(value), static_cast<size_t>(valueLength));
     }
     server.staged.push_back(item);
     return 0;
@@ -84,13 +84,13 @@ int NET_HTTPSERVER_Reply(int handle, int flags)
     }
     server.replies.push_back(server.staged);
     server.staged.clear();
-    int written = (int)body.size();
+    int written = static_cast<int>(body.size());
     if (!server.replyPlan.empty()) {
         written = server.replyPlan.front();
         server.replyPlan.pop_front();
     }
     if (written > 0) {
-        server.wire.append(body, 0, (size_t)written);
+        server.wire.append(body, 0, static_cast<size_t>(written));
     }
     return written;
 }

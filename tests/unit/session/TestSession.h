@@ -14,6 +14,7 @@ public:
     using CHttpSessionBase::m_pSessionHandle;
     using CHttpSessionBase::m_strAuthorization;
     using CHttpSessionBase::m_strClientIP;
+    using CHttpSessionBase::m_strDownloadRange;
     using CHttpSessionBase::m_strMethod;
     using CHttpSessionBase::m_strPlaybackURI;
 };

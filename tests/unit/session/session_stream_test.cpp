@@ -49,7 +49,7 @@ protected:
         std::string info(1620, '\0');
         memcpy(&info[1612], &high, 4);
         memcpy(&info[1616], &low, 4);
-        EXPECT_EQ(session->send(index, PROTOCOL_WRAPPER::STREAM_INFO, &info[0], (int)info.size()), 0);
+        EXPECT_EQ(session->send(index, PROTOCOL_WRAPPER::STREAM_INFO, &info[0], static_cast<int>(info.size())), 0);
     }
 
     int sendData(std::string data)
@@ -86,6 +86,21 @@ TEST_F(SessionStream, OnlyTheFirstStreamInfoSendsTheHeadWithTheLengthPlusForty)
     sendInfo(1, 0, 1000);
     EXPECT_EQ(session->getFileLength(), 40u);
     EXPECT_EQ(net.headerOf(0, "Content-Length"), "40");
+}
+
+// The heads of served ranges are the end-to-end tests'; here a report that makes no sense.
+TEST_F(SessionStream, AnUnreadableRangeReportIsAnsweredFiveHundredNotWithUnknownBytes)
+{
+    session->m_strDownloadRange = "bytes=40-";
+    std::string info(1620, '\0');
+    memcpy(&info[1520], "MGBR\x01\x07", 6);  // an outcome no gateway reports
+    EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_INFO, &info[0], static_cast<int>(info.size())), 0);
+    ASSERT_EQ(net.replies.size(), 1u);
+    ASSERT_TRUE(net.hasKind(0, NET_HTTPSERVER_PARAM_STATUS));
+    int status = 0;
+    memcpy(&status, net.replies[0][0].value.data(), 4);
+    EXPECT_EQ(status, 500);
+    EXPECT_FALSE(net.hasKind(0, NET_HTTPSERVER_PARAM_HEADER));
 }
 
 // The framing on the wire is the integration tests'; here what a gateway may repeat.

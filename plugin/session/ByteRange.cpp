@@ -1,0 +1,165 @@
+#include "session/ByteRange.h"
+
+#include <string.h>
+#include <strings.h>
+
+#include <climits>
+
+namespace HttpWrapper {
+
+namespace {
+const char kUnit[] = "bytes=";
+const size_t kUnitLength = sizeof kUnit - 1;
+const size_t kRecordOffset = 1520;
+const char kRecordMagic[] = "MGBR";
+const unsigned char kRecordVersion = 1;
+const size_t kVersionOffset = kRecordOffset + 4;
+const size_t kOutcomeOffset = kRecordOffset + 5;
+const size_t kFirstOffset = kRecordOffset + 8;
+const size_t kLastOffset = kRecordOffset + 16;
+const size_t kTagOffset = kRecordOffset + 24;
+const size_t kTagSlot = 64;
+
+bool isBlank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
+// Digits from `at`; false without any. A value past 64 bits stays at the largest.
+bool readNumber(const std::string& text, size_t& at, unsigned long long& value)
+{
+    size_t start = at;
+    value = 0;
+    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
+        unsigned digit = static_cast<unsigned>(text[at] - '0');
+        value = value > (ULLONG_MAX - digit) / 10 ? ULLONG_MAX : value * 10 + digit;
+    }
+    return at > start;
+}
+
+// Only a tag the gateway could have issued is worth its comparison: strong,
+// and of the characters the gateway writes tags in.
+bool isIssuableTag(const std::string& tag)
+{
+    if (tag.size() < 3 || tag.size() >= kTagSlot || tag.front() != '"' || tag.back() != '"') {
+        return false;
+    }
+    for (size_t i = 1; i + 1 < tag.size(); ++i) {
+        char c = tag[i];
+        bool plain = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-' ||
+                     c == '.' || c == '_';
+        if (!plain) {
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string trimBlanks(const std::string& text)
+{
+    size_t start = 0;
+    size_t end = text.size();
+    while (start < end && isBlank(text[start])) {
+        ++start;
+    }
+    while (end > start && isBlank(text[end - 1])) {
+        --end;
+    }
+    return text.substr(start, end - start);
+}
+
+unsigned long long readLittleEndian(const char* at)
+{
+    unsigned long long value = 0;
+    for (int i = 7; i >= 0; --i) {
+        value = (value << 8) | static_cast<unsigned char>(at[i]);
+    }
+    return value;
+}
+}  // namespace
+
+bool ParseRangeHeader(const std::string& value, CByteRangeRequest& range)
+{
+    std::string text = trimBlanks(value);
+    if (text.size() < kUnitLength || strncasecmp(text.c_str(), kUnit, kUnitLength) != 0) {
+        return false;
+    }
+    size_t at = kUnitLength;
+    while (at < text.size() && isBlank(text[at])) {
+        ++at;
+    }
+    CByteRangeRequest parsed;
+    if (at < text.size() && text[at] == '-') {
+        ++at;
+        parsed.suffix = true;
+        if (!readNumber(text, at, parsed.first)) {
+            return false;
+        }
+    } else {
+        if (!readNumber(text, at, parsed.first) || at >= text.size() || text[at] != '-') {
+            return false;
+        }
+        ++at;
+        parsed.hasLast = readNumber(text, at, parsed.last);
+        if (parsed.hasLast && parsed.last < parsed.first) {
+            return false;
+        }
+    }
+    // Whatever follows, a second range included, makes the header one to ignore.
+    if (at != text.size()) {
+        return false;
+    }
+    range = parsed;
+    return true;
+}
+
+std::string DownloadRangeHead(const CByteRangeRequest& range, bool hasIfRange, const std::string& ifRange)
+{
+    std::string head = kUnit;
+    if (range.suffix) {
+        head += "-" + std::to_string(range.first);
+    } else {
+        head += std::to_string(range.first) + "-";
+        if (range.hasLast) {
+            head += std::to_string(range.last);
+        }
+    }
+    if (hasIfRange) {
+        std::string tag = trimBlanks(ifRange);
+        head += ";if-range=" + (isIssuableTag(tag) ? tag : std::string());
+    }
+    return head;
+}
+
+ServedRangeRecord ReadServedRange(const char* info, size_t length, unsigned long long bodyLength, CServedRange& served)
+{
+    if (info == nullptr || length < kTagOffset + kTagSlot ||
+        memcmp(info + kRecordOffset, kRecordMagic, sizeof kRecordMagic - 1) != 0) {
+        return RANGE_RECORD_ABSENT;
+    }
+    CServedRange record;
+    record.outcome = static_cast<unsigned char>(info[kOutcomeOffset]);
+    const char* tag = info + kTagOffset;
+    const char* tagEnd = static_cast<const char*>(memchr(tag, '\0', kTagSlot));
+    if (static_cast<unsigned char>(info[kVersionOffset]) != kRecordVersion ||
+        record.outcome > CServedRange::UNSATISFIABLE || tagEnd == nullptr) {
+        return RANGE_RECORD_INVALID;
+    }
+    for (const char* c = tag; c < tagEnd; ++c) {
+        if (*c <= ' ' || *c > '~') {
+            return RANGE_RECORD_INVALID;  // it goes into the reply's head
+        }
+    }
+    record.entityTag.assign(tag, tagEnd);
+    if (record.outcome == CServedRange::PART) {
+        record.first = readLittleEndian(info + kFirstOffset);
+        record.last = readLittleEndian(info + kLastOffset);
+        if (record.first > record.last || record.last >= bodyLength) {
+            return RANGE_RECORD_INVALID;
+        }
+    }
+    served = record;
+    return RANGE_RECORD_VALID;
+}
+
+}  // namespace HttpWrapper
