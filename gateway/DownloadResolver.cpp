@@ -94,7 +94,7 @@ std::string makeMediaUrl(const DeviceMedia& device, const Recording& recording)
     return kMediaUrlScheme + device.device.devIndex + "/" + recording.name;
 }
 
-const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl)
+const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl, const DeviceMedia** device)
 {
     const std::string scheme = kMediaUrlScheme;
     if (mediaUrl.compare(0, scheme.size(), scheme) != 0) {
@@ -104,13 +104,16 @@ const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& 
     if (slash == std::string::npos) {
         return nullptr;
     }
-    const DeviceMedia* device = library.findByIndex(mediaUrl.substr(scheme.size(), slash - scheme.size()));
-    if (!device) {
+    const DeviceMedia* media = library.findByIndex(mediaUrl.substr(scheme.size(), slash - scheme.size()));
+    if (!media) {
         return nullptr;
     }
     const std::string name = mediaUrl.substr(slash + 1);
-    for (const Recording& recording : device->recordings) {
+    for (const Recording& recording : media->recordings) {
         if (recording.name == name) {
+            if (device != nullptr) {
+                *device = media;
+            }
             return &recording;
         }
     }

@@ -19,6 +19,8 @@ bool resolveDownload(const MediaLibrary& library, const PlaybackUri& uri, Resolv
 
 // The media URL the filter chain hands to OnOpen, and its reading there.
 std::string makeMediaUrl(const DeviceMedia& device, const Recording& recording);
-const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl);
+// device, when given, is set to the recording's device.
+const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl,
+                                const DeviceMedia** device = nullptr);
 
 #endif  // GATEWAY_DOWNLOAD_RESOLVER_H

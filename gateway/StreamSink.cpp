@@ -9,10 +9,11 @@
 #include <ctime>
 #include <new>
 
+#include "AccessLog.h"
 #include "DownloadResolver.h"
+#include "GatewayMetrics.h"
 #include "Logger.h"
 #include "RestErrors.h"
-#include "StatusBoard.h"
 #include "StreamBlocks.h"
 #include "TalkDevices.h"
 
@@ -25,11 +26,12 @@ const char* text(const char* value)
 
 }  // namespace
 
-StreamSink::StreamSink(const MediaLibrary& library, size_t blockSize, StatusBoard& status, Logger& log,
-                       TalkDevices* talks)
-    : m_library(library),
+StreamSink::StreamSink(const MediaCatalog& catalog, size_t blockSize, GatewayMetrics& metrics, AccessLog* accessLog,
+                       Logger& log, TalkDevices* talks)
+    : m_catalog(catalog),
       m_blockSize(blockSize),
-      m_status(status),
+      m_metrics(metrics),
+      m_accessLog(accessLog),
       m_log(log),
       m_server(nullptr),
       m_nextId(1),
@@ -93,7 +95,10 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
     if (talkChannelOfMediaUrl(text(mediaUrl)) != 0) {
         return openTalk(filterUrl, mediaUrl, data, sessionHandle);
     }
-    const Recording* recording = findByMediaUrl(m_library, text(mediaUrl));
+    // Held while the stream is set up: a reload may replace the library meanwhile.
+    const std::shared_ptr<const MediaLibrary> library = m_catalog.current();
+    const DeviceMedia* device = nullptr;
+    const Recording* recording = findByMediaUrl(*library, text(mediaUrl), &device);
     if (!recording) {
         m_log.logf(kLogError, "OnOpen: \"%s\" names no recording", text(mediaUrl));
         return RestError::kInternalError;
@@ -107,20 +112,27 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
         }
         return RestError::kInternalError;
     }
-    const uint64_t fileLength = static_cast<uint64_t>(info.st_size);
-    if (fileLength != recording->size) {
-        m_log.logf(kLogWarn, "%s changed since start: %llu bytes now, %llu indexed", recording->path.c_str(),
-                   static_cast<unsigned long long>(fileLength), static_cast<unsigned long long>(recording->size));
+    DownloadSetup setup;
+    setup.id = m_nextId++;
+    setup.devIndex = device->device.devIndex;
+    setup.recording = *recording;
+    setup.origin = originOfFilterUrl(text(filterUrl));
+    setup.fd = fd;
+    setup.fileLength = static_cast<uint64_t>(info.st_size);
+    setup.blockSize = m_blockSize;
+    if (setup.fileLength != recording->size) {
+        m_log.logf(kLogWarn, "%s changed since it was indexed: %llu bytes now, %llu indexed", recording->path.c_str(),
+                   static_cast<unsigned long long>(setup.fileLength), static_cast<unsigned long long>(recording->size));
     }
-    auto stream = std::make_shared<RecordingStream>(m_nextId++, *recording, fd, fileLength, data, m_blockSize, m_log);
+    auto stream = std::make_shared<RecordingStream>(std::move(setup), data, m_metrics, m_log);
     {
         std::lock_guard<std::mutex> guard(m_lock);
         m_streams[stream.get()] = stream;
     }
     *sessionHandle = stream.get();
-    m_status.streamOpened();
+    m_metrics.downloadStarted();
     m_log.logf(kLogInfo, "stream %llu opened: %s (%llu bytes) for %s", static_cast<unsigned long long>(stream->id()),
-               recording->path.c_str(), static_cast<unsigned long long>(fileLength), text(filterUrl));
+               recording->path.c_str(), static_cast<unsigned long long>(stream->fileLength()), text(filterUrl));
     return 0;
 }
 
@@ -150,13 +162,13 @@ int StreamSink::openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_W
         setup.capturePath = device->captureFolder + "/talk-ch" + std::to_string(channel) + "-" + stamp + "-" +
                             std::to_string(setup.id) + device->codec->rawExtension;
     }
-    auto talk = std::make_shared<TalkStream>(setup, data, m_log);
+    auto talk = std::make_shared<TalkStream>(setup, data, m_metrics, m_log);
     {
         std::lock_guard<std::mutex> guard(m_lock);
         m_talkStreams[talk.get()] = talk;
     }
     *sessionHandle = talk.get();
-    m_status.talkOpened();
+    m_metrics.talkStarted();
     m_log.logf(kLogInfo, "talk %llu opened: device %s channel %d client \"%s\" user \"%s\" codec %s%s%s",
                (unsigned long long)setup.id, setup.devIndex.c_str(), channel, setup.client.c_str(), setup.user.c_str(),
                setup.codec->name, setup.capturePath.empty() ? "" : ", keeping it in ", setup.capturePath.c_str());
@@ -173,8 +185,24 @@ std::shared_ptr<TalkStream> StreamSink::findTalk(void* sessionHandle)
 void StreamSink::releaseTalk(const std::shared_ptr<TalkStream>& talk, const char* outcome)
 {
     talk->stop();
-    m_status.talkClosed();
+    const double seconds = talk->secondsOpen();
+    m_metrics.talkFinished(seconds);
     m_log.logf(kLogInfo, "%s", talk->summary(outcome).c_str());
+    if (m_accessLog != nullptr) {
+        const TalkStreamSetup& setup = talk->setup();
+        AccessEntry entry;
+        entry.time = std::chrono::system_clock::now();
+        entry.kind = "talk";
+        entry.client = setup.client;
+        entry.user = setup.user;
+        entry.device = setup.devIndex;
+        entry.channel = setup.channel;
+        entry.bytesSent = talk->bytesToClient();
+        entry.bytesReceived = talk->bytesFromClient();
+        entry.seconds = seconds;
+        entry.outcome = strcmp(outcome, "closed") == 0 ? "closed" : "shutdown";
+        m_accessLog->record(std::move(entry));
+    }
 }
 
 int StreamSink::OnClose(void* sessionHandle)
@@ -281,8 +309,28 @@ std::shared_ptr<RecordingStream> StreamSink::find(void* sessionHandle, const cha
 void StreamSink::release(const std::shared_ptr<RecordingStream>& stream, const char* why)
 {
     stream->stop();
-    m_status.streamClosed();
+    m_metrics.downloadFinished(stream->outcome(), stream->secondsOpen());
     m_log.logf(kLogInfo, "stream %llu %s: %s, %llu of %llu bytes sent", static_cast<unsigned long long>(stream->id()),
-               why, stream->outcome().c_str(), static_cast<unsigned long long>(stream->bytesSent()),
+               why, stream->outcomeText().c_str(), static_cast<unsigned long long>(stream->bytesSent()),
                static_cast<unsigned long long>(stream->fileLength() + kStreamHeadSize));
+    logAccess(*stream);
+}
+
+void StreamSink::logAccess(RecordingStream& stream)
+{
+    if (m_accessLog == nullptr) {
+        return;
+    }
+    const DownloadSetup& setup = stream.setup();
+    AccessEntry entry;
+    entry.time = std::chrono::system_clock::now();
+    entry.kind = "download";
+    entry.client = setup.origin.client;
+    entry.user = setup.origin.user;
+    entry.device = setup.devIndex;
+    entry.recording = setup.recording.name;
+    entry.bytesSent = stream.bytesSent();
+    entry.seconds = stream.secondsOpen();
+    entry.outcome = downloadOutcomeName(stream.outcome());
+    m_accessLog->record(std::move(entry));
 }

@@ -231,3 +231,27 @@ class GatewayCase(unittest.TestCase):
         magic, version, head_length, file_length = struct.unpack_from("<4sHHQ", body)
         self.assertEqual((magic, version, head_length, file_length), (b"MGRH", 1, HEAD_SIZE, len(content)))
         self.assertTrue(body[HEAD_SIZE:] == content, "body differs from %s" % name)
+
+
+def http_get(port, path):
+    """(status, body text) of a plain GET, as on the gateway's admin endpoint."""
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=10)
+    try:
+        connection.request("GET", path)
+        response = connection.getresponse()
+        return response.status, response.read().decode()
+    finally:
+        connection.close()
+
+
+def parse_metrics(text):
+    """{'name{labels}': value} of a Prometheus text exposition; a line of any other form is an error."""
+    samples = {}
+    for line in text.splitlines():
+        if not line or line.startswith("# HELP ") or line.startswith("# TYPE "):
+            continue
+        match = re.fullmatch(r'([a-zA-Z_:][a-zA-Z0-9_:]*(?:\{[^}]*\})?) (\S+)', line)
+        if match is None:
+            raise ValueError("not a sample line: %r" % line)
+        samples[match.group(1)] = float(match.group(2))
+    return samples

@@ -80,7 +80,7 @@ class NginxProxy(h.GatewayCase):
         reply = self.download_via_nginx(h.json_download_args(self.port, h.playback_uri(name="clip-a.bin", size=size)))
         self.assertEqual(reply.status, 200, self.log_tail())
         self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
-        self.assertEqual(self.status()["lastClientIP"], CLIENT_ADDRESS)
+        self.wait_for_status(lambda s: s.get("lastClientIP") == CLIENT_ADDRESS, "the client address forwarded")
 
     def test_chunked_and_xml_downloads_pass_through_nginx(self):
         reply = self.download_via_nginx(h.json_download_args(self.port, h.playback_uri()))
