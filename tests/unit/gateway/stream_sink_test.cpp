@@ -2,14 +2,17 @@
 // Send: the order and bytes of a download, and that nothing is sent once the
 // plug-in has closed the stream.
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "AccessLog.h"
 #include "DownloadResolver.h"
 #include "GatewayMetrics.h"
 #include "StreamBlocks.h"
@@ -73,10 +76,10 @@ protected:
         catalog.replace(library);
     }
 
-    void* openAndStart(StreamSink& sink)
+    void* openAndStart(StreamSink& sink, const std::string& filterUrl = "rtsp://h/download")
     {
         void* handle = nullptr;
-        EXPECT_EQ(sink.OnOpen("rtsp://h/download", mediaUrl.c_str(), &session, &handle), 0);
+        EXPECT_EQ(sink.OnOpen(filterUrl.c_str(), mediaUrl.c_str(), &session, &handle), 0);
         EXPECT_EQ(sink.pushStream(handle), 0);
         EXPECT_EQ(sink.OnStart(handle, 0), 0);
         return handle;
@@ -102,9 +105,13 @@ protected:
 TEST_F(StreamSinkTest, DeliversInfoHeadBlocksAndEndWithTheFileBytes)
 {
     RecordingServer server;
-    StreamSink sink(catalog, 4096, metrics, nullptr, log);
+    AccessLog accessLog(metrics, log);
+    std::string error;
+    ASSERT_TRUE(accessLog.open(folder + "/access.log", AccessLogFormat::kJson, error)) << error;
+    StreamSink sink(catalog, 4096, metrics, &accessLog, log);
     sink.attachServer(&server);
-    void* handle = openAndStart(sink);
+    // The user and client the filter verified reach the access log, however odd the name.
+    void* handle = openAndStart(sink, makeFilterUrl("rtsp://h/download?x=1", RequestOrigin{"2001:db8::1", "a&b#c%"}));
     // 10000 bytes in 4096-byte blocks: info, head, three blocks, end.
     ASSERT_TRUE(waitForSends(server, 6));
     EXPECT_EQ(server.sentTypes(), (std::vector<int>{10, 1, 2, 2, 2, 100}));
@@ -124,6 +131,14 @@ TEST_F(StreamSinkTest, DeliversInfoHeadBlocksAndEndWithTheFileBytes)
     EXPECT_EQ(metrics.downloadsStarted(), 1u);
     EXPECT_EQ(metrics.downloadsFinished(DownloadOutcome::kComplete), 1u);
     EXPECT_EQ(metrics.sentBytes(), kStreamHeadSize + content.size());
+    accessLog.close();
+    Json::Value line;
+    std::ifstream file(folder + "/access.log");
+    ASSERT_TRUE(Json::Reader().parse(file, line));
+    EXPECT_EQ(line["client"].asString() + " " + line["user"].asString() + " " + line["device"].asString() + " " +
+                  line["recording"].asString() + " " + line["outcome"].asString(),
+              "2001:db8::1 a&b#c% " + kCamera + " r.bin complete");
+    EXPECT_EQ(line["bytesSent"].asUInt64(), kStreamHeadSize + content.size());
 }
 
 TEST_F(StreamSinkTest, NoSendAfterOnCloseReturnsMidStream)
