@@ -9,6 +9,7 @@ packages=(
   googletest libgtest-dev libgmock-dev
   curl nginx-light python3 sox
   prometheus  # for promtool, which the end-to-end tests run over the gateway's /metrics
+  systemd     # for systemd-analyze, which checks the service unit in tools/
 )
 if [ "${HPW_EXTRA_PACKAGES:-}" != "" ]; then
   read -r -a extra <<<"$HPW_EXTRA_PACKAGES"
