@@ -167,7 +167,7 @@ class GatewayGroup(h.GatewayCase):
             self.assertLess(time.monotonic(), deadline, "the second gateway did not reload")
             time.sleep(0.05)
         out = os.path.join(self.dir, "slow.bin")
-        slow = subprocess.Popen(["curl", "-sS", "--limit-rate", "6M", "--digest", "-u", "%s:%s" % (h.USER, h.PASSWORD),
+        slow = subprocess.Popen(["curl", "-sS", "--limit-rate", "4M", "--digest", "-u", "%s:%s" % (h.USER, h.PASSWORD),
                                  "-o", out, *h.json_download_args(self.proxy_port, h.playback_uri(
                                      device=mine, name="big.bin"), device=mine)])
         self.addCleanup(lambda: slow.poll() is None and slow.kill())

@@ -60,10 +60,10 @@ class Operated(h.GatewayCase):
         return h.parse_metrics(text)
 
     def slow_download(self, device, name):
-        """curl reading at 6 MB/s in the background: the gateway holds the download open for seconds."""
+        """curl reading at 4 MB/s in the background: the gateway holds the download open for seconds."""
         out = os.path.join(self.dir, "slow-%s" % name)
         uri = h.playback_uri(device=device, name=name)
-        command = ["curl", "-sS", "--limit-rate", "6M", "--digest", "-u", "%s:%s" % (h.USER, h.PASSWORD), "-o", out,
+        command = ["curl", "-sS", "--limit-rate", "4M", "--digest", "-u", "%s:%s" % (h.USER, h.PASSWORD), "-o", out,
                    *h.json_download_args(self.port, uri, device=device)]
         process = subprocess.Popen(command, stderr=subprocess.PIPE)
         self.addCleanup(lambda: process.poll() is None and process.kill() or process.communicate())
