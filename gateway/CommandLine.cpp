@@ -25,6 +25,8 @@ const char* commandLineUsage()
            "  --plugin FILE       plugin (path of libHttpProtocolWrapper.so)\n"
            "  --log-file FILE     log.file\n"
            "  --log-level LEVEL   log.level: debug, info, warn or error\n"
+           "  --access-log FILE   log.access (one line per download and talk)\n"
+           "  --admin HOST:PORT   admin.listen (/metrics, /healthz, /recordings), e.g. 127.0.0.1:9464\n"
            "  --sample            write a sample recording per device into an empty media folder\n"
            "                      (creating it); without it a missing media folder is an error\n"
            "  --strict            refuse to start on a bad entry of a recordings index\n"
@@ -35,7 +37,8 @@ const char* commandLineUsage()
 bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::string& error)
 {
     static const char* const kOptionsWithValue[] = {"--config",      "--port",   "--audio-port", "--media",
-                                                    "--status-file", "--plugin", "--log-file",   "--log-level"};
+                                                    "--status-file", "--plugin", "--log-file",   "--log-level",
+                                                    "--access-log",  "--admin"};
     commandLine = CommandLine();
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
@@ -75,6 +78,10 @@ bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::stri
             overrides["plugin"] = value;
         } else if (option == "--log-file") {
             overrides["log"]["file"] = value;
+        } else if (option == "--access-log") {
+            overrides["log"]["access"] = value;
+        } else if (option == "--admin") {
+            overrides["admin"]["listen"] = value;
         } else {
             overrides["log"]["level"] = value;
         }

@@ -103,13 +103,17 @@ bool isFolderName(const std::string& name)
 void readServer(const Json::Value& server, GatewayConfig& config)
 {
     const std::string field = "server";
-    requireObject(server, field, {"httpPort", "audioTalkPort", "work_thread", "sendTimeout", "recvTimeout"});
+    requireObject(server, field,
+                  {"httpPort", "audioTalkPort", "work_thread", "sendTimeout", "recvTimeout", "maxDownloads",
+                   "shutdownGraceSeconds"});
     readInt(server, field, "httpPort", 1, 65535, config.httpPort);
     readInt(server, field, "audioTalkPort", 0, 65535, config.audioTalkPort);
     // The plug-in takes these modulo 65536, so larger values would wrap around.
     readInt(server, field, "work_thread", 1, 256, config.workThreads);
     readInt(server, field, "sendTimeout", 1, 65535, config.sendTimeoutMs);
     readInt(server, field, "recvTimeout", 1, 65535, config.recvTimeoutMs);
+    readInt(server, field, "maxDownloads", 1, 400, config.maxDownloads);
+    readInt(server, field, "shutdownGraceSeconds", 0, 3600, config.shutdownGraceSeconds);
     if (config.audioTalkPort == config.httpPort) {
         throw ConfigProblem{"server.audioTalkPort", "must differ from server.httpPort"};
     }
@@ -238,13 +242,38 @@ void readMedia(const Json::Value& media, GatewayConfig& config)
 void readLog(const Json::Value& log, GatewayConfig& config)
 {
     const std::string field = "log";
-    requireObject(log, field, {"level", "file"});
+    requireObject(log, field, {"level", "file", "access", "format"});
     std::string level;
     readString(log, field, "level", level);
     if (log.isMember("level") && !parseLogLevel(level, config.logLevel)) {
         throw ConfigProblem{"log.level", "must be one of debug, info, warn, error"};
     }
     readString(log, field, "file", config.logFile);
+    readString(log, field, "access", config.accessLog);
+    std::string format = "common";
+    readString(log, field, "format", format);
+    if (format != "common" && format != "json") {
+        throw ConfigProblem{"log.format", "must be common or json"};
+    }
+    config.accessLogJson = format == "json";
+}
+
+void readAdmin(const Json::Value& admin, GatewayConfig& config)
+{
+    const std::string field = "admin";
+    requireObject(admin, field, {"listen"});
+    if (!admin.isMember("listen")) {
+        throw ConfigProblem{"admin.listen", "is required to turn the admin endpoint on"};
+    }
+    std::string listen, error;
+    readString(admin, field, "listen", listen);
+    if (!parseListenAddress(listen, config.admin, error)) {
+        throw ConfigProblem{"admin.listen", error};
+    }
+    if (config.admin.port == config.httpPort || config.admin.port == config.audioTalkPort) {
+        throw ConfigProblem{"admin.listen", "port " + std::to_string(config.admin.port) + " is the plug-in's"};
+    }
+    config.adminEnabled = true;
 }
 
 }  // namespace
@@ -261,7 +290,7 @@ bool parseGatewayConfig(const Json::Value& root, GatewayConfig& config, std::str
         return true;
     }
     try {
-        requireObject(root, "", {"server", "auth", "media", "log", "statusFile", "plugin"});
+        requireObject(root, "", {"server", "auth", "media", "log", "admin", "statusFile", "plugin"});
         if (root.isMember("server")) {
             readServer(root["server"], config);
         }
@@ -273,6 +302,9 @@ bool parseGatewayConfig(const Json::Value& root, GatewayConfig& config, std::str
         }
         if (root.isMember("log")) {
             readLog(root["log"], config);
+        }
+        if (root.isMember("admin")) {
+            readAdmin(root["admin"], config);
         }
         readString(root, "", "statusFile", config.statusFile);
         readString(root, "", "plugin", config.pluginPath);

@@ -4,14 +4,16 @@
 //
 // {
 //   "server": {"httpPort": 8080, "audioTalkPort": 0, "work_thread": 8,
-//              "sendTimeout": 5000, "recvTimeout": 30000},
+//              "sendTimeout": 5000, "recvTimeout": 30000, "maxDownloads": 400,
+//              "shutdownGraceSeconds": 30},
 //   "auth":   {"realm": "media-gateway", "nonceLifetimeSeconds": 300,
 //              "users": [{"name": "admin", "password": "gateway-demo"}],
 //              "supportSEPAuthMethod": false, "supportIdentifyToken": false},
 //   "media":  {"folder": "", "blockSize": 65536,
 //              "devices": [{"devIndex": "<36 characters>", "name": "", "address": "127.0.0.1",
 //                           "rtspPort": 554, "folder": "<devIndex>"}]},
-//   "log":    {"level": "info", "file": ""},
+//   "log":    {"level": "info", "file": "", "access": "", "format": "common"},
+//   "admin":  {"listen": "127.0.0.1:9464"},        (absent: no admin endpoint)
 //   "statusFile": "",
 //   "plugin": ""
 // }

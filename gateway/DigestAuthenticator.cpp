@@ -82,15 +82,21 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
     if (!isNonceFresh(createdAt, m_now(), m_nonceLifetimeSeconds)) {
         return refuse(user, "nonce expired");
     }
-    auto account = m_passwords.find(user);
+    bool known = false;
+    std::string password;
+    {
+        std::lock_guard<std::mutex> guard(m_passwordLock);
+        auto account = m_passwords.find(user);
+        known = account != m_passwords.end();
+        password = known ? account->second : std::string();
+    }
     // An unknown user costs the same work as a wrong password, so timing tells nothing.
-    const std::string password = account == m_passwords.end() ? std::string() : account->second;
     const std::string ha1 = md5Hex(user + ":" + m_realm + ":" + password);
     const std::string expected =
         digestResponse(ha1, method, credentials.get("uri"), nonce, nc, credentials.get("cnonce"), qop);
     const std::string given = lowerCase(credentials.get("response"));
     bool matches = constantTimeEquals(expected, given);
-    if (account == m_passwords.end()) {
+    if (!known) {
         return refuse(user, "unknown user");
     }
     if (!matches) {
@@ -105,6 +111,12 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
     decision.user = user;
     decision.uri = credentials.get("uri");
     return decision;
+}
+
+void DigestAuthenticator::replacePasswords(std::map<std::string, std::string> passwords)
+{
+    std::lock_guard<std::mutex> guard(m_passwordLock);
+    m_passwords.swap(passwords);
 }
 
 bool DigestAuthenticator::takeNonceCount(const std::string& nonce, int64_t createdAt, uint32_t nc) const

@@ -40,6 +40,9 @@ public:
     // method: the HTTP method of the request; authorization: the raw header value.
     AuthDecision verify(const std::string& method, const std::string& authorization) const;
 
+    // The users a reload read; requests checked from now on use them.
+    void replacePasswords(std::map<std::string, std::string> passwords);
+
     // Nonces whose highest nc is remembered at most at once: past it the
     // oldest is forgotten, which only lets that nonce's (already old) headers be
     // replayed until it expires anyway.
@@ -51,6 +54,7 @@ private:
     bool takeNonceCount(const std::string& nonce, int64_t createdAt, uint32_t nc) const;
 
     std::string m_realm;
+    mutable std::mutex m_passwordLock;  // guards m_passwords, replaced whole by a reload
     std::map<std::string, std::string> m_passwords;
     int64_t m_nonceLifetimeSeconds;
     std::function<int64_t()> m_now;

@@ -3,6 +3,7 @@
 #include "DownloadResolver.h"
 #include "Logger.h"
 #include "PlaybackUri.h"
+#include "RequestOrigin.h"
 #include "StatusBoard.h"
 #include "TalkDevices.h"
 
@@ -19,12 +20,45 @@ std::string headValue(PROTOCOL_FILTER::IProtocolRequest* request, const char* na
     return head ? text(head->GetHeadValue()) : std::string();
 }
 
+RefusalReason reasonOf(const Refusal& refusal)
+{
+    switch (refusal.statusIndex) {
+    case RtspStatusIndex::kUnauthorized: return RefusalReason::kUnauthorized;
+    case RtspStatusIndex::kBadRequest: return RefusalReason::kBadRequest;
+    case RtspStatusIndex::kServiceUnavailable:
+        return refusal.restError == RestError::kReachDownloadLimit ? RefusalReason::kLimit : RefusalReason::kStopping;
+    default: return RefusalReason::kNotFound;
+    }
+}
+
 }  // namespace
 
-DownloadFilter::DownloadFilter(const DigestAuthenticator& authenticator, const MediaLibrary& library,
-                               StatusBoard& status, Logger& log, TalkDevices* talks)
-    : m_authenticator(authenticator), m_library(library), m_status(status), m_log(log), m_talks(talks)
+DownloadFilter::DownloadFilter(const DigestAuthenticator& authenticator, const MediaCatalog& catalog,
+                               GatewayMetrics& metrics, StatusBoard& status, Logger& log, int maxDownloads,
+                               TalkDevices* talks)
+    : m_authenticator(authenticator),
+      m_catalog(catalog),
+      m_metrics(metrics),
+      m_status(status),
+      m_log(log),
+      m_maxDownloads(maxDownloads),
+      m_talks(talks)
 {
+}
+
+bool DownloadFilter::busy(bool isDownload, Refusal& refusal) const
+{
+    if (m_status.phase() == GatewayPhase::kStopping) {
+        refusal = Refusal{RestError::kServiceUnavailable, RtspStatusIndex::kServiceUnavailable,
+                          "the gateway is stopping and takes no new work"};
+        return true;
+    }
+    if (isDownload && m_metrics.openDownloads() >= m_maxDownloads) {
+        refusal = Refusal{RestError::kReachDownloadLimit, RtspStatusIndex::kServiceUnavailable,
+                          std::to_string(m_maxDownloads) + " downloads are open already"};
+        return true;
+    }
+    return false;
 }
 
 int DownloadFilter::Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
@@ -78,12 +112,15 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
     }
     ResolvedDownload download;
     Refusal refusal;
-    if (!resolveDownload(m_library, uri, download, refusal)) {
+    const std::shared_ptr<const MediaLibrary> library = m_catalog.current();
+    if (!resolveDownload(*library, uri, download, refusal) || busy(true, refusal)) {
         return refuse(context, method, url, refusal);
     }
     const std::string mediaUrl =
         makeMediaUrl(*download.device, *download.recording, headValue(request, "Download-Range"));
-    context->SetFilterURL(url.c_str());
+    ForwardedClient client;
+    const std::string requestUrl = splitForwardedClient(url, client);
+    context->SetFilterURL(makeFilterUrl(requestUrl, RequestOrigin{client.address, auth.user}).c_str());
     context->SetMediaURL(mediaUrl.c_str());
     noteClient(uri.client);
     m_log.logf(kLogInfo, "accepted %s from user \"%s\" client \"%s\": %s", method.c_str(), auth.user.c_str(),
@@ -107,6 +144,10 @@ int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const s
         context->SetFilterURL(url.c_str());
         context->SetMediaURL(makeTalkMediaUrl(*device).c_str());
         return 0;
+    }
+    Refusal refusal;
+    if (url.find("/open") != std::string::npos && busy(false, refusal)) {
+        return refuse(context, method, url, refusal);
     }
     // Open, close, and the audio links all name the channel alike; who asked
     // last is who the next talk on it belongs to.
@@ -140,7 +181,7 @@ int DownloadFilter::refuse(PROTOCOL_FILTER::IConnectContext* context, const std:
     context->SetStatusCode(refusal.statusIndex);
     context->SetErrorCode(refusal.restError);
     context->SetErrorDescribe(refusal.reason.c_str());
-    m_status.requestRefused();
+    m_metrics.requestRefused(reasonOf(refusal));
     m_log.logf(kLogWarn, "refused %s %s: %s (0x%08x)", method.c_str(), url.c_str(), refusal.reason.c_str(),
                static_cast<unsigned>(refusal.restError));
     return refusal.restError;

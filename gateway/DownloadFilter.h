@@ -15,7 +15,8 @@
 
 #include "ClientAddress.h"
 #include "DigestAuthenticator.h"
-#include "MediaLibrary.h"
+#include "GatewayMetrics.h"
+#include "MediaCatalog.h"
 #include "RestErrors.h"
 
 class Logger;
@@ -24,9 +25,12 @@ class TalkDevices;
 
 class DownloadFilter : public PROTOCOL_FILTER::IProtocolFilter {
 public:
+    // Refusals are counted in metrics by reason. While the status board says the
+    // gateway is stopping, new downloads and talks are refused so that a proxy
+    // tries another gateway. maxDownloads: open downloads at most (see GatewayConfig).
     // talks: the talking devices; without them every talk request is refused.
-    DownloadFilter(const DigestAuthenticator& authenticator, const MediaLibrary& library, StatusBoard& status,
-                   Logger& log, TalkDevices* talks = nullptr);
+    DownloadFilter(const DigestAuthenticator& authenticator, const MediaCatalog& catalog, GatewayMetrics& metrics,
+                   StatusBoard& status, Logger& log, int maxDownloads, TalkDevices* talks = nullptr);
 
     // 0 accepts; a refusal returns its REST error number and sets the context's status.
     int Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
@@ -38,6 +42,8 @@ private:
     int check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context);
     int refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
                const Refusal& refusal);
+    // A refusal when no new work may start now (stopping, or at the limit); false otherwise.
+    bool busy(bool isDownload, Refusal& refusal) const;
     // A talk's open, close or audio link (credentials already checked), or its
     // device side (the DESCRIBE); returns what the plug-in expects or a refusal.
     int checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
@@ -46,9 +52,11 @@ private:
     void noteClient(const ForwardedClient& client);
 
     const DigestAuthenticator& m_authenticator;
-    const MediaLibrary& m_library;
+    const MediaCatalog& m_catalog;
+    GatewayMetrics& m_metrics;
     StatusBoard& m_status;
     Logger& m_log;
+    const int m_maxDownloads;
     TalkDevices* m_talks;
 };
 

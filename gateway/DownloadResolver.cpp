@@ -94,7 +94,8 @@ std::string makeMediaUrl(const DeviceMedia& device, const Recording& recording, 
     return kMediaUrlScheme + device.device.devIndex + "/" + recording.name + (range.empty() ? "" : "?" + range);
 }
 
-const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl, std::string* range)
+const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl, std::string* range,
+                                const DeviceMedia** device)
 {
     const std::string scheme = kMediaUrlScheme;
     if (mediaUrl.compare(0, scheme.size(), scheme) != 0) {
@@ -104,8 +105,8 @@ const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& 
     if (slash == std::string::npos) {
         return nullptr;
     }
-    const DeviceMedia* device = library.findByIndex(mediaUrl.substr(scheme.size(), slash - scheme.size()));
-    if (!device) {
+    const DeviceMedia* media = library.findByIndex(mediaUrl.substr(scheme.size(), slash - scheme.size()));
+    if (!media) {
         return nullptr;
     }
     const size_t query = mediaUrl.find('?', slash);
@@ -113,8 +114,11 @@ const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& 
     if (range) {
         *range = query == std::string::npos ? std::string() : mediaUrl.substr(query + 1);
     }
-    for (const Recording& recording : device->recordings) {
+    for (const Recording& recording : media->recordings) {
         if (recording.name == name) {
+            if (device != nullptr) {
+                *device = media;
+            }
             return &recording;
         }
     }

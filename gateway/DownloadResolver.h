@@ -19,8 +19,10 @@ bool resolveDownload(const MediaLibrary& library, const PlaybackUri& uri, Resolv
 
 // The media URL the filter chain hands to OnOpen, and its reading there. A
 // download that asked for a byte range carries the plug-in's Download-Range
-// head after a "?", for the sink to resolve once the file is open.
+// head after a "?", for the sink to resolve once the file is open; device,
+// when given, is set to the recording's device.
 std::string makeMediaUrl(const DeviceMedia& device, const Recording& recording, const std::string& range = "");
-const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl, std::string* range = nullptr);
+const Recording* findByMediaUrl(const MediaLibrary& library, const std::string& mediaUrl, std::string* range = nullptr,
+                                const DeviceMedia** device = nullptr);
 
 #endif  // GATEWAY_DOWNLOAD_RESOLVER_H

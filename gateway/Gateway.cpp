@@ -2,18 +2,22 @@
 
 #include <sys/stat.h>
 
+#include <chrono>
 #include <cstdlib>
-#include <ctime>
 #include <cstring>
-#include <map>
+#include <ctime>
 
+#include "AccessLog.h"
+#include "AdminServer.h"
 #include "DigestAuthenticator.h"
 #include "DownloadFilter.h"
+#include "GatewayMetrics.h"
 #include "IdentityKey.h"
 #include "Logger.h"
-#include "MediaLibrary.h"
+#include "MediaCatalog.h"
 #include "PluginLibrary.h"
 #include "SampleMedia.h"
+#include "ServiceNotifier.h"
 #include "StatusBoard.h"
 #include "StreamSink.h"
 #include "TalkDevices.h"
@@ -21,19 +25,82 @@
 
 namespace {
 
-// SIGHUP, an operator's habit for "reload", is logged and otherwise ignored
-// until the gateway can reload; only SIGINT and SIGTERM stop it.
-int waitForStopSignal(const sigset_t& stopSignals, Logger& log)
+// The status file and the service manager's status line follow the counts at
+// this pace, rather than on every event of the delivery threads.
+constexpr auto kPublishInterval = std::chrono::milliseconds(200);
+
+// Everything the signal loop drives once the server runs.
+struct Running {
+    const GatewayConfig& config;
+    const ConfigReader& readConfig;
+    const sigset_t& signals;
+    GatewayMetrics& metrics;
+    StatusBoard& status;
+    ServiceNotifier& notifier;
+    ReloadTargets reload;
+    Logger& log;
+};
+
+// The next of the blocked signals within the interval; 0 when none came.
+int nextSignal(const sigset_t& signals, std::chrono::milliseconds interval)
+{
+    struct timespec timeout;
+    timeout.tv_sec = static_cast<time_t>(interval.count() / 1000);
+    timeout.tv_nsec = static_cast<long>(interval.count() % 1000) * 1000000L;
+    const int received = sigtimedwait(&signals, nullptr, &timeout);
+    return received > 0 ? received : 0;
+}
+
+void publish(Running& run)
+{
+    run.status.publishIfChanged();
+    char line[96];
+    snprintf(line, sizeof line, "%s: %lld download(s), %lld talk(s) open",
+             run.status.phase() == GatewayPhase::kStopping ? "stopping" : "ready",
+             static_cast<long long>(run.metrics.openDownloads()), static_cast<long long>(run.metrics.openTalks()));
+    run.notifier.status(line);
+}
+
+// Serves until SIGINT or SIGTERM, reloading on SIGHUP; returns the stopping signal.
+int serveUntilStopped(Running& run)
 {
     for (;;) {
-        int received = 0;
-        if (sigwait(&stopSignals, &received) != 0) {
-            continue;
-        }
-        if (received != SIGHUP) {
+        const int received = nextSignal(run.signals, kPublishInterval);
+        publish(run);
+        if (received == SIGHUP) {
+            run.log.logf(kLogInfo, "SIGHUP received: reloading users and recordings");
+            run.notifier.reloading();
+            reloadGateway(run.readConfig, run.config, run.reload);
+            run.notifier.ready("ready");
+        } else if (received != 0) {
             return received;
         }
-        log.logf(kLogInfo, "SIGHUP received: this gateway does not reload; it goes on as it is");
+    }
+}
+
+// New work is refused already; waits for the running downloads to end, for the
+// grace period at most, or until a second stop signal.
+void drainDownloads(Running& run)
+{
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(run.config.shutdownGraceSeconds);
+    if (run.metrics.openDownloads() > 0) {
+        run.log.logf(kLogInfo, "%lld download(s) running get up to %d s to finish",
+                     static_cast<long long>(run.metrics.openDownloads()), run.config.shutdownGraceSeconds);
+    }
+    while (run.metrics.openDownloads() > 0 && std::chrono::steady_clock::now() < deadline) {
+        const int received = nextSignal(run.signals, std::chrono::milliseconds(50));
+        publish(run);
+        if (received == SIGINT || received == SIGTERM) {
+            run.log.logf(kLogInfo, "%s received again: stopping at once", strsignal(received));
+            return;
+        }
+        if (received == SIGHUP) {
+            run.log.logf(kLogInfo, "SIGHUP received while stopping: not reloading");
+        }
+    }
+    if (run.metrics.openDownloads() > 0) {
+        run.log.logf(kLogWarn, "%lld download(s) still running after %d s; stopping them",
+                     static_cast<long long>(run.metrics.openDownloads()), run.config.shutdownGraceSeconds);
     }
 }
 
@@ -61,65 +128,84 @@ void routePluginLog(const GatewayConfig& config)
     }
 }
 
-std::map<std::string, std::string> passwordsOf(const GatewayConfig& config)
-{
-    std::map<std::string, std::string> passwords;
-    for (const UserAccount& user : config.users) {
-        passwords[user.name] = user.password;
-    }
-    return passwords;
-}
-
 // Plug-in loaded and initialised: create the server, serve until a signal, tear down.
-int serve(const GatewayConfig& config, PluginLibrary& plugin, StreamSink& sink, DownloadFilter& filter,
-          StatusBoard& status, Logger& log, const sigset_t& stopSignals)
+int serve(PluginLibrary& plugin, StreamSink& sink, DownloadFilter& filter, Running& run)
 {
+    const GatewayConfig& config = run.config;
     if (!offersHttp(plugin)) {
-        log.logf(kLogError, "the plug-in %s does not offer an http server", config.pluginPath.c_str());
+        run.log.logf(kLogError, "the plug-in %s does not offer an http server", config.pluginPath.c_str());
         return kExitStartFailed;
     }
     const std::string url = buildServerUrl(config);
     PROTOCOL_WRAPPER::IServer* server = plugin.createServer(url.c_str(), &sink, &filter);
     if (!server) {
-        log.logf(kLogError, "CreateServer(%s) failed (is port %d in use?), plug-in error 0x%08x", url.c_str(),
-                 config.httpPort, static_cast<unsigned>(plugin.lastError()));
+        run.log.logf(kLogError, "CreateServer(%s) failed (is port %d in use?), plug-in error 0x%08x", url.c_str(),
+                     config.httpPort, static_cast<unsigned>(plugin.lastError()));
         // What the failed start left behind is released only by DestroyServer.
         plugin.destroyServer(nullptr);
         return kExitStartFailed;
     }
     sink.attachServer(server);
-    status.setReady(true, config.httpPort);
-    log.logf(kLogInfo, "ready on http://127.0.0.1:%d (server URL %s)", config.httpPort, url.c_str());
+    run.status.setPhase(GatewayPhase::kReady, config.httpPort);
+    run.notifier.ready("ready");
+    run.log.logf(kLogInfo, "ready on http://127.0.0.1:%d (server URL %s)", config.httpPort, url.c_str());
 
-    int received = waitForStopSignal(stopSignals, log);
-    log.logf(kLogInfo, "%s received, stopping", strsignal(received));
-    status.setReady(false, config.httpPort);
+    const int received = serveUntilStopped(run);
+    run.log.logf(kLogInfo, "%s received, stopping", strsignal(received));
+    // From here /healthz answers 503 and the filter refuses new work, so a proxy
+    // sends new clients to another gateway while the running downloads end.
+    run.status.setPhase(GatewayPhase::kStopping, config.httpPort);
+    run.notifier.stopping("stopping");
+    if (received == SIGTERM) {
+        drainDownloads(run);
+    }
     // Returns once the plug-in has closed its connections and joined its threads.
     plugin.destroyServer(server);
     int left = sink.openStreamCount() + sink.openTalkCount();
     if (left != 0) {
-        log.logf(kLogWarn, "%d stream(s) or talk(s) still open after the server stopped; closing them", left);
+        run.log.logf(kLogWarn, "%d stream(s) or talk(s) still open after the server stopped; closing them", left);
         sink.closeAll();
     }
+    run.status.publishIfChanged();
     return kExitStopped;
+}
+
+bool prepareMedia(const GatewayConfig& config, MediaCatalog& catalog, Logger& log)
+{
+    struct stat folder;
+    if (!config.writeSample && (stat(config.mediaFolder.c_str(), &folder) != 0 || !S_ISDIR(folder.st_mode))) {
+        log.logf(kLogError, "media folder refused: %s is not a folder (give --sample to create it with demo data)",
+                 config.mediaFolder.c_str());
+        return false;
+    }
+    bool created = false;
+    std::string error;
+    auto library = std::make_shared<MediaLibrary>();
+    if ((config.writeSample && !createSampleMediaIfEmpty(config.mediaFolder, config.devices, log, created, error)) ||
+        !library->load(config.mediaFolder, config.devices, log, error, config.strictIndex)) {
+        log.logf(kLogError, "media folder refused: %s", error.c_str());
+        return false;
+    }
+    catalog.replace(std::move(library));
+    return true;
 }
 
 }  // namespace
 
 sigset_t blockStopSignals()
 {
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    sigaddset(&stopSignals, SIGHUP);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     // A client that hangs up must cost a failed write, not the process.
     signal(SIGPIPE, SIG_IGN);
-    return stopSignals;
+    return signals;
 }
 
-int runGateway(const GatewayConfig& config, const sigset_t& stopSignals)
+int runGateway(const GatewayConfig& config, const ConfigReader& readConfig, const sigset_t& signals)
 {
     Logger log;
     log.setLevel(config.logLevel);
@@ -128,22 +214,21 @@ int runGateway(const GatewayConfig& config, const sigset_t& stopSignals)
         log.logf(kLogError, "log file refused: %s", error.c_str());
         return kExitBadSetup;
     }
-    bool created = false;
-    MediaLibrary library;
-    struct stat folder;
-    if (!config.writeSample && (stat(config.mediaFolder.c_str(), &folder) != 0 || !S_ISDIR(folder.st_mode))) {
-        log.logf(kLogError, "media folder refused: %s is not a folder (give --sample to create it with demo data)",
-                 config.mediaFolder.c_str());
+    MediaCatalog catalog;
+    if (!prepareMedia(config, catalog, log)) {
         return kExitBadSetup;
     }
-    if ((config.writeSample && !createSampleMediaIfEmpty(config.mediaFolder, config.devices, log, created, error)) ||
-        !library.load(config.mediaFolder, config.devices, log, error, config.strictIndex)) {
-        log.logf(kLogError, "media folder refused: %s", error.c_str());
-        return kExitBadSetup;
-    }
-    StatusBoard status(config.statusFile, log);
-    if (!status.setReady(false, config.httpPort)) {
+    GatewayMetrics metrics;
+    StatusBoard status(config.statusFile, metrics, log);
+    if (!status.setPhase(GatewayPhase::kStarting, config.httpPort)) {
         log.logf(kLogError, "statusFile refused: %s cannot be written", config.statusFile.c_str());
+        return kExitBadSetup;
+    }
+    AccessLog accessLog(metrics, log);
+    if (!config.accessLog.empty() &&
+        !accessLog.open(config.accessLog, config.accessLogJson ? AccessLogFormat::kJson : AccessLogFormat::kCommon,
+                        error)) {
+        log.logf(kLogError, "log.access refused: %s", error.c_str());
         return kExitBadSetup;
     }
 
@@ -154,10 +239,16 @@ int runGateway(const GatewayConfig& config, const sigset_t& stopSignals)
         log.logf(kLogError, "talking devices refused: %s", error.c_str());
         return kExitBadSetup;
     }
-    DownloadFilter filter(authenticator, library, status, log, &talks);
-    StreamSink sink(library, static_cast<size_t>(config.blockSize), status, log, &talks);
-    UtilitySink utility(config, log);
+    DownloadFilter filter(authenticator, catalog, metrics, status, log, config.maxDownloads, &talks);
+    StreamSink sink(catalog, static_cast<size_t>(config.blockSize), metrics, &accessLog, log, &talks);
+    UtilitySink utility(config, metrics, log);
 
+    // Up before the plug-in, so that /healthz says "starting" while it loads.
+    AdminServer admin(metrics, status, catalog, log);
+    if (config.adminEnabled && !admin.start(config.admin, error)) {
+        log.logf(kLogError, "%s", error.c_str());
+        return kExitStartFailed;
+    }
     if (config.supportIdentifyToken) {
         const std::string keyFile = identityKeyPath();
         if (!checkIdentityKeyFile(keyFile, error)) {
@@ -178,7 +269,16 @@ int runGateway(const GatewayConfig& config, const sigset_t& stopSignals)
         log.logf(kLogError, "InitializeProtocolWrapper failed: 0x%08x", static_cast<unsigned>(result));
         return kExitStartFailed;
     }
-    int exitCode = serve(config, plugin, sink, filter, status, log, stopSignals);
+    ServiceNotifier notifier;
+    Running run{config,
+                readConfig,
+                signals,
+                metrics,
+                status,
+                notifier,
+                ReloadTargets{authenticator, catalog, accessLog, metrics, log},
+                log};
+    int exitCode = serve(plugin, sink, filter, run);
     plugin.uninitialize();
     log.logf(kLogInfo, "stopped");
     return exitCode;

@@ -5,10 +5,11 @@
 #include <signal.h>
 
 #include "GatewayConfig.h"
+#include "GatewayReload.h"
 
 // Exit codes of the program.
 constexpr int kExitStopped = 0;      // stopped by SIGINT or SIGTERM
-constexpr int kExitStartFailed = 1;  // plug-in or server could not start
+constexpr int kExitStartFailed = 1;  // plug-in, server or admin endpoint could not start
 constexpr int kExitBadSetup = 2;     // configuration, log file or media folder refused
 
 // Blocks SIGINT, SIGTERM and SIGHUP in the calling thread, so that every thread
@@ -16,7 +17,10 @@ constexpr int kExitBadSetup = 2;     // configuration, log file or media folder 
 // gateway's wait receives them. Call before any thread exists.
 sigset_t blockStopSignals();
 
-// Runs until SIGINT or SIGTERM arrives (SIGHUP is logged and ignored); returns an exit code.
-int runGateway(const GatewayConfig& config, const sigset_t& stopSignals);
+// Runs until a signal stops it; returns an exit code. SIGHUP reloads (see
+// GatewayReload.h) through readConfig. SIGINT stops at once; SIGTERM first
+// refuses new work and lets running downloads finish for up to
+// shutdownGraceSeconds (a second SIGINT or SIGTERM cuts that short).
+int runGateway(const GatewayConfig& config, const ConfigReader& readConfig, const sigset_t& signals);
 
 #endif  // GATEWAY_GATEWAY_H

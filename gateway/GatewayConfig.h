@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "ListenAddress.h"
+
 // Documented in README.md; change it for anything but a local demonstration.
 constexpr const char* kDefaultUser = "admin";
 constexpr const char* kDefaultPassword = "gateway-demo";
@@ -41,6 +43,14 @@ struct GatewayConfig {
     int workThreads = 8;
     int sendTimeoutMs = 5000;
     int recvTimeoutMs = 30000;
+    // At most this many downloads at once; past it the gateway refuses with
+    // reachDownloadLimit (and counts it) before the plug-in's own ceiling of 400.
+    int maxDownloads = 400;
+    // On SIGTERM, running downloads get this long to finish before the server stops.
+    int shutdownGraceSeconds = 30;
+
+    bool adminEnabled = false;  // the admin endpoint (/metrics, /healthz, /recordings)
+    ListenAddress admin;
 
     std::string realm = "media-gateway";
     std::vector<UserAccount> users;
@@ -60,8 +70,10 @@ struct GatewayConfig {
     int blockSize = 64 * 1024;
     std::vector<DeviceConfig> devices;
 
-    int logLevel = 3;        // kLogInfo
-    std::string logFile;     // empty: stderr
+    int logLevel = 3;       // kLogInfo
+    std::string logFile;    // empty: stderr
+    std::string accessLog;  // empty: no access log
+    bool accessLogJson = false;
     std::string statusFile;  // empty: none
     std::string pluginPath;  // empty: ../lib/libHttpProtocolWrapper.so beside the executable's folder
 };

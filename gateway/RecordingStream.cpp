@@ -11,31 +11,26 @@
 #include "Logger.h"
 #include "StreamBlocks.h"
 
-RecordingStream::RecordingStream(uint64_t id, const Recording& recording, int fd, uint64_t fileLength,
-                                 PROTOCOL_WRAPPER::IServerData* data, size_t blockSize, Logger& log,
-                                 const StreamPart& part)
-    : m_id(id),
-      m_recording(recording),
-      m_fd(fd),
-      m_fileLength(fileLength),
+RecordingStream::RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics,
+                                 Logger& log)
+    : m_setup(std::move(setup)),
       m_data(data),
-      m_blockSize(blockSize),
+      m_metrics(metrics),
       m_log(log),
-      m_part(part),
-      m_slices(sliceBody(part.part, kStreamHeadSize, fileLength)),
+      m_slices(sliceBody(m_setup.part.part, kStreamHeadSize, m_setup.fileLength)),
+      m_opened(std::chrono::steady_clock::now()),
       m_stopRequested(false),
       m_bytesSent(0),
-      m_started(false),
-      m_outcome("not started")
+      m_started(false)
 {
 }
 
 RecordingStream::~RecordingStream()
 {
     stop();
-    close(m_fd);
+    close(m_setup.fd);
     if (m_buffer) {
-        munmap(m_buffer, m_blockSize);
+        munmap(m_buffer, m_setup.blockSize);
     }
 }
 
@@ -47,7 +42,7 @@ bool RecordingStream::prepare()
     // Mapped straight from the system rather than taken from malloc: the allocator kept
     // freed blocks of this size in its per-thread arenas, so after each burst of downloads
     // the process held on to tens of megabytes more. An unmapped block is gone.
-    void* block = mmap(nullptr, m_blockSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    void* block = mmap(nullptr, m_setup.blockSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (block == MAP_FAILED) {
         return false;
     }
@@ -67,20 +62,15 @@ bool RecordingStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& serve
     // empty socket buffer, so the caller is not held up.
     PROTOCOL_WRAPPER::IServer* known = server.load();
     if (known && !sendOpening(known)) {
-        std::lock_guard<std::mutex> outcomeGuard(m_outcomeLock);
-        m_outcome = "client went away";
+        setOutcome(DownloadOutcome::kClientGone, "client went away");
         m_started = true;
         return true;
     }
-    {
-        std::lock_guard<std::mutex> outcomeGuard(m_outcomeLock);
-        m_outcome = "running";
-    }
+    setOutcome(DownloadOutcome::kStopped, "running");
     try {
         m_thread = std::thread(&RecordingStream::deliver, this, &server, known != nullptr);
     } catch (const std::system_error&) {
-        std::lock_guard<std::mutex> outcomeGuard(m_outcomeLock);
-        m_outcome = "not started: no thread";
+        setOutcome(DownloadOutcome::kNotStarted, "not started: no thread");
         return false;
     }
     m_started = true;
@@ -96,10 +86,28 @@ void RecordingStream::stop()
     }
 }
 
-std::string RecordingStream::outcome()
+double RecordingStream::secondsOpen() const
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_opened).count();
+}
+
+DownloadOutcome RecordingStream::outcome()
 {
     std::lock_guard<std::mutex> guard(m_outcomeLock);
     return m_outcome;
+}
+
+std::string RecordingStream::outcomeText()
+{
+    std::lock_guard<std::mutex> guard(m_outcomeLock);
+    return m_outcomeText;
+}
+
+void RecordingStream::setOutcome(DownloadOutcome outcome, std::string text)
+{
+    std::lock_guard<std::mutex> guard(m_outcomeLock);
+    m_outcome = outcome;
+    m_outcomeText = std::move(text);
 }
 
 void RecordingStream::deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot, bool openingSent)
@@ -110,37 +118,40 @@ void RecordingStream::deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* ser
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
         server = serverSlot->load();
     }
-    std::string outcome = "stopped before delivery";
-    if (server) {
-        outcome = openingSent || sendOpening(server) ? deliverFile(server) : "client went away";
+    if (!server) {
+        setOutcome(DownloadOutcome::kStopped, "stopped before delivery");
+    } else if (openingSent || sendOpening(server)) {
+        deliverFile(server);
+    } else {
+        setOutcome(DownloadOutcome::kClientGone, "client went away");
     }
-    std::lock_guard<std::mutex> guard(m_outcomeLock);
-    m_outcome = outcome;
 }
 
 bool RecordingStream::sendOpening(PROTOCOL_WRAPPER::IServer* server)
 {
-    auto info = buildStreamInfo(m_fileLength);
-    if (m_part.reported) {
-        addRangeRecord(info, m_part.part, m_part.entityTag);
+    const Recording& recording = m_setup.recording;
+    auto info = buildStreamInfo(m_setup.fileLength);
+    if (m_setup.part.reported) {
+        addRangeRecord(info, m_setup.part.part, m_setup.part.entityTag);
     }
-    auto head = buildStreamHead(m_fileLength, m_recording.start, m_recording.end, static_cast<uint32_t>(m_blockSize));
+    auto head =
+        buildStreamHead(m_setup.fileLength, recording.start, recording.end, static_cast<uint32_t>(m_setup.blockSize));
     // A part that starts past the stream head gets none of it.
     return sendBlock(server, PROTOCOL_WRAPPER::STREAM_INFO, info.data(), info.size()) &&
            (m_slices.headLength == 0 ||
             sendBlock(server, PROTOCOL_WRAPPER::STREAM_HEAD, head.data() + m_slices.headOffset, m_slices.headLength));
 }
 
-std::string RecordingStream::deliverFile(PROTOCOL_WRAPPER::IServer* server)
+void RecordingStream::deliverFile(PROTOCOL_WRAPPER::IServer* server)
 {
     uint64_t offset = m_slices.fileOffset;
     const uint64_t end = m_slices.fileOffset + m_slices.fileLength;
     while (offset < end) {
         if (m_stopRequested) {
-            return "stopped by the plug-in";
+            return setOutcome(DownloadOutcome::kStopped, "stopped by the plug-in");
         }
-        size_t wanted = static_cast<size_t>(std::min<uint64_t>(m_blockSize, end - offset));
-        ssize_t got = pread(m_fd, m_buffer, wanted, static_cast<off_t>(offset));
+        size_t wanted = static_cast<size_t>(std::min<uint64_t>(m_setup.blockSize, end - offset));
+        ssize_t got = pread(m_setup.fd, m_buffer, wanted, static_cast<off_t>(offset));
         if (got < 0 && errno == EINTR) {
             continue;
         }
@@ -148,28 +159,33 @@ std::string RecordingStream::deliverFile(PROTOCOL_WRAPPER::IServer* server)
             // The client was promised the full length; it will see a short body.
             std::string reason =
                 std::string("recording cannot be read: ") + (got < 0 ? strerror(errno) : "file shrank");
-            m_log.logf(kLogError, "stream %llu: %s at byte %llu of %s", static_cast<unsigned long long>(m_id),
-                       reason.c_str(), static_cast<unsigned long long>(offset), m_recording.path.c_str());
-            return reason;
+            m_log.logf(kLogError, "stream %llu: %s at byte %llu of %s", static_cast<unsigned long long>(id()),
+                       reason.c_str(), static_cast<unsigned long long>(offset), m_setup.recording.path.c_str());
+            return setOutcome(DownloadOutcome::kReadError, reason);
         }
         if (!sendBlock(server, PROTOCOL_WRAPPER::STREAM_DATA, m_buffer, static_cast<size_t>(got))) {
-            return "client went away";
+            return setOutcome(DownloadOutcome::kClientGone, "client went away");
         }
         offset += static_cast<uint64_t>(got);
     }
-    return sendBlock(server, PROTOCOL_WRAPPER::STREAM_END, m_buffer, 0) ? "complete" : "client went away";
+    if (sendBlock(server, PROTOCOL_WRAPPER::STREAM_END, m_buffer, 0)) {
+        setOutcome(DownloadOutcome::kComplete, "complete");
+    } else {
+        setOutcome(DownloadOutcome::kClientGone, "client went away");
+    }
 }
 
 bool RecordingStream::sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length)
 {
     int result = server->Send(m_data, 0, dataType, data, static_cast<int>(length));
     if (result != 0) {
-        m_log.logf(kLogDebug, "stream %llu: Send of type %d returned %d", static_cast<unsigned long long>(m_id),
+        m_log.logf(kLogDebug, "stream %llu: Send of type %d returned %d", static_cast<unsigned long long>(id()),
                    dataType, result);
         return false;
     }
     if (dataType == PROTOCOL_WRAPPER::STREAM_DATA || dataType == PROTOCOL_WRAPPER::STREAM_HEAD) {
         m_bytesSent += length;
+        m_metrics.addSentBytes(length);
     }
     return true;
 }

@@ -8,13 +8,16 @@
 #include <ProtocolWrapper.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <mutex>
 #include <string>
 #include <thread>
 
 #include "DownloadRange.h"
+#include "GatewayMetrics.h"
 #include "MediaLibrary.h"
+#include "RequestOrigin.h"
 
 class Logger;
 
@@ -23,23 +26,35 @@ struct StreamPart {
     ServedPart part;        // the whole body unless a range was asked for
     bool reported = false;  // the request asked for a range: STREAM_INFO says what is served
     std::string entityTag;
+    std::string asked;  // the range as the client asked for it, for the access log
+};
+
+struct DownloadSetup {
+    uint64_t id = 0;
+    std::string devIndex;
+    Recording recording;
+    RequestOrigin origin;
+    int fd = -1;              // the recording's file, which the stream closes
+    uint64_t fileLength = 0;  // the file's length when it was opened
+    size_t blockSize = 0;
+    StreamPart part;
 };
 
 class RecordingStream {
 public:
-    // Takes over fd, which the stream closes. fileLength: the file's length when it was opened.
-    RecordingStream(uint64_t id, const Recording& recording, int fd, uint64_t fileLength,
-                    PROTOCOL_WRAPPER::IServerData* data, size_t blockSize, Logger& log,
-                    const StreamPart& part = StreamPart());
+    // Takes over the setup's fd. Every block sent is counted in metrics as it goes.
+    RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics, Logger& log);
     ~RecordingStream();
     RecordingStream(const RecordingStream&) = delete;
     RecordingStream& operator=(const RecordingStream&) = delete;
 
-    uint64_t id() const { return m_id; }
-    uint64_t fileLength() const { return m_fileLength; }
+    uint64_t id() const { return m_setup.id; }
+    const DownloadSetup& setup() const { return m_setup; }
+    uint64_t fileLength() const { return m_setup.fileLength; }
     uint64_t bytesSent() const { return m_bytesSent; }
     // The bytes of the body this stream sends.
     uint64_t bodyLength() const { return m_slices.headLength + m_slices.fileLength; }
+    double secondsOpen() const;
 
     // Maps the one block buffer the stream reads into; false when memory is short.
     bool prepare();
@@ -49,27 +64,26 @@ public:
     // Asks the delivery to stop and waits for its thread: no Send follows the return.
     // Safe to call from several threads and more than once.
     void stop();
-    // How the delivery ended; meaningful after stop().
-    std::string outcome();
+    // How the delivery ended, and in words for the log; meaningful after stop().
+    DownloadOutcome outcome();
+    std::string outcomeText();
 
 private:
     // The delivery thread; openingSent: start() has sent STREAM_INFO and STREAM_HEAD already.
     void deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot, bool openingSent);
     // STREAM_INFO then STREAM_HEAD; false when the client is gone.
     bool sendOpening(PROTOCOL_WRAPPER::IServer* server);
-    // The file in blocks, then STREAM_END; returns how the delivery ended.
-    std::string deliverFile(PROTOCOL_WRAPPER::IServer* server);
+    // The file in blocks, then STREAM_END; sets how the delivery ended.
+    void deliverFile(PROTOCOL_WRAPPER::IServer* server);
     bool sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length);
+    void setOutcome(DownloadOutcome outcome, std::string text);
 
-    const uint64_t m_id;
-    const Recording m_recording;
-    const int m_fd;
-    const uint64_t m_fileLength;
+    const DownloadSetup m_setup;
     PROTOCOL_WRAPPER::IServerData* const m_data;  // the plug-in's session; valid until OnClose
-    const size_t m_blockSize;
+    GatewayMetrics& m_metrics;
     Logger& m_log;
-    const StreamPart m_part;
     const BodySlices m_slices;
+    const std::chrono::steady_clock::time_point m_opened;
 
     unsigned char* m_buffer = nullptr;  // m_blockSize bytes; used by the delivery thread only, once started
     std::atomic<bool> m_stopRequested;
@@ -78,7 +92,8 @@ private:
     std::thread m_thread;
     bool m_started;
     std::mutex m_outcomeLock;  // separate: the delivery thread writes the outcome while stop() joins it
-    std::string m_outcome;
+    DownloadOutcome m_outcome = DownloadOutcome::kNotStarted;
+    std::string m_outcomeText = "not started";
 };
 
 #endif  // GATEWAY_RECORDING_STREAM_H

@@ -10,6 +10,7 @@
 
 namespace RestError {
 constexpr int kNoMemory = 0x20000001;            // "noMemory"
+constexpr int kServiceUnavailable = 0x20000002;  // "serviceUnavailable" (answered 503)
 constexpr int kInternalError = 0x30000014;       // "internalError"
 constexpr int kNotSupport = 0x40000001;          // "notSupport"
 constexpr int kBadAuthorization = 0x40000003;    // "badAuthorization"
@@ -17,6 +18,7 @@ constexpr int kNoRecord = 0x4000109D;            // "noRecord"
 constexpr int kTimeRangeError = 0x400010AC;      // "timeRangeError"
 constexpr int kIsoTimeFormatError = 0x400010ED;  // "ISO 8601TimeFormatError"
 constexpr int kBadDevIndex = 0x4000A001;         // "badDevIndex"
+constexpr int kReachDownloadLimit = 0x4000A009;  // "reachDownloadLimit"
 constexpr int kBadParameters = 0x60000001;       // "badParameters"
 }  // namespace RestError
 
@@ -29,6 +31,7 @@ constexpr int kBadRequest = 9;            // 400
 constexpr int kUnauthorized = 10;         // 401
 constexpr int kNotFound = 13;             // 404
 constexpr int kInternalServerError = 36;  // 500
+constexpr int kServiceUnavailable = 39;   // 503
 }  // namespace RtspStatusIndex
 
 // One refusal: what the plug-in reports and what the log says.

@@ -7,90 +7,98 @@
 #include <cstdio>
 #include <cstring>
 
+#include "GatewayMetrics.h"
 #include "Logger.h"
 
-StatusBoard::StatusBoard(std::string path, Logger& log) : m_path(std::move(path)), m_log(log)
+namespace {
+
+const char* phaseName(GatewayPhase phase)
+{
+    switch (phase) {
+    case GatewayPhase::kReady: return "ready";
+    case GatewayPhase::kStopping: return "stopping";
+    default: return "starting";
+    }
+}
+
+}  // namespace
+
+bool GatewayStatus::operator==(const GatewayStatus& other) const
+{
+    return phase == other.phase && port == other.port && openStreams == other.openStreams &&
+           openTalks == other.openTalks && talks == other.talks && opened == other.opened && closed == other.closed &&
+           refused == other.refused && lastClientIP == other.lastClientIP;
+}
+
+StatusBoard::StatusBoard(std::string path, const GatewayMetrics& metrics, Logger& log)
+    : m_metrics(metrics), m_path(std::move(path)), m_log(log)
 {
 }
 
-bool StatusBoard::setReady(bool ready, int port)
+bool StatusBoard::setPhase(GatewayPhase phase, int port)
 {
+    m_phase = phase;
     std::lock_guard<std::mutex> guard(m_lock);
-    m_status.ready = ready;
-    m_status.port = port;
-    return publishLocked();
-}
-
-void StatusBoard::streamOpened()
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    ++m_status.openStreams;
-    ++m_status.opened;
-    publishLocked();
-}
-
-void StatusBoard::streamClosed()
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    --m_status.openStreams;
-    ++m_status.closed;
-    publishLocked();
-}
-
-void StatusBoard::talkOpened()
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    ++m_status.openTalks;
-    ++m_status.talks;
-    publishLocked();
-}
-
-void StatusBoard::talkClosed()
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    --m_status.openTalks;
-    publishLocked();
-}
-
-void StatusBoard::requestRefused()
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    ++m_status.refused;
-    publishLocked();
+    m_port = port;
+    return publishLocked(snapshotLocked());
 }
 
 void StatusBoard::requestAccepted(const std::string& clientIP)
 {
     std::lock_guard<std::mutex> guard(m_lock);
-    if (m_status.lastClientIP == clientIP) {
-        return;
-    }
-    m_status.lastClientIP = clientIP;
-    publishLocked();
+    m_lastClientIP = clientIP;
 }
 
 GatewayStatus StatusBoard::snapshot()
 {
     std::lock_guard<std::mutex> guard(m_lock);
-    return m_status;
+    return snapshotLocked();
 }
 
-bool StatusBoard::publishLocked()
+void StatusBoard::publishIfChanged()
 {
+    // Read under the lock, so that of two writers the later snapshot is also the later file.
+    std::lock_guard<std::mutex> guard(m_lock);
+    GatewayStatus status = snapshotLocked();
+    if (!m_everPublished || !(status == m_published)) {
+        publishLocked(status);
+    }
+}
+
+GatewayStatus StatusBoard::snapshotLocked() const
+{
+    GatewayStatus status;
+    status.phase = m_phase.load();
+    status.port = m_port;
+    status.openStreams = m_metrics.openDownloads();
+    status.openTalks = m_metrics.openTalks();
+    status.talks = m_metrics.talksStarted();
+    status.opened = m_metrics.downloadsStarted();
+    status.closed = m_metrics.downloadsFinished();
+    status.refused = m_metrics.requestsRefused();
+    status.lastClientIP = m_lastClientIP;
+    return status;
+}
+
+bool StatusBoard::publishLocked(const GatewayStatus& status)
+{
+    m_published = status;
+    m_everPublished = true;
     if (m_path.empty()) {
         return true;
     }
     Json::Value root(Json::objectValue);
-    root["ready"] = m_status.ready;
-    root["port"] = m_status.port;
+    root["ready"] = status.phase == GatewayPhase::kReady;
+    root["phase"] = phaseName(status.phase);
+    root["port"] = status.port;
     root["pid"] = static_cast<Json::Int64>(getpid());
-    root["openStreams"] = m_status.openStreams;
-    root["openTalks"] = m_status.openTalks;
-    root["talks"] = static_cast<Json::UInt64>(m_status.talks);
-    root["opened"] = static_cast<Json::UInt64>(m_status.opened);
-    root["closed"] = static_cast<Json::UInt64>(m_status.closed);
-    root["refused"] = static_cast<Json::UInt64>(m_status.refused);
-    root["lastClientIP"] = m_status.lastClientIP;
+    root["openStreams"] = static_cast<Json::Int64>(status.openStreams);
+    root["openTalks"] = static_cast<Json::Int64>(status.openTalks);
+    root["talks"] = static_cast<Json::UInt64>(status.talks);
+    root["opened"] = static_cast<Json::UInt64>(status.opened);
+    root["closed"] = static_cast<Json::UInt64>(status.closed);
+    root["refused"] = static_cast<Json::UInt64>(status.refused);
+    root["lastClientIP"] = status.lastClientIP;
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     const std::string text = Json::writeString(builder, root) + "\n";

@@ -9,10 +9,11 @@
 #include <ctime>
 #include <new>
 
+#include "AccessLog.h"
 #include "DownloadResolver.h"
+#include "GatewayMetrics.h"
 #include "Logger.h"
 #include "RestErrors.h"
-#include "StatusBoard.h"
 #include "StreamBlocks.h"
 #include "TalkDevices.h"
 
@@ -25,11 +26,12 @@ const char* text(const char* value)
 
 }  // namespace
 
-StreamSink::StreamSink(const MediaLibrary& library, size_t blockSize, StatusBoard& status, Logger& log,
-                       TalkDevices* talks)
-    : m_library(library),
+StreamSink::StreamSink(const MediaCatalog& catalog, size_t blockSize, GatewayMetrics& metrics, AccessLog* accessLog,
+                       Logger& log, TalkDevices* talks)
+    : m_catalog(catalog),
       m_blockSize(blockSize),
-      m_status(status),
+      m_metrics(metrics),
+      m_accessLog(accessLog),
       m_log(log),
       m_server(nullptr),
       m_nextId(1),
@@ -93,8 +95,11 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
     if (talkChannelOfMediaUrl(text(mediaUrl)) != 0) {
         return openTalk(filterUrl, mediaUrl, data, sessionHandle);
     }
+    // Held while the stream is set up: a reload may replace the library meanwhile.
+    const std::shared_ptr<const MediaLibrary> library = m_catalog.current();
+    const DeviceMedia* device = nullptr;
     std::string rangeHead;
-    const Recording* recording = findByMediaUrl(m_library, text(mediaUrl), &rangeHead);
+    const Recording* recording = findByMediaUrl(*library, text(mediaUrl), &rangeHead, &device);
     if (!recording) {
         m_log.logf(kLogError, "OnOpen: \"%s\" names no recording", text(mediaUrl));
         return RestError::kInternalError;
@@ -108,38 +113,44 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
         }
         return RestError::kInternalError;
     }
-    const uint64_t fileLength = static_cast<uint64_t>(info.st_size);
-    if (fileLength != recording->size) {
-        m_log.logf(kLogWarn, "%s changed since start: %llu bytes now, %llu indexed", recording->path.c_str(),
-                   static_cast<unsigned long long>(fileLength), static_cast<unsigned long long>(recording->size));
+    DownloadSetup setup;
+    setup.id = m_nextId++;
+    setup.devIndex = device->device.devIndex;
+    setup.recording = *recording;
+    setup.origin = originOfFilterUrl(text(filterUrl));
+    setup.fd = fd;
+    setup.fileLength = static_cast<uint64_t>(info.st_size);
+    setup.blockSize = m_blockSize;
+    if (setup.fileLength != recording->size) {
+        m_log.logf(kLogWarn, "%s changed since it was indexed: %llu bytes now, %llu indexed", recording->path.c_str(),
+                   static_cast<unsigned long long>(setup.fileLength), static_cast<unsigned long long>(recording->size));
     }
     // A range is resolved against the file as it was opened, the version its tag names.
-    StreamPart part;
     std::string rangeNote;
     DownloadRange range;
     if (!rangeHead.empty() && parseDownloadRange(rangeHead, range)) {
-        const uint64_t bodyLength = fileLength + kStreamHeadSize;
+        const uint64_t bodyLength = setup.fileLength + kStreamHeadSize;
         const auto head =
-            buildStreamHead(fileLength, recording->start, recording->end, static_cast<uint32_t>(m_blockSize));
+            buildStreamHead(setup.fileLength, recording->start, recording->end, static_cast<uint32_t>(m_blockSize));
         const int64_t modifiedNs = static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
-        part.entityTag = entityTagOf(fileLength, modifiedNs, head.data(), head.size());
-        part.part = resolveRange(range, bodyLength, part.entityTag);
-        part.reported = true;
-        rangeNote = ", range " + rangeHead + ": " + describeServed(part.part, bodyLength);
+        setup.part.entityTag = entityTagOf(setup.fileLength, modifiedNs, head.data(), head.size());
+        setup.part.part = resolveRange(range, bodyLength, setup.part.entityTag);
+        setup.part.reported = true;
+        setup.part.asked = rangeHead.substr(0, rangeHead.find(';'));
+        rangeNote = ", range " + rangeHead + ": " + describeServed(setup.part.part, bodyLength);
     } else if (!rangeHead.empty()) {
         m_log.logf(kLogWarn, "%s: range \"%s\" is not one the plug-in writes; the whole body is sent",
                    recording->path.c_str(), rangeHead.c_str());
     }
-    auto stream =
-        std::make_shared<RecordingStream>(m_nextId++, *recording, fd, fileLength, data, m_blockSize, m_log, part);
+    auto stream = std::make_shared<RecordingStream>(std::move(setup), data, m_metrics, m_log);
     {
         std::lock_guard<std::mutex> guard(m_lock);
         m_streams[stream.get()] = stream;
     }
     *sessionHandle = stream.get();
-    m_status.streamOpened();
+    m_metrics.downloadStarted();
     m_log.logf(kLogInfo, "stream %llu opened: %s (%llu bytes)%s for %s", static_cast<unsigned long long>(stream->id()),
-               recording->path.c_str(), static_cast<unsigned long long>(fileLength), rangeNote.c_str(),
+               recording->path.c_str(), static_cast<unsigned long long>(stream->fileLength()), rangeNote.c_str(),
                text(filterUrl));
     return 0;
 }
@@ -170,13 +181,13 @@ int StreamSink::openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_W
         setup.capturePath = device->captureFolder + "/talk-ch" + std::to_string(channel) + "-" + stamp + "-" +
                             std::to_string(setup.id) + device->codec->rawExtension;
     }
-    auto talk = std::make_shared<TalkStream>(setup, data, m_log);
+    auto talk = std::make_shared<TalkStream>(setup, data, m_metrics, m_log);
     {
         std::lock_guard<std::mutex> guard(m_lock);
         m_talkStreams[talk.get()] = talk;
     }
     *sessionHandle = talk.get();
-    m_status.talkOpened();
+    m_metrics.talkStarted();
     m_log.logf(kLogInfo, "talk %llu opened: device %s channel %d client \"%s\" user \"%s\" codec %s%s%s",
                static_cast<unsigned long long>(setup.id), setup.devIndex.c_str(), channel, setup.client.c_str(),
                setup.user.c_str(), setup.codec->name, setup.capturePath.empty() ? "" : ", keeping it in ",
@@ -194,8 +205,24 @@ std::shared_ptr<TalkStream> StreamSink::findTalk(void* sessionHandle)
 void StreamSink::releaseTalk(const std::shared_ptr<TalkStream>& talk, const char* outcome)
 {
     talk->stop();
-    m_status.talkClosed();
+    const double seconds = talk->secondsOpen();
+    m_metrics.talkFinished(seconds);
     m_log.logf(kLogInfo, "%s", talk->summary(outcome).c_str());
+    if (m_accessLog != nullptr) {
+        const TalkStreamSetup& setup = talk->setup();
+        AccessEntry entry;
+        entry.time = std::chrono::system_clock::now();
+        entry.kind = "talk";
+        entry.client = setup.client;
+        entry.user = setup.user;
+        entry.device = setup.devIndex;
+        entry.channel = setup.channel;
+        entry.bytesSent = talk->bytesToClient();
+        entry.bytesReceived = talk->bytesFromClient();
+        entry.seconds = seconds;
+        entry.outcome = strcmp(outcome, "closed") == 0 ? "closed" : "shutdown";
+        m_accessLog->record(std::move(entry));
+    }
 }
 
 int StreamSink::OnClose(void* sessionHandle)
@@ -302,8 +329,29 @@ std::shared_ptr<RecordingStream> StreamSink::find(void* sessionHandle, const cha
 void StreamSink::release(const std::shared_ptr<RecordingStream>& stream, const char* why)
 {
     stream->stop();
-    m_status.streamClosed();
+    m_metrics.downloadFinished(stream->outcome(), stream->secondsOpen());
     m_log.logf(kLogInfo, "stream %llu %s: %s, %llu of %llu bytes sent", static_cast<unsigned long long>(stream->id()),
-               why, stream->outcome().c_str(), static_cast<unsigned long long>(stream->bytesSent()),
+               why, stream->outcomeText().c_str(), static_cast<unsigned long long>(stream->bytesSent()),
                static_cast<unsigned long long>(stream->bodyLength()));
+    logAccess(*stream);
+}
+
+void StreamSink::logAccess(RecordingStream& stream)
+{
+    if (m_accessLog == nullptr) {
+        return;
+    }
+    const DownloadSetup& setup = stream.setup();
+    AccessEntry entry;
+    entry.time = std::chrono::system_clock::now();
+    entry.kind = "download";
+    entry.client = setup.origin.client;
+    entry.user = setup.origin.user;
+    entry.device = setup.devIndex;
+    entry.recording = setup.recording.name;
+    entry.range = setup.part.asked;
+    entry.bytesSent = stream.bytesSent();
+    entry.seconds = stream.secondsOpen();
+    entry.outcome = downloadOutcomeName(stream.outcome());
+    m_accessLog->record(std::move(entry));
 }

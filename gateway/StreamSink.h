@@ -13,19 +13,22 @@
 #include <memory>
 #include <mutex>
 
-#include "MediaLibrary.h"
+#include "MediaCatalog.h"
 #include "RecordingStream.h"
 #include "TalkStream.h"
 
+class AccessLog;
+class GatewayMetrics;
 class Logger;
-class StatusBoard;
 class TalkDevices;
 
 class StreamSink : public PROTOCOL_WRAPPER::IServerSink {
 public:
-    // talks: the talking devices; without them no talk opens.
-    StreamSink(const MediaLibrary& library, size_t blockSize, StatusBoard& status, Logger& log,
-               TalkDevices* talks = nullptr);
+    // Every download and talk is counted in metrics and, when ended, written to
+    // the access log (none: not written). talks: the talking devices; without
+    // them no talk opens.
+    StreamSink(const MediaCatalog& catalog, size_t blockSize, GatewayMetrics& metrics, AccessLog* accessLog,
+               Logger& log, TalkDevices* talks = nullptr);
     ~StreamSink() override;
 
     // The server that CreateServer returned; deliveries wait for it.
@@ -48,14 +51,16 @@ private:
                    void** sessionHandle);
     std::shared_ptr<RecordingStream> find(void* sessionHandle, const char* operation);
     void release(const std::shared_ptr<RecordingStream>& stream, const char* why);
+    void logAccess(RecordingStream& stream);
     int openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
                  void** sessionHandle);
     std::shared_ptr<TalkStream> findTalk(void* sessionHandle);
     void releaseTalk(const std::shared_ptr<TalkStream>& talk, const char* outcome);
 
-    const MediaLibrary& m_library;
+    const MediaCatalog& m_catalog;
     const size_t m_blockSize;
-    StatusBoard& m_status;
+    GatewayMetrics& m_metrics;
+    AccessLog* m_accessLog;
     Logger& m_log;
     std::atomic<PROTOCOL_WRAPPER::IServer*> m_server;
     std::atomic<uint64_t> m_nextId;

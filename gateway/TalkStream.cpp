@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "GatewayMetrics.h"
 #include "Logger.h"
 
 namespace {
@@ -11,9 +12,18 @@ constexpr int kCodecNameOffset = 300;    // where it reads the codec's name
 
 }  // namespace
 
-TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, Logger& log)
-    : m_setup(std::move(setup)), m_data(data), m_log(log), m_opened(std::chrono::steady_clock::now())
+TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics, Logger& log)
+    : m_setup(std::move(setup)),
+      m_data(data),
+      m_metrics(metrics),
+      m_log(log),
+      m_opened(std::chrono::steady_clock::now())
 {
+}
+
+double TalkStream::secondsOpen() const
+{
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_opened).count();
 }
 
 TalkStream::~TalkStream()
@@ -112,6 +122,7 @@ void TalkStream::play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
         offset = (offset + packet) % audio.size();
         if (server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], static_cast<int>(packet)) == 0) {
             m_bytesToClient += packet;
+            m_metrics.addTalkBytesToClient(packet);
         }
         next += period;
         lock.lock();
@@ -125,6 +136,7 @@ void TalkStream::input(const void* data, int length)
         return;
     }
     m_bytesFromClient += static_cast<uint64_t>(length);
+    m_metrics.addTalkBytesFromClient(static_cast<uint64_t>(length));
     std::lock_guard<std::mutex> guard(m_captureLock);
     if (!m_setup.capturePath.empty() && !m_captureFailed && !m_capture.append(data, static_cast<size_t>(length))) {
         m_captureFailed = true;
@@ -135,7 +147,7 @@ void TalkStream::input(const void* data, int length)
 
 std::string TalkStream::summary(const char* outcome)
 {
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - m_opened).count();
+    const double seconds = secondsOpen();
     char line[512];
     snprintf(line, sizeof line,
              "talk %llu closed: device %s channel %d client \"%s\" user \"%s\" codec %s, %.1f s, %llu bytes to the "

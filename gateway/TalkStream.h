@@ -19,6 +19,7 @@
 #include "TalkAudio.h"
 #include "WavFile.h"
 
+class GatewayMetrics;
 class Logger;
 
 struct TalkStreamSetup {
@@ -34,13 +35,17 @@ struct TalkStreamSetup {
 
 class TalkStream {
 public:
-    TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, Logger& log);
+    // Audio bytes each way are counted in metrics as they pass.
+    TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics, Logger& log);
     ~TalkStream();
     TalkStream(const TalkStream&) = delete;
     TalkStream& operator=(const TalkStream&) = delete;
 
     uint64_t id() const { return m_setup.id; }
     const TalkStreamSetup& setup() const { return m_setup; }
+    uint64_t bytesToClient() const { return m_bytesToClient; }
+    uint64_t bytesFromClient() const { return m_bytesFromClient; }
+    double secondsOpen() const;
 
     // Opens the capture file; false (and logged) when it cannot be written.
     bool prepare();
@@ -61,6 +66,7 @@ private:
 
     const TalkStreamSetup m_setup;
     PROTOCOL_WRAPPER::IServerData* const m_data;  // the plug-in's talk; valid until OnClose
+    GatewayMetrics& m_metrics;
     Logger& m_log;
     const std::chrono::steady_clock::time_point m_opened;
     std::atomic<uint64_t> m_bytesToClient{0};

@@ -1,5 +1,6 @@
 #include "UtilitySink.h"
 
+#include "GatewayMetrics.h"
 #include "Logger.h"
 
 namespace {
@@ -19,7 +20,8 @@ std::map<std::string, std::string> settingsOf(const GatewayConfig& config)
 
 }  // namespace
 
-UtilitySink::UtilitySink(const GatewayConfig& config, Logger& log) : m_values(settingsOf(config)), m_log(log)
+UtilitySink::UtilitySink(const GatewayConfig& config, GatewayMetrics& metrics, Logger& log)
+    : m_values(settingsOf(config)), m_metrics(metrics), m_log(log)
 {
 }
 
@@ -36,6 +38,9 @@ int UtilitySink::GetConfigValue(const std::string& key, std::string& value)
         return -1;
     }
     value = found->second;
+    if (key == "AuthRealm") {
+        m_metrics.challengeIssued();
+    }
     return 0;
 }
 

@@ -1,7 +1,7 @@
 // media-gateway: the reference gateway host of the HTTP protocol plug-in.
 // It loads the plug-in, checks every request's Digest credentials, serves
 // recordings from a media folder, plays talking devices for two-way audio and
-// stops cleanly on SIGINT or SIGTERM.
+// stops cleanly on SIGINT or SIGTERM; SIGHUP reloads users and recordings.
 #include <unistd.h>
 
 #include <cstdio>
@@ -35,7 +35,7 @@ int refuse(const std::string& message, bool withUsage)
 
 int main(int argc, char** argv)
 {
-    const sigset_t stopSignals = blockStopSignals();
+    const sigset_t signals = blockStopSignals();
 
     CommandLine commandLine;
     std::string error;
@@ -46,19 +46,29 @@ int main(int argc, char** argv)
         fputs(commandLineUsage(), stdout);
         return 0;
     }
-    Json::Value document;
-    if (!commandLine.configFile.empty() && !readConfigFile(commandLine.configFile, document, error)) {
-        return refuse("configuration " + error, false);
-    }
-    applyOverrides(document, commandLine.overrides);
+    const std::string programDir = executableDir();
+    // The same reading at start and on every SIGHUP, command-line overrides included.
+    const ConfigReader readConfig = [&commandLine, &programDir](GatewayConfig& config, std::string& problem) {
+        Json::Value document;
+        if (!commandLine.configFile.empty() && !readConfigFile(commandLine.configFile, document, problem)) {
+            problem = "configuration " + problem;
+            return false;
+        }
+        applyOverrides(document, commandLine.overrides);
+        if (!parseGatewayConfig(document, config, problem)) {
+            problem = "configuration refused: " + problem;
+            return false;
+        }
+        // The built-in media folder (build/media in a build tree) is the demo's:
+        // it gets the sample as --sample asks for it.
+        config.writeSample = commandLine.writeSample || config.mediaFolder.empty();
+        config.strictIndex = commandLine.strictIndex;
+        fillDefaultPaths(config, programDir);
+        return true;
+    };
     GatewayConfig config;
-    if (!parseGatewayConfig(document, config, error)) {
-        return refuse("configuration refused: " + error, false);
+    if (!readConfig(config, error)) {
+        return refuse(error, false);
     }
-    // The built-in media folder (build/media in a build tree) is the demo's:
-    // it gets the sample as --sample asks for it.
-    config.writeSample = commandLine.writeSample || config.mediaFolder.empty();
-    config.strictIndex = commandLine.strictIndex;
-    fillDefaultPaths(config, executableDir());
-    return runGateway(config, stopSignals);
+    return runGateway(config, readConfig, signals);
 }

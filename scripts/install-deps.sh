@@ -5,9 +5,11 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config clang-format
-  libjsoncpp-dev libtinyxml-dev libssl-dev libhttp-parser-dev libspandsp-dev
+  libjsoncpp-dev libtinyxml-dev libssl-dev libhttp-parser-dev libspandsp-dev libcpp-httplib-dev libsystemd-dev
   googletest libgtest-dev libgmock-dev
   curl wget nginx-light python3 sox
+  prometheus  # for promtool, which the end-to-end tests run over the gateway's /metrics
+  systemd     # for systemd-analyze, which checks the service unit in tools/
 )
 if [ "${HPW_EXTRA_PACKAGES:-}" != "" ]; then
   read -r -a extra <<<"$HPW_EXTRA_PACKAGES"

@@ -93,6 +93,7 @@ class GatewayProcess:
     def __init__(self, binary, workdir, extra_args=()):
         self.binary = binary
         self.workdir = workdir
+        os.makedirs(workdir, exist_ok=True)
         self.extra_args = list(extra_args)
         self.config_path = os.path.join(workdir, "gateway.json")
         self.status_path = os.path.join(workdir, "status.json")
@@ -100,9 +101,9 @@ class GatewayProcess:
         self.output_path = os.path.join(workdir, "stderr.txt")
         self.process = None
 
-    def start(self, config=None, *args):
-        """Starts the gateway with the configuration (None: its built-in defaults) and extra arguments;
-        the status file and log are always the folder's."""
+    def start(self, config=None, *args, env=None):
+        """Starts the gateway with the configuration (None: its built-in defaults), extra arguments and
+        environment; the status file and log are always the folder's."""
         command = [self.binary]
         if config is not None:
             with open(self.config_path, "w") as out:
@@ -110,7 +111,7 @@ class GatewayProcess:
             command += ["--config", self.config_path]
         command += ["--status-file", self.status_path, "--log-file", self.log_path, *self.extra_args, *args]
         with open(self.output_path, "ab") as output:
-            self.process = subprocess.Popen(command, stdout=output, stderr=output)
+            self.process = subprocess.Popen(command, stdout=output, stderr=output, env=env)
         return self.process
 
     @property

@@ -5,8 +5,10 @@
 #   tools/run-gateway.sh <build-dir> [media-gateway options...]
 #
 # Media folder: <build-dir>/media (a sample recording is generated there on
-# first start). Status file: <build-dir>/gateway-status.json. Port: 8080, or
-# GATEWAY_PORT; the two-way audio channel on the next port (GATEWAY_AUDIO_PORT).
+# first start). Status file: <build-dir>/gateway-status.json, access log:
+# <build-dir>/access.log. Port: 8080, or GATEWAY_PORT; the two-way audio channel
+# on the next port (GATEWAY_AUDIO_PORT); the admin endpoint (/metrics, /healthz,
+# /recordings) on 127.0.0.1:9464 (GATEWAY_ADMIN_PORT).
 # Default user "admin", password "gateway-demo".
 set -euo pipefail
 
@@ -22,8 +24,10 @@ gateway="$build_dir/bin/media-gateway"
 plugin="$build_dir/lib/libHttpProtocolWrapper.so"
 port=${GATEWAY_PORT:-8080}
 audio_port=${GATEWAY_AUDIO_PORT:-$((port + 1))}
+admin_port=${GATEWAY_ADMIN_PORT:-9464}
 media="$build_dir/media"
 status="$build_dir/gateway-status.json"
+access_log="$build_dir/access.log"
 device="8c5b1a2e-0f4d-4e7a-9b3c-6d2e1f0a7b41"
 sample="sample-0001.bin"
 sample_size=3146962
@@ -37,7 +41,8 @@ for required in "$gateway" "$plugin"; do
 done
 
 rm -f "$status"
-"$gateway" --port "$port" --audio-port "$audio_port" --media "$media" --sample --status-file "$status" "$@" &
+"$gateway" --port "$port" --audio-port "$audio_port" --media "$media" --sample --status-file "$status" \
+    --admin "127.0.0.1:$admin_port" --access-log "$access_log" "$@" &
 pid=$!
 # Ctrl-C reaches the gateway too (same process group); TERM from elsewhere is passed on.
 trap 'kill -TERM "$pid" 2>/dev/null || true' INT TERM
@@ -60,7 +65,13 @@ xml_uri="rtsp://127.0.0.1:554/Streaming/tracks/101/playback?starttime=20260101T0
 cat <<TEXT
 
 media-gateway is running on port $port, two-way audio on $audio_port (status: $status).
+Admin endpoint: http://127.0.0.1:$admin_port/metrics  /healthz  /recordings
 Try, from another terminal:
+
+# What the gateway serves, its health, and its counters (run a download, then look again):
+curl -s http://127.0.0.1:$admin_port/recordings
+curl -i http://127.0.0.1:$admin_port/healthz
+curl -s http://127.0.0.1:$admin_port/metrics | grep '^media_gateway_'
 
 # Download the sample recording, JSON form (POST):
 curl --digest -u admin:gateway-demo -X POST '$base?format=json&devIndex=$device' \\

@@ -12,6 +12,7 @@ import os
 import random
 import re
 import shutil
+import socket
 import struct
 import subprocess
 import sys
@@ -189,3 +190,81 @@ class GatewayCase(unittest.TestCase):
         magic, version, head_length, file_length = struct.unpack_from("<4sHHQ", body)
         self.assertEqual((magic, version, head_length, file_length), (b"MGRH", 1, HEAD_SIZE, len(content)))
         self.assertTrue(body[HEAD_SIZE:] == content, "body differs from %s" % name)
+
+
+NGINX_CONFIG = """
+daemon off;
+master_process off;
+worker_processes 1;
+pid {dir}/nginx.pid;
+error_log {dir}/error.log info;
+events {{ worker_connections 64; }}
+http {{
+    access_log off;
+    client_body_temp_path {dir}/body;
+    proxy_temp_path {dir}/proxy;
+    fastcgi_temp_path {dir}/fastcgi;
+    uwsgi_temp_path {dir}/uwsgi;
+    scgi_temp_path {dir}/scgi;
+    {upstream}
+    server {{
+        listen 127.0.0.1:{port};
+        location / {{
+            proxy_pass http://{backend};
+            proxy_http_version 1.1;
+            proxy_set_header X-Forwarded-For {forwarded};
+            proxy_buffering off;
+            proxy_request_buffering off;
+            {extra}
+        }}
+    }}
+}}
+"""
+
+
+def start_nginx(case, backend, forwarded="$remote_addr", upstream="", extra=""):
+    """nginx in front of `backend` (host:port, or an upstream's name) in a folder of the case, stopped with
+    it; returns its port."""
+    port = free_port()
+    folder = os.path.join(case.dir, "nginx-%d" % port)
+    os.makedirs(folder)
+    config = os.path.join(folder, "nginx.conf")
+    with open(config, "w") as out:
+        out.write(NGINX_CONFIG.format(dir=folder, port=port, backend=backend, forwarded=forwarded, upstream=upstream,
+                                      extra=extra))
+    nginx = subprocess.Popen([shutil.which("nginx") or "/usr/sbin/nginx", "-p", folder, "-c", config,
+                              "-e", os.path.join(folder, "early.log")],
+                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    case.addCleanup(lambda: nginx.terminate() or nginx.wait(timeout=10))
+    deadline = time.monotonic() + 10
+    while True:
+        with socket.socket() as probe:
+            if probe.connect_ex(("127.0.0.1", port)) == 0:
+                return port
+        case.assertIsNone(nginx.poll(), "nginx exited at start")
+        case.assertLess(time.monotonic(), deadline, "nginx did not start listening")
+        time.sleep(0.05)
+
+
+def http_get(port, path):
+    """(status, body text) of a plain GET, as on the gateway's admin endpoint."""
+    connection = http.client.HTTPConnection("127.0.0.1", port, timeout=10)
+    try:
+        connection.request("GET", path)
+        response = connection.getresponse()
+        return response.status, response.read().decode()
+    finally:
+        connection.close()
+
+
+def parse_metrics(text):
+    """{'name{labels}': value} of a Prometheus text exposition; a line of any other form is an error."""
+    samples = {}
+    for line in text.splitlines():
+        if not line or line.startswith("# HELP ") or line.startswith("# TYPE "):
+            continue
+        match = re.fullmatch(r'([a-zA-Z_:][a-zA-Z0-9_:]*(?:\{[^}]*\})?) (\S+)', line)
+        if match is None:
+            raise ValueError("not a sample line: %r" % line)
+        samples[match.group(1)] = float(match.group(2))
+    return samples

@@ -43,7 +43,7 @@ class HostileBodies(h.GatewayCase):
         reply = self.curl(*h.json_download_args(self.port, h.playback_uri(name="clip-a.bin")))
         self.assertEqual(reply.status, 200)
         self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
-        self.assertEqual(self.status()["opened"], 1)
+        self.wait_for_status(lambda s: s.get("opened") == 1, "one stream opened")
 
 
 if __name__ == "__main__":

@@ -1,10 +1,6 @@
 """Downloads through nginx arrive byte-exact, and the client address nginx forwards reaches the gateway."""
 import os
-import shutil
-import socket
-import subprocess
 import sys
-import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -12,35 +8,7 @@ import gateway_harness as h  # noqa: E402
 from breaking_proxy import BreakingProxy  # noqa: E402
 from test_resume import README_ONE_LINER, ResumeCase, cut_points  # noqa: E402
 
-NGINX = shutil.which("nginx") or "/usr/sbin/nginx"
 CLIENT_ADDRESS = "127.0.0.2"  # a loopback address of its own, so the forwarded address is telling
-
-NGINX_CONFIG = """
-daemon off;
-master_process off;
-worker_processes 1;
-pid {dir}/nginx.pid;
-error_log {dir}/nginx-error.log info;
-events {{ worker_connections 64; }}
-http {{
-    access_log {dir}/nginx-access.log;
-    client_body_temp_path {dir}/body;
-    proxy_temp_path {dir}/proxy;
-    fastcgi_temp_path {dir}/fastcgi;
-    uwsgi_temp_path {dir}/uwsgi;
-    scgi_temp_path {dir}/scgi;
-    server {{
-        listen 127.0.0.1:{port};
-        location / {{
-            proxy_pass http://127.0.0.1:{gateway_port};
-            proxy_http_version 1.1;
-            proxy_set_header X-Forwarded-For {forwarded};
-            proxy_buffering off;
-            proxy_request_buffering off;
-        }}
-    }}
-}}
-"""
 
 
 class NginxProxy(ResumeCase):
@@ -48,30 +16,7 @@ class NginxProxy(ResumeCase):
 
     def setUp(self):
         super().setUp()
-        self.proxy_port = h.free_port()
-        nginx_dir = os.path.join(self.dir, "nginx")
-        os.makedirs(nginx_dir)
-        config = os.path.join(nginx_dir, "nginx.conf")
-        with open(config, "w") as out:
-            out.write(NGINX_CONFIG.format(dir=nginx_dir, port=self.proxy_port, gateway_port=self.port,
-                                          forwarded=self.FORWARDED))
-        self.nginx = subprocess.Popen(
-            [NGINX, "-p", nginx_dir, "-c", config, "-e", os.path.join(nginx_dir, "early.log")],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(self.stop_nginx)
-        deadline = time.monotonic() + 10
-        while True:
-            try:
-                socket.create_connection(("127.0.0.1", self.proxy_port), timeout=1).close()
-                break
-            except OSError:
-                self.assertIsNone(self.nginx.poll(), "nginx exited at start")
-                self.assertLess(time.monotonic(), deadline, "nginx did not start listening")
-                time.sleep(0.05)
-
-    def stop_nginx(self):
-        self.nginx.terminate()
-        self.nginx.wait(timeout=10)
+        self.proxy_port = h.start_nginx(self, "127.0.0.1:%d" % self.port, self.FORWARDED)
 
     def download_via_nginx(self, args, *extra):
         proxied = [arg.replace("127.0.0.1:%d" % self.port, "127.0.0.1:%d" % self.proxy_port) for arg in args]
@@ -82,7 +27,7 @@ class NginxProxy(ResumeCase):
         reply = self.download_via_nginx(h.json_download_args(self.port, h.playback_uri(name="clip-a.bin", size=size)))
         self.assertEqual(reply.status, 200, self.log_tail())
         self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
-        self.assertEqual(self.status()["lastClientIP"], CLIENT_ADDRESS)
+        self.wait_for_status(lambda s: s.get("lastClientIP") == CLIENT_ADDRESS, "the client address forwarded")
 
     def test_chunked_and_xml_downloads_pass_through_nginx(self):
         reply = self.download_via_nginx(h.json_download_args(self.port, h.playback_uri()))

@@ -52,6 +52,12 @@ TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
         {R"({"media":{"devices":[)" + device + "}," + device + R"(,"folder":"b"}]}})", "media.devices[1].devIndex:"},
         {R"({"media":{"blockSize":10}})", "media.blockSize:"},
         {R"({"log":{"level":"loud"}})", "log.level:"},
+        {R"({"log":{"format":"xml"}})", "log.format:"},
+        {R"({"admin":{}})", "admin.listen:"},
+        {R"({"admin":{"listen":"localhost:9464"}})", "admin.listen:"},
+        {R"({"admin":{"listen":"[::1]:70000"}})", "admin.listen:"},
+        {R"({"admin":{"listen":"127.0.0.1:8080"}})", "admin.listen: port 8080 is the plug-in's"},
+        {R"({"server":{"maxDownloads":401}})", "server.maxDownloads:"},
         {R"([1,2])", "(document): must be a JSON object"},
     };
     for (const auto& c : cases) {

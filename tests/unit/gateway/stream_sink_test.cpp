@@ -2,16 +2,19 @@
 // Send: the order and bytes of a download, and that nothing is sent once the
 // plug-in has closed the stream.
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "AccessLog.h"
 #include "DownloadResolver.h"
-#include "StatusBoard.h"
+#include "GatewayMetrics.h"
 #include "StreamBlocks.h"
 #include "StreamSink.h"
 #include "media_fixture.h"
@@ -67,14 +70,16 @@ protected:
                   R"({"recordings":[{"name":"r.bin","starttime":"20260101T000000Z","endtime":"20260101T010000Z"}]})",
                   {{"r.bin", content}});
         std::string error;
-        ASSERT_TRUE(library.load(folder, devices, log, error)) << error;
-        mediaUrl = makeMediaUrl(library.devices()[0], library.devices()[0].recordings[0]);
+        auto library = std::make_shared<MediaLibrary>();
+        ASSERT_TRUE(library->load(folder, devices, log, error)) << error;
+        mediaUrl = makeMediaUrl(library->devices()[0], library->devices()[0].recordings[0]);
+        catalog.replace(library);
     }
 
-    void* openAndStart(StreamSink& sink)
+    void* openAndStart(StreamSink& sink, const std::string& filterUrl = "rtsp://h/download")
     {
         void* handle = nullptr;
-        EXPECT_EQ(sink.OnOpen("rtsp://h/download", mediaUrl.c_str(), &session, &handle), 0);
+        EXPECT_EQ(sink.OnOpen(filterUrl.c_str(), mediaUrl.c_str(), &session, &handle), 0);
         EXPECT_EQ(sink.pushStream(handle), 0);
         EXPECT_EQ(sink.OnStart(handle, 0), 0);
         return handle;
@@ -90,9 +95,9 @@ protected:
 
     std::string content;
     std::string mediaUrl;
-    MediaLibrary library;
+    MediaCatalog catalog;
     SessionData session;
-    StatusBoard status{"", log};
+    GatewayMetrics metrics;
 };
 
 }  // namespace
@@ -100,9 +105,13 @@ protected:
 TEST_F(StreamSinkTest, DeliversInfoHeadBlocksAndEndWithTheFileBytes)
 {
     RecordingServer server;
-    StreamSink sink(library, 4096, status, log);
+    AccessLog accessLog(metrics, log);
+    std::string error;
+    ASSERT_TRUE(accessLog.open(folder + "/access.log", AccessLogFormat::kJson, error)) << error;
+    StreamSink sink(catalog, 4096, metrics, &accessLog, log);
     sink.attachServer(&server);
-    void* handle = openAndStart(sink);
+    // The user and client the filter verified reach the access log, however odd the name.
+    void* handle = openAndStart(sink, makeFilterUrl("rtsp://h/download?x=1", RequestOrigin{"2001:db8::1", "a&b#c%"}));
     // 10000 bytes in 4096-byte blocks: info, head, three blocks, end.
     ASSERT_TRUE(waitForSends(server, 6));
     EXPECT_EQ(server.sentTypes(), (std::vector<int>{10, 1, 2, 2, 2, 100}));
@@ -118,17 +127,25 @@ TEST_F(StreamSinkTest, DeliversInfoHeadBlocksAndEndWithTheFileBytes)
 
     EXPECT_EQ(sink.OnStop(handle, 0), 0);
     EXPECT_EQ(sink.OnClose(handle), 0);
-    GatewayStatus counts = status.snapshot();
-    EXPECT_EQ(counts.openStreams, 0);
-    EXPECT_EQ(counts.opened, 1u);
-    EXPECT_EQ(counts.closed, 1u);
+    EXPECT_EQ(metrics.openDownloads(), 0);
+    EXPECT_EQ(metrics.downloadsStarted(), 1u);
+    EXPECT_EQ(metrics.downloadsFinished(DownloadOutcome::kComplete), 1u);
+    EXPECT_EQ(metrics.sentBytes(), kStreamHeadSize + content.size());
+    accessLog.close();
+    Json::Value line;
+    std::ifstream file(folder + "/access.log");
+    ASSERT_TRUE(Json::Reader().parse(file, line));
+    EXPECT_EQ(line["client"].asString() + " " + line["user"].asString() + " " + line["device"].asString() + " " +
+                  line["recording"].asString() + " " + line["outcome"].asString(),
+              "2001:db8::1 a&b#c% " + kCamera + " r.bin complete");
+    EXPECT_EQ(line["bytesSent"].asUInt64(), kStreamHeadSize + content.size());
 }
 
 TEST_F(StreamSinkTest, NoSendAfterOnCloseReturnsMidStream)
 {
     RecordingServer server;
     server.delayPerSend = std::chrono::milliseconds(5);
-    StreamSink sink(library, 1024, status, log);
+    StreamSink sink(catalog, 1024, metrics, nullptr, log);
     void* handle = openAndStart(sink);
     sink.attachServer(&server);  // late, as when a request beats CreateServer's return
     ASSERT_TRUE(waitForSends(server, 3));
@@ -143,7 +160,7 @@ TEST_F(StreamSinkTest, NoSendAfterOnCloseReturnsMidStream)
 
 TEST_F(StreamSinkTest, RefusesUnknownHandlesAndMediaWithoutCrashing)
 {
-    StreamSink sink(library, 1024, status, log);
+    StreamSink sink(catalog, 1024, metrics, nullptr, log);
     int unknown = 0;
     void* handle = nullptr;
     EXPECT_NE(sink.OnOpen("f", "recording://nope/r.bin", &session, &handle), 0);
@@ -152,7 +169,7 @@ TEST_F(StreamSinkTest, RefusesUnknownHandlesAndMediaWithoutCrashing)
     EXPECT_NE(sink.OnStart(&unknown, 0), 0);
     EXPECT_NE(sink.OnStop(&unknown, 0), 0);
     EXPECT_NE(sink.OnClose(&unknown), 0);
-    EXPECT_EQ(status.snapshot().opened, 0u);
+    EXPECT_EQ(metrics.downloadsStarted(), 0u);
 
     ASSERT_EQ(sink.OnOpen("f", mediaUrl.c_str(), &session, &handle), 0);
     EXPECT_NE(sink.OnStart(handle, 0), 0) << "a stream starts only after pushStream";
