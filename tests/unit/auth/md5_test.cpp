@@ -1,8 +1,8 @@
 // The MD5 wrapper's own contract over the crypto library: one-shot and
 // incremental digests agree, hex is lower case, an unstarted context refuses.
+// The hex form inside a Digest response is pinned by the helper's tests.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 
 #include "auth/Md5.h"
@@ -24,10 +24,6 @@ TEST(Md5, OneShotIncrementalAndHexAgreeAndAnUnstartedContextRefuses)
         EXPECT_EQ(digest[0], 0xf9);
         EXPECT_EQ(digest[15], 0xd0);
     }
-    char hex[MD5_HEX_SIZE];
-    EXPECT_EQ(MD5_hex("abc", 3, hex), 0);
-    EXPECT_STREQ(hex, "900150983cd24fb0d6963f7d28e17f72");
-
     tagMD5Context unstarted;
     EXPECT_EQ(MD5_update(&unstarted, "x", 1), -1);
     EXPECT_EQ(MD5_fini(digest, &unstarted), -1);

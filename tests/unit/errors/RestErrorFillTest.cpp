@@ -3,7 +3,6 @@
 // the tables start unfilled there whatever other tests did before.
 #include <gtest/gtest.h>
 
-#include <stdio.h>
 #include <stdlib.h>
 
 #include <atomic>
@@ -17,33 +16,22 @@ using namespace HttpWrapper;
 
 namespace {
 
-[[noreturn]] void fail(const char* why)
+bool lookUp()
 {
-    fprintf(stderr, "%s\n", why);
-    exit(1);
+    Json::Value status;
+    ZRT_UINT32 httpStatus = 0;
+    std::string desc;
+    return getResponseStatusByErrorNo(0x40000003, status, httpStatus) == 1 && httpStatus == 403 &&
+           status["errorMsg"].asString() == "Authentication failed." && getDescByErrorNo(desc, 0x4000102D) == 1 &&
+           desc == "getAddedNodeInformationFailed";
 }
 
-bool lookUpRepeatedly()
-{
-    for (int i = 0; i < 200; ++i) {
-        Json::Value status;
-        ZRT_UINT32 httpStatus = 0;
-        std::string desc;
-        if (getResponseStatusByErrorNo(0x40000003, status, httpStatus) != 1 || httpStatus != 403 ||
-            status["errorMsg"].asString() != "Authentication failed." || getDescByErrorNo(desc, 0x4000102D) != 1 ||
-            desc != "getAddedNodeInformationFailed") {
-            return false;
-        }
-    }
-    return true;
-}
-
-void firstLookupsFromManyThreads()
+// The exit code names the first check that failed: 0 when none did.
+int firstLookupsFromManyThreads()
 {
     if (g_bInitErrCode.load()) {
-        fail("tables filled before the first lookup");
+        return 2;  // filled before the first lookup
     }
-    const int kThreads = 8;
     std::atomic<int> started(0), finished(0), wrong(0);
     std::vector<std::thread> threads;
     bool answeredBeforeFill = false;
@@ -51,33 +39,30 @@ void firstLookupsFromManyThreads()
         // Holding the fill lock lines every thread up on the unfilled tables,
         // so that they all race for the fill when it is released.
         ZRT_Guard holdFill(g_mutex);
-        for (int t = 0; t < kThreads; ++t) {
+        for (int t = 0; t < 8; ++t) {
             threads.emplace_back([&] {
                 ++started;
-                wrong += lookUpRepeatedly() ? 0 : 1;
+                wrong += lookUp() ? 0 : 1;
                 ++finished;
             });
         }
-        while (started.load() < kThreads) {
+        while (started.load() < 8) {
             std::this_thread::yield();
         }
-        ZRT_Sleep(50);
+        ZRT_Sleep(50);  // time for a lookup that does not wait to finish; a slow machine only hides it
         answeredBeforeFill = finished.load() != 0;
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
     if (answeredBeforeFill || wrong.load() != 0) {
-        fail("a first lookup did not wait for the fill or saw wrong tables");
+        return 3;  // a first lookup did not wait for the fill or saw wrong tables
     }
     // Filled once per process: a later lookup would betray a second fill by
     // restoring this entry.
     g_aRestErrMap7[0x70000001].SetParam("marker", "marker");
     std::string desc;
-    if (getDescByErrorNo(desc, 0x70000001) != 1 || desc != "marker") {
-        fail("the tables were filled a second time");
-    }
-    exit(0);
+    return getDescByErrorNo(desc, 0x70000001) == 1 && desc == "marker" ? 0 : 4;
 }
 
 }  // namespace
@@ -85,5 +70,5 @@ void firstLookupsFromManyThreads()
 TEST(RestErrorTableFill, ConcurrentFirstLookupsFillOnce)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(firstLookupsFromManyThreads(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(exit(firstLookupsFromManyThreads()), ::testing::ExitedWithCode(0), "");
 }

@@ -1,28 +1,27 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "protocol/ProtocolFilter.h"
 
 using namespace HttpWrapper;
 using PROTOCOL_FILTER::IProtocolAttr;
-using PROTOCOL_FILTER::IProtocolHead;
 
 namespace {
 
-std::vector<std::string> AttrNames(IProtocolHead& head)
+std::string AttrNames(CProtocolHead& head)
 {
-    std::vector<std::string> names;
+    std::string names;
     for (IProtocolAttr* attr = head.GetFirstAttr(); attr != nullptr; attr = head.GetNextAttr()) {
-        names.push_back(attr->GetAttrName());
+        names += attr->GetAttrName();
     }
     return names;
 }
 
 }  // namespace
 
-TEST(AttrValues, NumbersAndRanges)
+TEST(AttrValues, RangesAndTheCutOfLongNumbers)
 {
     // Not a range leaves the outputs alone; a range is cut at its first "-" only.
     const struct {
@@ -35,29 +34,15 @@ TEST(AttrValues, NumbersAndRanges)
         int max = -1;
         attr.SetAttrValue(range.value);
         attr.GetAttrIntRange(&min, &max);
-        EXPECT_EQ(min, range.min) << range.value;
-        EXPECT_EQ(max, range.max) << range.value;
+        EXPECT_EQ(std::make_pair(min, max), std::make_pair(range.min, range.max)) << range.value;
     }
-
     double low = 0;
     double high = 0;
-    attr.SetAttrFloatRange(0.5, 1.25);
+    attr.SetAttrValue("0.5-1.25");
     attr.GetAttrFloatRange(&low, &high);
-    EXPECT_DOUBLE_EQ(low, 0.5);
-    EXPECT_DOUBLE_EQ(high, 1.25);
-
-    attr.SetAttrValue("12abc");
-    EXPECT_EQ(attr.GetAttrIntValue(), 12);
-    attr.SetAttrValue("abc");
-    EXPECT_EQ(attr.GetAttrIntValue(), 0);
+    EXPECT_EQ(std::make_pair(low, high), std::make_pair(0.5, 1.25));
     attr.SetAttrFloatValue(1e300);  // cut to the 64-byte buffer
     EXPECT_EQ(std::string(attr.GetAttrValue()).size(), 63u);
-
-    CProtocolHead head("X", "");
-    EXPECT_FALSE(head.HasHeadValue());
-    head.SetHeadIntValue(-7);
-    EXPECT_STREQ(head.GetHeadValue(), "-7");
-    EXPECT_TRUE(head.HasHeadValue());
 }
 
 TEST(AttrList, DuplicatesIndexErasureAndTheCursor)
@@ -65,7 +50,7 @@ TEST(AttrList, DuplicatesIndexErasureAndTheCursor)
     CProtocolHead head("Transport", "");
     IProtocolAttr* first = head.InsertAttrLast("a", "1");
     IProtocolAttr* second = head.InsertAttrLast("a", "2");
-    EXPECT_EQ(AttrNames(head), (std::vector<std::string>{"a", "a"}));
+    EXPECT_EQ(AttrNames(head), "aa");
     EXPECT_EQ(head.GetAttrByName("a"), second);
 
     // Removing the older duplicate also hides the newer one from lookups.
@@ -74,10 +59,8 @@ TEST(AttrList, DuplicatesIndexErasureAndTheCursor)
     EXPECT_EQ(head.GetFirstAttr(), second);
     EXPECT_EQ(head.GetNextAttr(), nullptr);
 
-    // Names are case-sensitive.
     head.InsertAttrLast("B", "x");
-    EXPECT_EQ(head.GetAttrByName("b"), nullptr);
-    EXPECT_NE(head.GetAttrByName("B"), nullptr);
+    EXPECT_EQ(head.GetAttrByName("b"), nullptr);  // names are case-sensitive
     EXPECT_EQ(head.GetAttrByName(nullptr), nullptr);
 
     // A renamed attribute leaves no index entry behind when it goes.
@@ -91,15 +74,13 @@ TEST(AttrList, DuplicatesIndexErasureAndTheCursor)
     EXPECT_EQ(head.GetFirstAttr(), second);
     head.DeleteAttr(second);
     EXPECT_EQ(head.GetNextAttr(), nullptr);
-    ASSERT_NE(head.GetFirstAttr(), nullptr);
-    EXPECT_STREQ(head.GetFirstAttr()->GetAttrName(), "B");
+    EXPECT_EQ(AttrNames(head), "B");
 }
 
 TEST(AttrList, PositionalInsertAndDelete)
 {
     CProtocolHead head("H", "");
     EXPECT_EQ(head.GetNextAttr(), nullptr);  // the cursor starts at the end
-    EXPECT_EQ(head.GetFirstAttr(), nullptr);
     head.DeleteAttrFirst();
     head.DeleteAttrLast();
 
@@ -107,27 +88,24 @@ TEST(AttrList, PositionalInsertAndDelete)
     head.InsertAttrFirst("a", "");
     IProtocolAttr* d = head.InsertAttrAfter("d", "", b);
     head.InsertAttrBefore("c", "", d);
-    head.InsertAttrLast("e", "");
-    EXPECT_EQ(AttrNames(head), (std::vector<std::string>{"a", "b", "c", "d", "e"}));
+    IProtocolAttr* e = head.InsertAttrLast("e", "");
+    EXPECT_EQ(AttrNames(head), "abcde");
 
+    // References outside the list, and the ends of it, change nothing.
     CProtocolHead other("O", "");
     IProtocolAttr* foreign = other.InsertAttrLast("f", "");
     EXPECT_EQ(head.InsertAttrAfter("x", "", foreign), nullptr);
     EXPECT_EQ(head.InsertAttrBefore("x", "", nullptr), nullptr);
     head.DeleteAttrAfter(foreign);
-    EXPECT_EQ(head.GetAttrByName("x"), nullptr);
-
-    IProtocolAttr* first = head.GetFirstAttr();
-    head.DeleteAttrBefore(first);  // nothing before the first
-    IProtocolAttr* last = head.GetAttrByName("e");
-    head.DeleteAttrAfter(last);  // nothing after the last
-    EXPECT_EQ(AttrNames(head).size(), 5u);
+    head.DeleteAttrBefore(head.GetFirstAttr());
+    head.DeleteAttrAfter(e);
+    EXPECT_EQ(AttrNames(head), "abcde");
 
     head.DeleteAttrAfter(b);   // c
     head.DeleteAttrBefore(b);  // a
     head.DeleteAttrFirst();    // b
     head.DeleteAttrLast();     // e
-    EXPECT_EQ(AttrNames(head), (std::vector<std::string>{"d"}));
+    EXPECT_EQ(AttrNames(head), "d");
     EXPECT_EQ(head.GetAttrByName("c"), nullptr);
     EXPECT_EQ(head.GetAttrByName("d"), d);
 }
@@ -138,12 +116,10 @@ TEST(Body, OwnsATerminatedCopy)
     char* content = reinterpret_cast<char*>(1);
     EXPECT_EQ(body.GetBodyContent(&content), 0);
     EXPECT_EQ(content, nullptr);
-    EXPECT_EQ(body.GetBodyType(), 0);
 
     body.SetBodyContent("", 0);
     EXPECT_EQ(body.GetBodyContent(&content), 0);
-    ASSERT_NE(content, nullptr);
-    EXPECT_STREQ(content, "");
+    EXPECT_STREQ(content, "");  // set, though empty: not null
 
     std::string data("a\0b", 3);
     body.SetBodyContent(data.data(), 3);
