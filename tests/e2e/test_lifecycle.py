@@ -59,12 +59,23 @@ class StartRefusals(unittest.TestCase):
         self.assertEqual(result.returncode, 2, result.stderr)
         self.assertIn(missing_media + " is not a folder", result.stderr)
         self.assertFalse(os.path.exists(missing_media))
+        # A taken port, the plug-in's or the admin endpoint's, stops the start with exit 1 and its reason;
+        # a malformed admin address is a configuration refusal.
         with socket.socket() as taken:
             taken.bind(("127.0.0.1", 0))
             taken.listen()
-            result = self.run_gateway("--port", str(taken.getsockname()[1]), "--plugin", h.PLUGIN)
-        self.assertEqual(result.returncode, 1, result.stderr)
-        self.assertIn("CreateServer", result.stderr)
+            port = str(taken.getsockname()[1])
+            result = self.run_gateway("--port", port, "--plugin", h.PLUGIN)
+            self.assertEqual(result.returncode, 1, result.stderr)
+            self.assertIn("CreateServer", result.stderr)
+            result = self.run_gateway("--port", str(h.free_port()), "--admin", "127.0.0.1:" + port, "--plugin",
+                                      h.PLUGIN)
+            self.assertEqual(result.returncode, 1, result.stderr)
+            self.assertIn("admin endpoint cannot listen on 127.0.0.1:%s: Address already in use" % port, result.stderr)
+        for malformed in ("localhost:9464", "127.0.0.1:0", "::1:9464"):
+            result = self.run_gateway("--port", str(h.free_port()), "--admin", malformed)
+            self.assertEqual(result.returncode, 2, result.stderr)
+            self.assertIn("admin.listen: ", result.stderr)
 
 
 class DefaultsWithoutConfigFile(h.GatewayCase):

@@ -7,9 +7,7 @@ import signal
 import socket
 import subprocess
 import sys
-import tempfile
 import time
-import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import gateway_harness as h  # noqa: E402
@@ -200,26 +198,6 @@ class Operated(h.GatewayCase):
         self.wait_for_log(r"1 download\(s\) running get up to 20 s to finish")
         said = self.notifications()
         self.assertTrue(said[0].startswith("READY=1") and any(n.startswith("STOPPING=1") for n in said), said)
-
-
-class AdminStartRefusals(unittest.TestCase):
-    def run_gateway(self, admin):
-        with tempfile.TemporaryDirectory(prefix="gateway-e2e-") as folder:
-            return subprocess.run([h.GATEWAY, "--port", str(h.free_port()), "--media", folder, "--admin", admin,
-                                   "--plugin", h.PLUGIN], capture_output=True, text=True, timeout=30)
-
-    def test_a_taken_port_or_a_malformed_address_stops_the_start_with_its_reason(self):
-        with socket.socket() as taken:
-            taken.bind(("127.0.0.1", 0))
-            taken.listen()
-            address = "127.0.0.1:%d" % taken.getsockname()[1]
-            result = self.run_gateway(address)
-        self.assertEqual(result.returncode, 1, result.stderr)
-        self.assertIn("admin endpoint cannot listen on %s: Address already in use" % address, result.stderr)
-        for malformed in ("localhost:9464", "127.0.0.1:0", "::1:9464"):
-            result = self.run_gateway(malformed)
-            self.assertEqual(result.returncode, 2, result.stderr)
-            self.assertIn("admin.listen: ", result.stderr)
 
 
 if __name__ == "__main__":
