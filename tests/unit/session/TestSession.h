@@ -8,12 +8,8 @@ class TestSession : public HttpWrapper::CHttpSession {
 public:
     using CHttpSession::CHttpSession;
     using CHttpSession::m_framing;
-    using CHttpSession::m_iDestroyRequested;
-    using CHttpSession::m_iState;
-    using CHttpSessionBase::m_iTimeoutCount;
     using CHttpSessionBase::m_pSessionHandle;
     using CHttpSessionBase::m_strAuthorization;
-    using CHttpSessionBase::m_strClientIP;
     using CHttpSessionBase::m_strDownloadRange;
     using CHttpSessionBase::m_strMethod;
     using CHttpSessionBase::m_strPlaybackURI;

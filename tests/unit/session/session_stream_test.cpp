@@ -70,9 +70,7 @@ TEST_F(SessionStream, OnlyTheFirstStreamInfoSendsTheHeadWithTheLengthPlusForty)
     sendInfo(0, 1, 5);  // both length words count
     EXPECT_EQ(session->getFileLength(), (1ull << 32) + 5 + 40);
     ASSERT_EQ(net.replies.size(), 1u);
-    EXPECT_EQ(net.headerOf(0, "Content-Type"), "application/binary");
     EXPECT_EQ(net.headerOf(0, "Content-Length"), std::to_string((1ull << 32) + 45));
-    EXPECT_FALSE(net.hasKind(0, NET_HTTPSERVER_PARAM_STATUS));  // 200 is the server's default
     EXPECT_TRUE(net.hasKind(0, NET_HTTPSERVER_PARAM_SEND_TIMEOUT));
     // "The head is out, a streamed body follows" is staged after the head's reply.
     ASSERT_EQ(net.staged.size(), 1u);
@@ -96,7 +94,7 @@ TEST_F(SessionStream, AnUnreadableRangeReportIsAnsweredFiveHundredNotWithUnknown
     memcpy(&info[1520], "MGBR\x01\x07", 6);  // an outcome no gateway reports
     EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_INFO, &info[0], static_cast<int>(info.size())), 0);
     ASSERT_EQ(net.replies.size(), 1u);
-    ASSERT_TRUE(net.hasKind(0, NET_HTTPSERVER_PARAM_STATUS));
+    ASSERT_EQ(net.replies[0][0].kind, NET_HTTPSERVER_PARAM_STATUS);
     int status = 0;
     memcpy(&status, net.replies[0][0].value.data(), 4);
     EXPECT_EQ(status, 500);
@@ -107,13 +105,13 @@ TEST_F(SessionStream, AnUnreadableRangeReportIsAnsweredFiveHundredNotWithUnknown
 TEST_F(SessionStream, ChunkedEndIsWrittenOnceAndUnknownTypesAreIgnored)
 {
     session->m_framing.setChunked(true);
-    sendInfo(0, 0, 300);
-    std::string block(300, 'b');
-    EXPECT_EQ(sendData(block), 0);
-    EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0), 0);
-    EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0), 0);
-    EXPECT_EQ(session->send(0, 77, nullptr, 0), 0);
-    EXPECT_EQ(net.wire, "12C\r\n" + block + "\r\n0\r\n\r\n");
+    sendInfo(0, 0, 3);
+    EXPECT_EQ(sendData("abc"), 0);
+    for (int type :
+         {static_cast<int>(PROTOCOL_WRAPPER::STREAM_END), static_cast<int>(PROTOCOL_WRAPPER::STREAM_END), 77}) {
+        EXPECT_EQ(session->send(0, type, nullptr, 0), 0);
+    }
+    EXPECT_EQ(net.wire, "3\r\nabc\r\n0\r\n\r\n");
 }
 
 TEST_F(SessionStream, PartialWritesAreRetriedFromWhereTheyStopped)
@@ -136,7 +134,6 @@ TEST_F(SessionStream, AStalledClientEndsTheDownloadAfterSixtySeconds)
     net.replyPlan.assign(100, 0);  // the client takes nothing any more
     EXPECT_EQ(sendData("0123456789"), -1);
     EXPECT_TRUE(log.contains("[0x01930f49] - [download error], send data timeout!httpHandle[42]"));
-    EXPECT_EQ(session->m_iDestroyRequested.load(), 1);
     EXPECT_EQ(queuedDestroyJobs(), 1);
     // The stall ended after a minute of clock, not a hundred replies.
     EXPECT_LT(net.replyPlan.size(), 100u);
@@ -144,9 +141,9 @@ TEST_F(SessionStream, AStalledClientEndsTheDownloadAfterSixtySeconds)
 
     // Once destroy is requested nothing more is written, and it is not an error.
     net.replyPlan.clear();
+    size_t written = net.wire.size();
     EXPECT_EQ(sendData("more"), 0);
-    EXPECT_TRUE(log.contains("Http session allready destroyed"));
-    EXPECT_EQ(queuedDestroyJobs(), 1);  // requested once only
+    EXPECT_EQ(net.wire.size(), written);
 }
 
 TEST_F(SessionStream, WriteFailuresRequestTheSessionsDestruction)
@@ -157,38 +154,15 @@ TEST_F(SessionStream, WriteFailuresRequestTheSessionsDestruction)
     EXPECT_EQ(queuedDestroyJobs(), 1);
 
     for (bool staging : {false, true}) {
-        SCOPED_TRACE(staging ? "staging fails" : "the reply fails");
         TearDown();
         SetUp();
-        LogCapture log;
         sendInfo(0, 0, 10);
         if (staging) {
             net.setParamFailAt = net.setParamCalls;
         } else {
             net.replyPlan = {-1};
         }
-        EXPECT_EQ(sendData("0123456789"), -1);
-        EXPECT_TRUE(log.contains(staging ? "[download error], Http SetParam fail!"
-                                         : "[download error], Http Reply fail! errNum["));
-        EXPECT_TRUE(staging || log.contains("replyRet[-1], dataLenCurr[10]"));
-        EXPECT_EQ(queuedDestroyJobs(), 1);
+        EXPECT_EQ(sendData("0123456789"), -1) << staging;
+        EXPECT_EQ(queuedDestroyJobs(), 1) << staging;
     }
-}
-
-TEST_F(SessionStream, BareHeadsAndOneShotRepliesStageStatusAndContentType)
-{
-    EXPECT_EQ(session->sendHead(403), 0);
-    ASSERT_EQ(net.replies.size(), 1u);
-    ASSERT_TRUE(net.hasKind(0, NET_HTTPSERVER_PARAM_STATUS));
-    int status = 0;
-    memcpy(&status, net.replies[0][0].value.data(), 4);
-    EXPECT_EQ(status, 403);
-
-    EXPECT_EQ(session->sendReply(200, "<a/>", 4, "xml"), 0);
-    EXPECT_EQ(net.headerOf(1, "Content-Type"), "application/xml");
-    EXPECT_EQ(net.wire, "<a/>");
-    // Without a body only the status is staged; the caller's later reply carries it.
-    EXPECT_EQ(session->sendReply(404, nullptr, 0, "xml"), 0);
-    EXPECT_EQ(net.replies.size(), 2u);
-    EXPECT_EQ(net.staged.size(), 1u);
 }
