@@ -6,14 +6,11 @@
 
 #include <chrono>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <regex>
 #include <thread>
 
 #include "PluginFixture.h"
-#include "ProcessResources.h"
-#include "TestClient.h"
 #include "frame/HttpServerWrapper.h"
 #include "talk/AudioTalkSessionMgr.h"
 #include "talk/HttpUnstandardSessionMgr.h"
@@ -77,23 +74,16 @@ struct AudioLink {
     }
 };
 
+const char kGetHead[] = "HTTP/1.1 200 OK\r\nContent-Type: application/binary\r\n\r\n";
+const char kPutHead[] = "HTTP/1.1 200 OK\r\n\r\n";
+
 class Talk : public PluginFixture {
 protected:
-    // A thread made and joined first: a sanitizer's runtime starts its own
-    // helper thread with the process's first one, which is not the server's.
-    Talk()
-        : m_warmUp([] {}),
-          m_descriptorsBefore((m_warmUp.join(), testsupport::openDescriptorCount())),
-          m_threadsBefore(testsupport::threadCount())
-    {
-    }
-
     void SetUp() override
     {
         PluginFixture::SetUp();
         audioPort = singleton<CHttpUnstandardSessionMgr>::instance()->getListenPort();
         ASSERT_GT(audioPort, 0);
-        sink.talkRetryUntilAccepted = true;
     }
 
     void TearDown() override
@@ -101,24 +91,12 @@ protected:
         PluginFixture::TearDown();
         EXPECT_EQ(singleton<CAudioTalkSessionMgr>::instance()->getTalkSessionCount(), 0u);
         EXPECT_EQ(sink.talkStreamsOpen(), 0);
-        EXPECT_EQ(testsupport::openDescriptorCount(), m_descriptorsBefore) << "a socket outlived the server";
-        EXPECT_EQ(testsupport::threadCount(), m_threadsBefore) << "a thread outlived the server";
-    }
-
-    std::string host() const { return "127.0.0.1:" + std::to_string(port); }
-
-    static std::string talkRequest(const std::string& method, const std::string& target, const std::string& hostValue,
-                                   const std::string& credentials, const std::string& body = "")
-    {
-        return method + " " + target + " HTTP/1.1\r\nHost: " + hostValue + "\r\n" + credentials +
-               "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
     }
 
     RawResponse standardRequest(const std::string& verb, int channel, const std::string& credentials = digestHeader())
     {
-        RawHttpClient client(port);
-        std::string target = "/QUMEX/System/TwoWayAudio/channels/" + std::to_string(channel) + "/" + verb;
-        return client.exchange(talkRequest("PUT", target, host(), credentials));
+        return exchange(request("PUT", "/QUMEX/System/TwoWayAudio/channels/" + std::to_string(channel) + "/" + verb, "",
+                                credentials));
     }
 
     // Opens a talk and returns its session id ("" when refused).
@@ -129,11 +107,8 @@ protected:
             *reply = response;
         }
         std::smatch id;
-        if (response.status != 200 ||
-            !std::regex_search(response.body, id, std::regex("<sessionId>([0-9]+)</sessionId>"))) {
-            return std::string();
-        }
-        return id[1];
+        bool found = std::regex_search(response.body, id, std::regex("<sessionId>([0-9]+)</sessionId>"));
+        return response.status == 200 && found ? id[1].str() : std::string();
     }
 
     static std::string audioTarget(int channel, const std::string& sessionId)
@@ -141,35 +116,28 @@ protected:
         return "/QUMEX/System/TwoWayAudio/channels/" + std::to_string(channel) + "/audioData?sessionId=" + sessionId;
     }
 
-    std::string linkRequest(const std::string& method, int channel, const std::string& sessionId,
-                            const std::string& credentials = digestHeader())
+    // A link's request: audio clients send "Content-Length: 0".
+    std::string link(const std::string& method, int channel, const std::string& sessionId,
+                     const std::string& credentials = digestHeader())
     {
-        return talkRequest(method, audioTarget(channel, sessionId), host(), credentials);
+        return request(method, audioTarget(channel, sessionId), "", credentials);
     }
 
     bool waitForTalks(unsigned int count, int timeoutMs = 5000)
     {
         auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (std::chrono::steady_clock::now() < deadline) {
-            if (singleton<CAudioTalkSessionMgr>::instance()->getTalkSessionCount() == count &&
-                sink.talkStreamsOpen() == static_cast<int>(count)) {
-                return true;
+        while (singleton<CAudioTalkSessionMgr>::instance()->getTalkSessionCount() != count ||
+               sink.talkStreamsOpen() != static_cast<int>(count)) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        return false;
+        return true;
     }
 
     int audioPort = 0;
-
-private:
-    std::thread m_warmUp;
-    int m_descriptorsBefore;
-    int m_threadsBefore;
 };
-
-const char kGetHead[] = "HTTP/1.1 200 OK\r\nContent-Type: application/binary\r\n\r\n";
-const char kPutHead[] = "HTTP/1.1 200 OK\r\n\r\n";
 
 }  // namespace
 
@@ -200,19 +168,20 @@ TEST_F(Talk, OpenRelayBothWaysInCodecPacketsAndClose)
 
     // Device audio reaches the GET link byte-exact and in order.
     AudioLink listen;
-    ASSERT_TRUE(listen.open(audioPort, linkRequest("GET", 1, sessionId))) << listen.head;
+    ASSERT_TRUE(listen.open(audioPort, link("GET", 1, sessionId))) << listen.head;
     EXPECT_EQ(listen.head, kGetHead);
     EXPECT_EQ(listen.receive(sink.talkAudioBytes), deviceAudio(sink.talkAudioBytes));
 
     // Client audio reaches the gateway in whole 160-byte packets, whatever the
-    // segments: the first byte rides with the request head.
+    // segments: two packets ride with the request head, and each partial packet
+    // waits for the bytes that complete it.
     const std::string audio = clientAudioBytes(960);
     AudioLink speak;
-    ASSERT_TRUE(speak.open(audioPort, linkRequest("PUT", 1, sessionId) + audio.substr(0, 1))) << speak.head;
+    ASSERT_TRUE(speak.open(audioPort, link("PUT", 1, sessionId) + audio.substr(0, 330))) << speak.head;
     EXPECT_EQ(speak.head, kPutHead);
-    size_t sent = 1;
-    for (size_t piece : {159, 161, 500, 139}) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // separate segments
+    size_t sent = 330;
+    for (size_t piece : {150, 161, 319}) {
+        ASSERT_TRUE(sink.waitForClientAudio(sent / 160 * 160));  // the segment before is taken
         ASSERT_TRUE(speak.socket.send(audio.substr(sent, piece)));
         sent += piece;
     }
@@ -229,105 +198,78 @@ TEST_F(Talk, OpenRelayBothWaysInCodecPacketsAndClose)
     EXPECT_EQ(GetServerConnectCount(server), 0);
 }
 
-TEST_F(Talk, APartialPacketWaitsForTheBytesThatCompleteIt)
-{
-    std::string sessionId = openTalk(2);
-    ASSERT_FALSE(sessionId.empty());
-    const std::string audio = clientAudioBytes(500);
-    AudioLink speak;
-    // 500 bytes in the same segment as the head: three packets now, 20 bytes held.
-    ASSERT_TRUE(speak.open(audioPort, linkRequest("PUT", 2, sessionId) + audio));
-    ASSERT_TRUE(sink.waitForClientAudio(480));
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    EXPECT_EQ(sink.clientAudio(), audio.substr(0, 480));
-    ASSERT_TRUE(speak.socket.send(clientAudioBytes(140, 500)));
-    ASSERT_TRUE(sink.waitForClientAudio(640));
-    EXPECT_EQ(sink.clientAudio(), audio + clientAudioBytes(140, 500));
-    EXPECT_EQ(sink.clientPacketSizes(), std::vector<int>(4, 160));
-}
-
 TEST_F(Talk, NarrowAndUnknownCodecsPacketiseByTheirOwnRule)
 {
-    sink.talkCodec = "G726-16";
-    std::string sessionId = openTalk(1);
-    ASSERT_FALSE(sessionId.empty());
-    AudioLink speak;
-    ASSERT_TRUE(speak.open(audioPort, linkRequest("PUT", 1, sessionId) + clientAudioBytes(250)));
-    ASSERT_TRUE(sink.waitForClientAudio(240));
-    EXPECT_EQ(sink.clientPacketSizes(), std::vector<int>(3, 80));
-    EXPECT_EQ(standardRequest("close", 1).status, 200);
-    ASSERT_TRUE(waitForTalks(0));
-
-    // An unknown codec is passed on as it arrives.
-    sink.talkCodec = "OPUS";
-    sessionId = openTalk(1);
-    ASSERT_FALSE(sessionId.empty());
-    AudioLink other;
-    ASSERT_TRUE(other.open(audioPort, linkRequest("PUT", 1, sessionId) + clientAudioBytes(37)));
-    ASSERT_TRUE(sink.waitForClientAudio(240 + 37));
-    EXPECT_EQ(sink.clientPacketSizes().back(), 37);
+    const struct {
+        const char* codec;
+        size_t bytes;
+        std::vector<int> packets;
+    } rows[] = {{"G726-16", 250, {80, 80, 80}}, {"OPUS", 37, {37}}};  // an unknown codec passes as it arrives
+    std::vector<int> expected;
+    for (int channel = 1; channel <= 2; ++channel) {
+        const auto& row = rows[channel - 1];
+        sink.talkCodec = row.codec;
+        std::string sessionId = openTalk(channel);
+        ASSERT_FALSE(sessionId.empty()) << row.codec;
+        AudioLink speak;
+        ASSERT_TRUE(speak.open(audioPort, link("PUT", channel, sessionId) + clientAudioBytes(row.bytes)));
+        expected.insert(expected.end(), row.packets.begin(), row.packets.end());
+        ASSERT_TRUE(sink.waitForClientAudio(channel == 1 ? 240 : 277)) << row.codec;
+        EXPECT_EQ(sink.clientPacketSizes(), expected) << row.codec;
+    }
 }
 
 TEST_F(Talk, RefusalsOnTheStandardPort)
 {
-    std::string sessionId = openTalk(1);
-    ASSERT_FALSE(sessionId.empty());
-    struct Case {
-        const char* what;
-        std::function<RawResponse()> request;
+    ASSERT_FALSE(openTalk(1).empty());
+    struct {
+        RawResponse response;
         int status;
         const char* subStatus;
-    } cases[] = {
-        {"second open of a channel", [&] { return standardRequest("open", 1); }, 403, "invalidOperation"},
-        {"close of a channel never opened", [&] { return standardRequest("close", 7); }, 400, "badParameters"},
-    };
-    for (const Case& c : cases) {
-        RawResponse response = c.request();
-        EXPECT_EQ(response.status, c.status) << c.what << "\n" << response.raw;
-        EXPECT_EQ(response.headers["content-type"], "application/xml") << c.what;
-        EXPECT_NE(response.body.find(std::string("<subStatusCode>") + c.subStatus + "</subStatusCode>"),
-                  std::string::npos)
-            << c.what << "\n"
-            << response.body;
+    } rows[] = {{standardRequest("open", 1), 403, "invalidOperation"},  // the channel's second open
+                {standardRequest("close", 7), 400, "badParameters"}};   // a channel never opened
+    for (auto& row : rows) {
+        EXPECT_EQ(row.response.status, row.status) << row.response.raw;
+        EXPECT_EQ(row.response.headers["content-type"], "application/xml");
+        EXPECT_NE(row.response.body.find(std::string("<subStatusCode>") + row.subStatus), std::string::npos)
+            << row.response.body;
     }
     // Without credentials: the standard challenge, and nothing reaches the gateway.
     size_t seenBefore = filter.seen().size();
     RawResponse challenged = standardRequest("open", 3, "");
     EXPECT_EQ(challenged.status, 401);
-    EXPECT_FALSE(challenged.headers["www-authenticate"].empty());
+    EXPECT_NE(challenged.headers["www-authenticate"], "");
     EXPECT_EQ(filter.seen().size(), seenBefore);
     EXPECT_TRUE(waitForTalks(1));
 }
 
 TEST_F(Talk, TheGatewaysRefusalDecidesTheAnswer)
 {
-    struct Case {
-        const char* what;
+    const int kAccepted = FakeFilterChain::kTalkAccepted;
+    const struct {
         int talkResult, talkStatus, describeResult, openResult, pushResult;
         int status;
         const char* subStatus;
-    } cases[] = {
-        // The XML document takes its group's status: 403, not the 401 of the JSON form.
-        {"credentials refused", 0x40000003, 401, 0, 0, 0, 403, "badAuthorization"},
-        {"refused otherwise", 0x30000014, 403, 0, 0, 0, 500, "internalError"},
-        {"device refuses the DESCRIBE", 0x1930844, 0, 0x30000014, 0, 0, 500, "internalError"},
-        {"OnOpen fails", 0x1930844, 0, 0, 0x1930811, 0, 500, "internalError"},
-        {"pushStream fails", 0x1930844, 0, 0, 0, 0x1930811, 500, "internalError"},
+    } rows[] = {
+        // Credentials refused: the XML document takes its group's status, 403, not the 401 of the JSON form.
+        {0x40000003, 401, 0, 0, 0, 403, "badAuthorization"},
+        {0x30000014, 403, 0, 0, 0, 500, "internalError"},        // refused otherwise
+        {kAccepted, 0, 0x30000014, 0, 0, 500, "internalError"},  // the device refuses the DESCRIBE
+        {kAccepted, 0, 0, 0x1930811, 0, 500, "internalError"},   // OnOpen fails
+        {kAccepted, 0, 0, 0, 0x1930811, 500, "internalError"},   // pushStream fails
     };
-    for (const Case& c : cases) {
-        filter.talkResult = c.talkResult;
-        filter.talkStatusOnRefusal = c.talkStatus;
-        filter.describeResult = c.describeResult;
-        sink.openResult = c.openResult;
-        sink.pushResult = c.pushResult;
+    for (const auto& row : rows) {
+        filter.talkResult = row.talkResult;
+        filter.statusOnRefusal = row.talkStatus;
+        filter.describeResult = row.describeResult;
+        sink.openResult = row.openResult;
+        sink.pushResult = row.pushResult;
         RawResponse response;
-        EXPECT_TRUE(openTalk(1, &response).empty()) << c.what;
-        EXPECT_EQ(response.status, c.status) << c.what << "\n" << response.raw;
-        EXPECT_NE(response.body.find(std::string("<subStatusCode>") + c.subStatus + "</subStatusCode>"),
-                  std::string::npos)
-            << c.what << "\n"
+        EXPECT_TRUE(openTalk(1, &response).empty()) << row.subStatus;
+        EXPECT_EQ(response.status, row.status) << response.raw;
+        EXPECT_NE(response.body.find(std::string("<subStatusCode>") + row.subStatus), std::string::npos)
             << response.body;
-        EXPECT_TRUE(waitForTalks(0)) << c.what << ": the refused talk left a stream open";
+        EXPECT_TRUE(waitForTalks(0)) << response.raw << ": the refused talk left a stream open";
     }
 }
 
@@ -335,52 +277,45 @@ TEST_F(Talk, RefusalsOnTheAudioChannel)
 {
     std::string sessionId = openTalk(1);
     ASSERT_FALSE(sessionId.empty());
-    struct Case {
-        const char* what;
+    const char kForbidden[] = "HTTP/1.1 403 403 Forbidden";
+    const char kUnauthorized[] = "HTTP/1.1 401 401 Unauthorized";
+    const struct {
         std::string request;
         const char* statusLine;
-        const char* subStatus;
-    } cases[] = {
-        {"wrong session id", linkRequest("GET", 1, sessionId + "9"), "HTTP/1.1 403 403 Forbidden", "invalidOperation"},
-        {"no talk on the channel", linkRequest("PUT", 2, sessionId), "HTTP/1.1 403 403 Forbidden", "invalidOperation"},
-        {"unknown URL", talkRequest("GET", "/QUMEX/Other", host(), digestHeader()), "HTTP/1.1 403 403 Forbidden",
-         "invalidOperation"},
-        {"DELETE", talkRequest("DELETE", audioTarget(1, sessionId), host(), digestHeader()),
-         "HTTP/1.1 403 403 Forbidden", "invalidOperation"},
-        {"no credentials", linkRequest("GET", 1, sessionId, ""), "HTTP/1.1 401 401 Unauthorized", "badAuthorization"},
+    } rows[] = {
+        {link("GET", 1, sessionId + "9"), kForbidden},  // a wrong session id
+        {link("PUT", 2, sessionId), kForbidden},        // no talk on the channel
+        {request("GET", "/QUMEX/Other"), kForbidden},
+        {link("DELETE", 1, sessionId), kForbidden},
+        {link("GET", 1, sessionId, ""), kUnauthorized},
         // The channel reads the head's fields only from a request that names its
         // length: audio clients send "Content-Length: 0".
-        {"no Content-Length",
-         "GET " + audioTarget(1, sessionId) + " HTTP/1.1\r\nHost: " + host() + "\r\n" + digestHeader() + "\r\n",
-         "HTTP/1.1 401 401 Unauthorized", "badAuthorization"},
+        {"GET " + audioTarget(1, sessionId) + " HTTP/1.1\r\nHost: x\r\n" + digestHeader() + "\r\n", kUnauthorized},
     };
-    for (const Case& c : cases) {
+    for (const auto& row : rows) {
         nettest::TestClient client;
-        ASSERT_TRUE(client.connectTo(audioPort));
-        ASSERT_TRUE(client.send(c.request));
+        ASSERT_TRUE(client.connectTo(audioPort) && client.send(row.request));
         std::string reply = client.receiveAll(5000);  // the channel closes after one request
-        EXPECT_EQ(reply.compare(0, strlen(c.statusLine), c.statusLine), 0) << c.what << "\n" << reply;
-        EXPECT_NE(reply.find(std::string("<subStatusCode>") + c.subStatus), std::string::npos) << c.what << "\n"
-                                                                                               << reply;
-        if (strcmp(c.subStatus, "badAuthorization") == 0) {
-            EXPECT_NE(reply.find("WWW-Authenticate: Digest qop=\"auth\", realm=\"test-realm\", nonce=\""),
-                      std::string::npos)
-                << reply;
-        } else {
-            EXPECT_NE(reply.find("<requestURL>"), std::string::npos) << reply;
-        }
+        EXPECT_EQ(reply.compare(0, strlen(row.statusLine), row.statusLine), 0) << row.request << "\n" << reply;
+        bool challenge = row.statusLine == kUnauthorized;
+        EXPECT_NE(reply.find(challenge ? "<subStatusCode>badAuthorization" : "<subStatusCode>invalidOperation"),
+                  std::string::npos)
+            << reply;
+        EXPECT_NE(reply.find(challenge ? "WWW-Authenticate: Digest qop=\"auth\", realm=\"test-realm\", nonce=\""
+                                       : "<requestURL>"),
+                  std::string::npos)
+            << reply;
     }
     // A request the channel's parser refuses: answered and dropped at once.
     nettest::TestClient garbage;
-    ASSERT_TRUE(garbage.connectTo(audioPort));
-    ASSERT_TRUE(garbage.send(std::string(3000, 'x')));
+    ASSERT_TRUE(garbage.connectTo(audioPort) && garbage.send(std::string(3000, 'x')));
     EXPECT_EQ(garbage.receiveAll(5000).compare(0, 24, "HTTP/1.1 400 Bad Request"), 0);
 
     // The talk itself is untouched, and an empty session id is let through:
     // clients that never learnt the id still reach their talk.
     EXPECT_TRUE(waitForTalks(1));
     AudioLink anyId;
-    EXPECT_TRUE(anyId.open(audioPort, linkRequest("GET", 1, "")));
+    EXPECT_TRUE(anyId.open(audioPort, link("GET", 1, "")));
     EXPECT_EQ(anyId.head, kGetHead);
 }
 
@@ -392,9 +327,9 @@ TEST_F(Talk, TheHundredFirstTalkIsRefusedWhileAHundredRun)
         std::string sessionId = openTalk(channel);
         ASSERT_FALSE(sessionId.empty()) << "channel " << channel;
         links.emplace_back(new AudioLink);
-        ASSERT_TRUE(links.back()->open(audioPort, linkRequest("GET", channel, sessionId)));
+        ASSERT_TRUE(links.back()->open(audioPort, link("GET", channel, sessionId)));
         links.emplace_back(new AudioLink);
-        ASSERT_TRUE(links.back()->open(audioPort, linkRequest("PUT", channel, sessionId) + clientAudioBytes(160)));
+        ASSERT_TRUE(links.back()->open(audioPort, link("PUT", channel, sessionId) + clientAudioBytes(160)));
     }
     RawResponse refused;
     EXPECT_TRUE(openTalk(101, &refused).empty());
@@ -416,13 +351,11 @@ TEST_F(Talk, AClientThatHangsUpItsPutLinkEndsTheTalk)
     std::string sessionId = openTalk(1);
     ASSERT_FALSE(sessionId.empty());
     AudioLink listen;
-    ASSERT_TRUE(listen.open(audioPort, linkRequest("GET", 1, sessionId)));
-    {
-        AudioLink speak;
-        ASSERT_TRUE(speak.open(audioPort, linkRequest("PUT", 1, sessionId) + clientAudioBytes(160)));
-        ASSERT_TRUE(sink.waitForClientAudio(160));
-        speak.socket.close(true);  // vanishes with a reset
-    }
+    ASSERT_TRUE(listen.open(audioPort, link("GET", 1, sessionId)));
+    AudioLink speak;
+    ASSERT_TRUE(speak.open(audioPort, link("PUT", 1, sessionId) + clientAudioBytes(160)));
+    ASSERT_TRUE(sink.waitForClientAudio(160));
+    speak.socket.close(true);  // vanishes with a reset
     EXPECT_TRUE(waitForTalks(0));
     EXPECT_TRUE(listen.socket.waitForClose(5000));
 }
@@ -433,15 +366,13 @@ TEST_F(Talk, AListenerThatHangsUpLeavesTheTalkToItsClose)
     sink.talkPacketIntervalMs = 2;
     std::string sessionId = openTalk(1);
     ASSERT_FALSE(sessionId.empty());
-    {
-        AudioLink listen;
-        ASSERT_TRUE(listen.open(audioPort, linkRequest("GET", 1, sessionId)));
-        listen.receive(1600);
-        listen.socket.close();
-    }
+    AudioLink listen;
+    ASSERT_TRUE(listen.open(audioPort, link("GET", 1, sessionId)));
+    EXPECT_EQ(listen.receive(1600).size(), 1600u);
+    listen.socket.close();
     // A new listener takes over the upload link.
     AudioLink again;
-    ASSERT_TRUE(again.open(audioPort, linkRequest("GET", 1, sessionId)));
+    ASSERT_TRUE(again.open(audioPort, link("GET", 1, sessionId)));
     EXPECT_EQ(again.receive(1600).size(), 1600u);
     EXPECT_TRUE(waitForTalks(1));
     EXPECT_EQ(standardRequest("close", 1).status, 200);
@@ -451,8 +382,7 @@ TEST_F(Talk, AListenerThatHangsUpLeavesTheTalkToItsClose)
 TEST_F(Talk, AnIdleTalkIsDestroyedByTheTimeOutPasses)
 {
     singleton<CHttpServerWrapper>::instance()->setTimeoutCheckSleeps(1);  // a pass every 100 ms
-    std::string sessionId = openTalk(1);
-    ASSERT_FALSE(sessionId.empty());
+    ASSERT_FALSE(openTalk(1).empty());
     // Neither the device nor a client sends anything: gone after seven passes.
     EXPECT_TRUE(waitForTalks(0, 5000));
     EXPECT_EQ(standardRequest("close", 1).status, 400);  // nothing left to close
@@ -468,9 +398,9 @@ TEST_F(Talk, TenSecondsOfAudioEachWayInRealTime)
     std::string sessionId = openTalk(1);
     ASSERT_FALSE(sessionId.empty());
     AudioLink listen;
-    ASSERT_TRUE(listen.open(audioPort, linkRequest("GET", 1, sessionId)));
+    ASSERT_TRUE(listen.open(audioPort, link("GET", 1, sessionId)));
     AudioLink speak;
-    ASSERT_TRUE(speak.open(audioPort, linkRequest("PUT", 1, sessionId)));
+    ASSERT_TRUE(speak.open(audioPort, link("PUT", 1, sessionId)));
 
     std::string heard;
     std::thread listener([&] { heard = listen.receive(kTenSeconds, 5000); });
@@ -478,8 +408,7 @@ TEST_F(Talk, TenSecondsOfAudioEachWayInRealTime)
     auto next = std::chrono::steady_clock::now();
     for (size_t offset = 0; offset < said.size(); offset += 160) {
         ASSERT_TRUE(speak.socket.send(said.substr(offset, 160)));
-        next += std::chrono::milliseconds(20);
-        std::this_thread::sleep_until(next);
+        std::this_thread::sleep_until(next += std::chrono::milliseconds(20));
     }
     listener.join();
     EXPECT_EQ(heard, deviceAudio(kTenSeconds));

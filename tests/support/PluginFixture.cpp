@@ -2,6 +2,7 @@
 
 #include <zrt/zrt.h>
 
+#include "ProcessResources.h"
 #include "frame/HttpServerWrapper.h"
 #include "session/HttpSessionMgr.h"
 
@@ -11,20 +12,13 @@ using HttpWrapper::singleton;
 
 const char PluginFixture::kDevIndex[] = "0f4c9a6e-3b2d-4e8f-9a1b-7c6d5e4f3a2b";
 
-int TestUtilitySink::GetConfigValue(const std::string& key, std::string& value)
+// A thread made and joined first: a sanitizer's runtime starts its own helper
+// thread with the process's first one, which is not the server's.
+PluginFixture::PluginFixture()
+    : m_warmUp([] {}),
+      m_descriptorsBefore((m_warmUp.join(), testsupport::openDescriptorCount())),
+      m_threadsBefore(testsupport::threadCount())
 {
-    auto found = config.find(key);
-    if (found == config.end()) {
-        return -1;
-    }
-    value = found->second;
-    return 0;
-}
-
-int TestUtilitySink::SetConfigValue(const std::string& key, const std::string& value)
-{
-    config[key] = value;
-    return 0;
 }
 
 void PluginFixture::SetUp()
@@ -51,6 +45,8 @@ void PluginFixture::TearDown()
     EXPECT_EQ(sink.openStreams(), 0) << "a gateway stream outlived its client";
     g_pHttpProtocolWrapperUtilitySink = nullptr;
     ZRT_FiniEx();
+    EXPECT_EQ(testsupport::openDescriptorCount(), m_descriptorsBefore) << "a socket outlived the server";
+    EXPECT_EQ(testsupport::threadCount(), m_threadsBefore) << "a thread outlived the server";
 }
 
 bool PluginFixture::waitIdle(int timeoutMs)
@@ -66,25 +62,40 @@ bool PluginFixture::waitIdle(int timeoutMs)
     return false;
 }
 
-std::string PluginFixture::digestHeader(const std::string& user, const std::string& uri)
+std::string PluginFixture::digestHeader()
 {
-    return "Authorization: Digest username=\"" + user + "\", realm=\"test-realm\", nonce=\"6e6f6e6365\", uri=\"" + uri +
-           "\", response=\"0123456789abcdef0123456789abcdef\", qop=auth, nc=00000001, cnonce=\"c\"\r\n";
+    return "Authorization: Digest username=\"admin\", realm=\"test-realm\", nonce=\"6e6f6e6365\", uri=\"/\", "
+           "response=\"0123456789abcdef0123456789abcdef\", qop=auth, nc=00000001, cnonce=\"c\"\r\n";
 }
 
-std::string PluginFixture::jsonDownloadTarget() const
+std::string PluginFixture::request(const std::string& method, const std::string& target, const std::string& body,
+                                   const std::string& headers) const
+{
+    return method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\n" + headers +
+           "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+RawResponse PluginFixture::exchange(const std::string& request, int timeoutMs)
+{
+    return RawHttpClient(port).exchange(request, timeoutMs);
+}
+
+std::string PluginFixture::jsonTarget()
 {
     return std::string("/QUMEX/ContentMgmt/download?format=json&devIndex=") + kDevIndex;
 }
 
-std::string PluginFixture::jsonDownloadBody(const std::string& query)
+std::string PluginFixture::jsonDownload(const std::string& query, const std::string& headers) const
 {
-    return "{\"downloadRequest\":{\"playbackURI\":\"rtsp://10.0.0.5:554/Streaming/playback?devIndex=" +
-           std::string(kDevIndex) + "&starttime=20260101T000000Z&endtime=20260101T010000Z" + query + "\"}}";
+    return request("POST", jsonTarget(),
+                   "{\"downloadRequest\":{\"playbackURI\":\"rtsp://10.0.0.5:554/Streaming/playback?devIndex=" +
+                       std::string(kDevIndex) + "&starttime=20260101T000000Z&endtime=20260101T010000Z" + query + "\"}}",
+                   digestHeader() + headers);
 }
 
-std::string PluginFixture::xmlDownloadBody(const std::string& uri)
+std::string PluginFixture::xmlDownload(const std::string& uri) const
 {
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><downloadRequest><playbackURI>" + uri +
-           "</playbackURI></downloadRequest>";
+    return request("GET", "/QUMEX/ContentMgmt/download",
+                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?><downloadRequest><playbackURI>" + uri +
+                       "</playbackURI></downloadRequest>");
 }

@@ -1,5 +1,6 @@
 // Starts the plug-in's server in-process, as CreateServer does, in front of the
-// fake gateway, on an ephemeral loopback port; stops it after the test.
+// fake gateway, on an ephemeral loopback port; stops it after the test and
+// checks that no stream, socket or thread outlived it.
 #ifndef TESTS_SUPPORT_PLUGINFIXTURE_H
 #define TESTS_SUPPORT_PLUGINFIXTURE_H
 
@@ -7,6 +8,7 @@
 
 #include <map>
 #include <string>
+#include <thread>
 
 #include <HttpProtocolWrapper.h>
 
@@ -16,8 +18,11 @@
 class TestUtilitySink : public IProtocolWrapperUtilitySink {
 public:
     const char* GetGatewayName() override { return "test-gateway"; }
-    int GetConfigValue(const std::string& key, std::string& value) override;
-    int SetConfigValue(const std::string& key, const std::string& value) override;
+    int GetConfigValue(const std::string& key, std::string& value) override
+    {
+        return config.count(key) != 0 ? (value = config[key], 0) : -1;
+    }
+    int SetConfigValue(const std::string& key, const std::string& value) override { return config[key] = value, 0; }
     int GetLogLevel() override { return 2; }
     void OutputLog(int, const char*, const char*) override {}
 
@@ -26,6 +31,7 @@ public:
 
 class PluginFixture : public ::testing::Test {
 protected:
+    PluginFixture();
     void SetUp() override;
     void TearDown() override;
 
@@ -33,18 +39,27 @@ protected:
     bool waitIdle(int timeoutMs = 10000);
 
     // Authorization header line with all four Digest fields the plug-in tests.
-    static std::string digestHeader(const std::string& user = "admin", const std::string& uri = "/");
+    static std::string digestHeader();
+    // A request as clients send it: Host with the port, Content-Length always.
+    std::string request(const std::string& method, const std::string& target, const std::string& body = "",
+                        const std::string& headers = digestHeader()) const;
+    RawResponse exchange(const std::string& request, int timeoutMs = 5000);
 
     static const char kDevIndex[];  // 36 characters
-    std::string jsonDownloadTarget() const;
-    static std::string jsonDownloadBody(const std::string& query);
-    static std::string xmlDownloadBody(const std::string& uri);
+    static std::string jsonTarget();
+    std::string jsonDownload(const std::string& query, const std::string& headers = "") const;
+    std::string xmlDownload(const std::string& uri) const;
 
     TestUtilitySink utilitySink;
     FakeFilterChain filter;
     FakeServerSink sink;
     PROTOCOL_WRAPPER::IServer* server = nullptr;
     int port = 0;
+
+private:
+    std::thread m_warmUp;
+    int m_descriptorsBefore;
+    int m_threadsBefore;
 };
 
 #endif  // TESTS_SUPPORT_PLUGINFIXTURE_H
