@@ -1,5 +1,5 @@
-// Requests that never reach the gateway's stream: the challenge, DELETE and
-// unknown URLs, and the ResponseStatus answers of the dispatch.
+// Requests that never reach the gateway: the challenge, DELETE, unknown URLs
+// and malformed downloads, and the ResponseStatus answers of the dispatch.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -28,59 +28,55 @@ TEST_F(Dispatch, RequestWithoutCredentialsGetsTheDigestChallenge)
     EXPECT_TRUE(waitIdle());
 }
 
-TEST_F(Dispatch, DeleteIsForbiddenAndUnknownUrlsAnswerInvalidOperation)
+// Whether a refusal is JSON or XML is part of the answer: each form's clients
+// have always seen the mix below.
+TEST_F(Dispatch, RefusalsBeforeTheGatewayAnswerInTheirOwnForm)
 {
     RawResponse deleted = exchange(request("DELETE", "/anything"));
     EXPECT_EQ(deleted.status, 403);
     EXPECT_EQ(deleted.headers["content-length"], "0");
     EXPECT_TRUE(deleted.complete && deleted.body.empty()) << deleted.raw;
 
-    const std::string otherPut = "/QUMEX/System/TwoWayAudio/channels/1/mute";
+    auto json = [](const char* subStatus) { return std::string("\"subStatusCode\":\"") + subStatus + "\""; };
+    auto xml = [](const char* subStatus) { return std::string("<subStatusCode>") + subStatus + "</subStatusCode>"; };
+    const std::string mute = "/QUMEX/System/TwoWayAudio/channels/1/mute";
+    const std::string download = "/QUMEX/ContentMgmt/download";
     const struct {
         const char* method;
-        std::string target;
-        int status;
-        const char* contentType;
-        std::string fragment;
-    } rows[] = {
-        {"GET", "/QUMEX/Other?x=1", 403, "application/json", "\"subStatusCode\":\"invalidOperation\""},
-        {"PUT", otherPut, 403, "application/xml",
-         "<requestURL>" + otherPut +
-             "</requestURL>\n<statusCode>4</statusCode>\n<statusString>Invalid Operation"
-             "</statusString>\n<subStatusCode>invalidOperation</subStatusCode>"},
-        // POST must name the JSON format; with it, only the download URL is known.
-        {"POST", "/QUMEX/ContentMgmt/download", 400, "application/json", "\"subStatusCode\":\"badURLFormat\""},
-        {"POST", "/QUMEX/Other?format=json", 403, "application/json", "\"subStatusCode\":\"invalidOperation\""},
-    };
-    for (const auto& row : rows) {
-        RawResponse response = exchange(request(row.method, row.target, "{}"));
-        EXPECT_EQ(response.status, row.status) << row.target;
-        EXPECT_EQ(response.headers["content-type"], row.contentType) << row.target;
-        EXPECT_NE(response.body.find(row.fragment), std::string::npos) << response.body;
-    }
-    EXPECT_TRUE(waitIdle());
-}
-
-TEST_F(Dispatch, MalformedJsonDownloadsAreRefusedWithoutOpeningAStream)
-{
-    const struct {
         std::string target, body;
-        const char* subStatus;
+        int status;
+        std::string fragment;  // XML when it starts with "<"
     } rows[] = {
-        {"/QUMEX/ContentMgmt/download?format=json&devIndex=short", "{}", "badURLFormat"},
-        {jsonTarget(), "", "badParameters"},
-        {jsonTarget(), "{not json", "badParameters"},
+        {"GET", "/QUMEX/Other?x=1", "", 403, json("invalidOperation")},
+        {"PUT", mute, "", 403,
+         "<requestURL>" + mute +
+             "</requestURL>\n<statusCode>4</statusCode>\n<statusString>Invalid Operation"
+             "</statusString>\n" +
+             xml("invalidOperation")},
+        // POST must name the JSON format; with it, only the download URL is known.
+        {"POST", download, "{}", 400, json("badURLFormat")},
+        {"POST", "/QUMEX/Other?format=json", "{}", 403, json("invalidOperation")},
+        {"POST", download + "?format=json&devIndex=short", "{}", 400, json("badURLFormat")},
+        {"POST", jsonTarget(), "", 400, json("badParameters")},
+        {"POST", jsonTarget(), "{not json", 400, json("badParameters")},
         // "playback" is rewritten, but without "starttime" the URI is refused.
-        {jsonTarget(),
+        {"POST", jsonTarget(),
          "{\"downloadRequest\":{\"playbackURI\":\"rtsp://a/playback?endtime=1&devIndex=" + std::string(kDevIndex) +
              "\"}}",
-         "badParameters"},
+         400, json("badParameters")},
+        // The XML form: a missing or unparsable body in JSON, the rest in XML.
+        {"GET", download, "", 400, json("badParameters")},
+        {"GET", download, "<a><b></a>", 400, json("badParameters")},
+        {"GET", download, "<downloadRequest/>", 400, xml("badParameters")},
+        {"GET", download, "<downloadRequest><playbackURI>http//nothing</playbackURI></downloadRequest>", 400,
+         xml("badParameters")},
     };
     for (const auto& row : rows) {
-        RawResponse response = exchange(request("POST", row.target, row.body));
-        EXPECT_EQ(response.status, 400) << row.body;
-        EXPECT_NE(response.body.find(std::string("\"subStatusCode\":\"") + row.subStatus + "\""), std::string::npos)
-            << response.body;
+        RawResponse response = exchange(request(row.method, row.target, row.body));
+        EXPECT_EQ(response.status, row.status) << row.target << " " << row.body;
+        EXPECT_EQ(response.headers["content-type"], row.fragment[0] == '<' ? "application/xml" : "application/json")
+            << row.target << " " << row.body;
+        EXPECT_NE(response.body.find(row.fragment), std::string::npos) << response.body;
     }
     EXPECT_TRUE(filter.seen().empty());
     EXPECT_EQ(sink.opened(), 0);

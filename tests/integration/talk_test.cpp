@@ -6,7 +6,6 @@
 
 #include <chrono>
 #include <cstring>
-#include <memory>
 #include <regex>
 #include <thread>
 
@@ -22,57 +21,11 @@ using HttpWrapper::singleton;
 
 namespace {
 
-std::string clientAudioBytes(size_t length, size_t offset = 0)
+// What a client says: a stretch of the recordings' pattern, not the device's.
+std::string spokenAudio(size_t length)
 {
-    std::string bytes(length, '\0');
-    for (size_t i = 0; i < length; ++i) {
-        bytes[i] = static_cast<char>(((offset + i) * 13 + 5) & 0xFF);
-    }
-    return bytes;
+    return FakeServerSink::recordingBytes(0, length);
 }
-
-std::string deviceAudio(size_t length)
-{
-    std::string bytes(length, '\0');
-    for (size_t i = 0; i < length; ++i) {
-        bytes[i] = FakeServerSink::deviceAudioByte(i);
-    }
-    return bytes;
-}
-
-// One link of the raw audio channel: the request, then the reply head, then audio.
-struct AudioLink {
-    nettest::TestClient socket;
-    std::string head;
-    std::string early;  // audio that came in the same read as the head
-
-    bool open(int audioPort, const std::string& request)
-    {
-        if (!socket.connectTo(audioPort) || !socket.send(request)) {
-            return false;
-        }
-        std::string received;
-        while (received.find("\r\n\r\n") == std::string::npos) {
-            std::string piece = socket.receiveSome(4096, 5000);
-            if (piece.empty()) {
-                head = received;
-                return false;
-            }
-            received += piece;
-        }
-        size_t end = received.find("\r\n\r\n") + 4;
-        head = received.substr(0, end);
-        early = received.substr(end);
-        return true;
-    }
-
-    std::string receive(size_t bytes, int timeoutMs = 5000)
-    {
-        std::string data = early.substr(0, bytes);
-        early.erase(0, data.size());
-        return data + socket.receiveAll(timeoutMs, bytes - data.size());
-    }
-};
 
 const char kGetHead[] = "HTTP/1.1 200 OK\r\nContent-Type: application/binary\r\n\r\n";
 const char kPutHead[] = "HTTP/1.1 200 OK\r\n\r\n";
@@ -116,6 +69,14 @@ protected:
         return "/QUMEX/System/TwoWayAudio/channels/" + std::to_string(channel) + "/audioData?sessionId=" + sessionId;
     }
 
+    // Opens a link of the raw audio channel and returns its reply head (read as
+    // long as the head of a link of its method).
+    std::string openLink(nettest::TestClient& socket, const std::string& request)
+    {
+        EXPECT_TRUE(socket.connectTo(audioPort) && socket.send(request));
+        return socket.receiveAll(5000, strlen(request[0] == 'G' ? kGetHead : kPutHead));
+    }
+
     // A link's request: audio clients send "Content-Length: 0".
     std::string link(const std::string& method, int channel, const std::string& sessionId,
                      const std::string& credentials = digestHeader())
@@ -123,17 +84,12 @@ protected:
         return request(method, audioTarget(channel, sessionId), "", credentials);
     }
 
-    bool waitForTalks(unsigned int count, int timeoutMs = 5000)
+    bool waitForTalks(unsigned int count)
     {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        while (singleton<CAudioTalkSessionMgr>::instance()->getTalkSessionCount() != count ||
-               sink.talkStreamsOpen() != static_cast<int>(count)) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        }
-        return true;
+        return eventually([&] {
+            return singleton<CAudioTalkSessionMgr>::instance()->getTalkSessionCount() == count &&
+                   sink.talkStreamsOpen() == static_cast<int>(count);
+        });
     }
 
     int audioPort = 0;
@@ -167,22 +123,20 @@ TEST_F(Talk, OpenRelayBothWaysInCodecPacketsAndClose)
     EXPECT_FALSE(seen[1].needAuth);
 
     // Device audio reaches the GET link byte-exact and in order.
-    AudioLink listen;
-    ASSERT_TRUE(listen.open(audioPort, link("GET", 1, sessionId))) << listen.head;
-    EXPECT_EQ(listen.head, kGetHead);
-    EXPECT_EQ(listen.receive(sink.talkAudioBytes), deviceAudio(sink.talkAudioBytes));
+    nettest::TestClient listen;
+    ASSERT_EQ(openLink(listen, link("GET", 1, sessionId)), kGetHead);
+    EXPECT_EQ(listen.receiveAll(5000, sink.talkAudioBytes), FakeServerSink::deviceAudio(sink.talkAudioBytes));
 
     // Client audio reaches the gateway in whole 160-byte packets, whatever the
     // segments: two packets ride with the request head, and each partial packet
     // waits for the bytes that complete it.
-    const std::string audio = clientAudioBytes(960);
-    AudioLink speak;
-    ASSERT_TRUE(speak.open(audioPort, link("PUT", 1, sessionId) + audio.substr(0, 330))) << speak.head;
-    EXPECT_EQ(speak.head, kPutHead);
+    const std::string audio = spokenAudio(960);
+    nettest::TestClient speak;
+    ASSERT_EQ(openLink(speak, link("PUT", 1, sessionId) + audio.substr(0, 330)), kPutHead);
     size_t sent = 330;
     for (size_t piece : {150, 161, 319}) {
         ASSERT_TRUE(sink.waitForClientAudio(sent / 160 * 160));  // the segment before is taken
-        ASSERT_TRUE(speak.socket.send(audio.substr(sent, piece)));
+        ASSERT_TRUE(speak.send(audio.substr(sent, piece)));
         sent += piece;
     }
     ASSERT_TRUE(sink.waitForClientAudio(audio.size()));
@@ -192,8 +146,8 @@ TEST_F(Talk, OpenRelayBothWaysInCodecPacketsAndClose)
     RawResponse closed = standardRequest("close", 1);
     EXPECT_EQ(closed.status, 200) << closed.raw;
     EXPECT_NE(closed.body.find("<subStatusCode>ok</subStatusCode>"), std::string::npos) << closed.body;
-    EXPECT_TRUE(listen.socket.waitForClose(5000));
-    EXPECT_TRUE(speak.socket.waitForClose(5000));
+    EXPECT_TRUE(listen.waitForClose(5000));
+    EXPECT_TRUE(speak.waitForClose(5000));
     EXPECT_TRUE(waitForTalks(0));
     EXPECT_EQ(GetServerConnectCount(server), 0);
 }
@@ -211,8 +165,8 @@ TEST_F(Talk, NarrowAndUnknownCodecsPacketiseByTheirOwnRule)
         sink.talkCodec = row.codec;
         std::string sessionId = openTalk(channel);
         ASSERT_FALSE(sessionId.empty()) << row.codec;
-        AudioLink speak;
-        ASSERT_TRUE(speak.open(audioPort, link("PUT", channel, sessionId) + clientAudioBytes(row.bytes)));
+        nettest::TestClient speak;
+        ASSERT_EQ(openLink(speak, link("PUT", channel, sessionId) + spokenAudio(row.bytes)), kPutHead);
         expected.insert(expected.end(), row.packets.begin(), row.packets.end());
         ASSERT_TRUE(sink.waitForClientAudio(channel == 1 ? 240 : 277)) << row.codec;
         EXPECT_EQ(sink.clientPacketSizes(), expected) << row.codec;
@@ -314,22 +268,19 @@ TEST_F(Talk, RefusalsOnTheAudioChannel)
     // The talk itself is untouched, and an empty session id is let through:
     // clients that never learnt the id still reach their talk.
     EXPECT_TRUE(waitForTalks(1));
-    AudioLink anyId;
-    EXPECT_TRUE(anyId.open(audioPort, link("GET", 1, "")));
-    EXPECT_EQ(anyId.head, kGetHead);
+    nettest::TestClient anyId;
+    EXPECT_EQ(openLink(anyId, link("GET", 1, "")), kGetHead);
 }
 
 TEST_F(Talk, TheHundredFirstTalkIsRefusedWhileAHundredRun)
 {
     sink.talkAudioBytes = 320;
-    std::vector<std::unique_ptr<AudioLink>> links;
+    std::vector<nettest::TestClient> links(200);  // a GET and a PUT link per talk
     for (int channel = 1; channel <= 100; ++channel) {
         std::string sessionId = openTalk(channel);
         ASSERT_FALSE(sessionId.empty()) << "channel " << channel;
-        links.emplace_back(new AudioLink);
-        ASSERT_TRUE(links.back()->open(audioPort, link("GET", channel, sessionId)));
-        links.emplace_back(new AudioLink);
-        ASSERT_TRUE(links.back()->open(audioPort, link("PUT", channel, sessionId) + clientAudioBytes(160)));
+        ASSERT_EQ(openLink(links[2 * channel - 2], link("GET", channel, sessionId)), kGetHead);
+        ASSERT_EQ(openLink(links[2 * channel - 1], link("PUT", channel, sessionId) + spokenAudio(160)), kPutHead);
     }
     RawResponse refused;
     EXPECT_TRUE(openTalk(101, &refused).empty());
@@ -337,7 +288,7 @@ TEST_F(Talk, TheHundredFirstTalkIsRefusedWhileAHundredRun)
         << refused.raw;
     EXPECT_EQ(GetServerConnectCount(server), 100);
     for (size_t i = 0; i < links.size(); i += 2) {
-        EXPECT_EQ(links[i]->receive(320), deviceAudio(320)) << "talk " << i / 2 + 1;
+        EXPECT_EQ(links[i].receiveAll(5000, 320), FakeServerSink::deviceAudio(320)) << "talk " << i / 2 + 1;
     }
     ASSERT_TRUE(sink.waitForClientAudio(100 * 160));
     for (int channel = 1; channel <= 100; ++channel) {
@@ -350,14 +301,13 @@ TEST_F(Talk, AClientThatHangsUpItsPutLinkEndsTheTalk)
 {
     std::string sessionId = openTalk(1);
     ASSERT_FALSE(sessionId.empty());
-    AudioLink listen;
-    ASSERT_TRUE(listen.open(audioPort, link("GET", 1, sessionId)));
-    AudioLink speak;
-    ASSERT_TRUE(speak.open(audioPort, link("PUT", 1, sessionId) + clientAudioBytes(160)));
+    nettest::TestClient listen, speak;
+    ASSERT_EQ(openLink(listen, link("GET", 1, sessionId)), kGetHead);
+    ASSERT_EQ(openLink(speak, link("PUT", 1, sessionId) + spokenAudio(160)), kPutHead);
     ASSERT_TRUE(sink.waitForClientAudio(160));
-    speak.socket.close(true);  // vanishes with a reset
+    speak.close(true);  // vanishes with a reset
     EXPECT_TRUE(waitForTalks(0));
-    EXPECT_TRUE(listen.socket.waitForClose(5000));
+    EXPECT_TRUE(listen.waitForClose(5000));
 }
 
 TEST_F(Talk, AListenerThatHangsUpLeavesTheTalkToItsClose)
@@ -366,14 +316,13 @@ TEST_F(Talk, AListenerThatHangsUpLeavesTheTalkToItsClose)
     sink.talkPacketIntervalMs = 2;
     std::string sessionId = openTalk(1);
     ASSERT_FALSE(sessionId.empty());
-    AudioLink listen;
-    ASSERT_TRUE(listen.open(audioPort, link("GET", 1, sessionId)));
-    EXPECT_EQ(listen.receive(1600).size(), 1600u);
-    listen.socket.close();
+    nettest::TestClient listen, again;
+    ASSERT_EQ(openLink(listen, link("GET", 1, sessionId)), kGetHead);
+    EXPECT_EQ(listen.receiveAll(5000, 1600).size(), 1600u);
+    listen.close();
     // A new listener takes over the upload link.
-    AudioLink again;
-    ASSERT_TRUE(again.open(audioPort, link("GET", 1, sessionId)));
-    EXPECT_EQ(again.receive(1600).size(), 1600u);
+    ASSERT_EQ(openLink(again, link("GET", 1, sessionId)), kGetHead);
+    EXPECT_EQ(again.receiveAll(5000, 1600).size(), 1600u);
     EXPECT_TRUE(waitForTalks(1));
     EXPECT_EQ(standardRequest("close", 1).status, 200);
     EXPECT_TRUE(waitForTalks(0));
@@ -384,7 +333,7 @@ TEST_F(Talk, AnIdleTalkIsDestroyedByTheTimeOutPasses)
     singleton<CHttpServerWrapper>::instance()->setTimeoutCheckSleeps(1);  // a pass every 100 ms
     ASSERT_FALSE(openTalk(1).empty());
     // Neither the device nor a client sends anything: gone after seven passes.
-    EXPECT_TRUE(waitForTalks(0, 5000));
+    EXPECT_TRUE(waitForTalks(0));
     EXPECT_EQ(standardRequest("close", 1).status, 400);  // nothing left to close
 }
 
@@ -397,23 +346,22 @@ TEST_F(Talk, TenSecondsOfAudioEachWayInRealTime)
     sink.talkPacketIntervalMs = 20;
     std::string sessionId = openTalk(1);
     ASSERT_FALSE(sessionId.empty());
-    AudioLink listen;
-    ASSERT_TRUE(listen.open(audioPort, link("GET", 1, sessionId)));
-    AudioLink speak;
-    ASSERT_TRUE(speak.open(audioPort, link("PUT", 1, sessionId)));
+    nettest::TestClient listen, speak;
+    ASSERT_EQ(openLink(listen, link("GET", 1, sessionId)), kGetHead);
+    ASSERT_EQ(openLink(speak, link("PUT", 1, sessionId)), kPutHead);
 
     std::string heard;
-    std::thread listener([&] { heard = listen.receive(kTenSeconds, 5000); });
-    const std::string said = clientAudioBytes(kTenSeconds);
+    std::thread listener([&] { heard = listen.receiveAll(5000, kTenSeconds); });
+    const std::string spoken = spokenAudio(kTenSeconds);
     auto next = std::chrono::steady_clock::now();
-    for (size_t offset = 0; offset < said.size(); offset += 160) {
-        ASSERT_TRUE(speak.socket.send(said.substr(offset, 160)));
+    for (size_t offset = 0; offset < spoken.size(); offset += 160) {
+        ASSERT_TRUE(speak.send(spoken.substr(offset, 160)));
         std::this_thread::sleep_until(next += std::chrono::milliseconds(20));
     }
     listener.join();
-    EXPECT_EQ(heard, deviceAudio(kTenSeconds));
+    EXPECT_EQ(heard, FakeServerSink::deviceAudio(kTenSeconds));
     ASSERT_TRUE(sink.waitForClientAudio(kTenSeconds));
-    EXPECT_EQ(sink.clientAudio(), said);
+    EXPECT_EQ(sink.clientAudio(), spoken);
     EXPECT_EQ(sink.clientPacketSizes(), std::vector<int>(500, 160));
     EXPECT_EQ(standardRequest("close", 1).status, 200);
     EXPECT_TRUE(waitForTalks(0));

@@ -6,6 +6,18 @@
 #include <algorithm>
 #include <chrono>
 
+bool eventually(const std::function<bool()>& condition, int timeoutMs)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
 int FakeFilterChain::Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
                              PROTOCOL_FILTER::IConnectContext* context)
 {
@@ -92,22 +104,16 @@ int FakeServerSink::OnStart(void* sessionHandle, int)
 
 void FakeServerSink::speak(Stream* stream)
 {
-    std::string packet(160, '\0');
+    std::string packet;
     auto next = std::chrono::steady_clock::now();
-    for (size_t offset = 0; offset < talkAudioBytes && !stream->stop; offset += packet.size()) {
-        size_t piece = std::min(packet.size(), talkAudioBytes - offset);
-        for (size_t i = 0; i < piece; ++i) {
-            packet[i] = deviceAudioByte(offset + i);
-        }
-        while (m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &packet[0], static_cast<int>(piece)) !=
-                   0 &&
+    for (size_t offset = 0; offset < talkAudioBytes && !stream->stop; offset += 160) {
+        packet.assign(deviceAudio(std::min<size_t>(160, talkAudioBytes - offset), offset));
+        while (m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &packet[0],
+                              static_cast<int>(packet.size())) != 0 &&
                !stream->stop) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        next += std::chrono::milliseconds(talkPacketIntervalMs);
-        while (!stream->stop && std::chrono::steady_clock::now() < next) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
+        std::this_thread::sleep_until(next += std::chrono::milliseconds(talkPacketIntervalMs));
     }
 }
 
@@ -131,18 +137,6 @@ std::vector<int> FakeServerSink::clientPacketSizes()
 {
     std::lock_guard<std::mutex> guard(m_inputLock);
     return m_clientPackets;
-}
-
-bool FakeServerSink::waitForClientAudio(size_t bytes, int timeoutMs)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (clientAudio().size() < bytes) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
 }
 
 void FakeServerSink::deliver(Stream* stream)
@@ -182,7 +176,6 @@ int FakeServerSink::OnClose(void* sessionHandle)
     }
     m_talksOpen -= stream->talk ? 1 : 0;
     delete stream;
-    ++m_closed;
     --m_open;
     return 0;
 }

@@ -7,6 +7,7 @@
 #define TESTS_SUPPORT_FAKEGATEWAY_H
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -14,6 +15,9 @@
 
 #include <ProtocolFilter.h>
 #include <ProtocolWrapper.h>
+
+// Polls the condition until it holds (true) or timeoutMs pass (false).
+bool eventually(const std::function<bool()>& condition, int timeoutMs = 10000);
 
 // The RTSP request as the filter chain saw it.
 struct SeenRequest {
@@ -62,7 +66,6 @@ public:
 
     int openStreams() const { return m_open; }
     int opened() const { return m_opened; }
-    int closed() const { return m_closed; }
 
     static std::string recordingBytes(unsigned long long offset, size_t length);
     unsigned long long recordingSize = 0;
@@ -73,19 +76,25 @@ public:
     std::atomic<bool> silent{false};  // accepts the stream, then sends nothing at all
 
     // A talk stream first gets the stream header naming talkCodec, then
-    // talkAudioBytes of device audio (deviceAudioByte) in 160-byte packets, one
-    // every talkPacketIntervalMs, from one reused buffer, as a real gateway's.
+    // talkAudioBytes of deviceAudio in 160-byte packets, one every
+    // talkPacketIntervalMs, from one reused buffer, as a real gateway's.
     // Each packet is held until the talk takes it (a client listens), so that a
     // test can check the audio byte-exact; a live device would drop it.
     std::string talkCodec = "PCMU";
     size_t talkAudioBytes = 0;
     int talkPacketIntervalMs = 0;
-    static char deviceAudioByte(size_t offset) { return static_cast<char>((offset * 7 + (offset >> 8)) & 0xFF); }
+    static std::string deviceAudio(size_t length, size_t offset = 0)
+    {
+        return recordingBytes((1ull << 40) + offset, length);
+    }
 
     // What the talks' clients said, as handed to OnInputData, all talks together.
     std::string clientAudio();
     std::vector<int> clientPacketSizes();
-    bool waitForClientAudio(size_t bytes, int timeoutMs = 10000);
+    bool waitForClientAudio(size_t bytes)
+    {
+        return eventually([&] { return clientAudio().size() >= bytes; });
+    }
     int talkStreamsOpen() const { return m_talksOpen; }
 
 private:
@@ -94,7 +103,7 @@ private:
     void speak(Stream* stream);
 
     PROTOCOL_WRAPPER::IServer* m_server = nullptr;
-    std::atomic<int> m_open{0}, m_opened{0}, m_closed{0}, m_talksOpen{0};
+    std::atomic<int> m_open{0}, m_opened{0}, m_talksOpen{0};
     std::mutex m_inputLock;
     std::string m_clientAudio;
     std::vector<int> m_clientPackets;

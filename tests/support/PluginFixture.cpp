@@ -49,17 +49,12 @@ void PluginFixture::TearDown()
     EXPECT_EQ(testsupport::threadCount(), m_threadsBefore) << "a thread outlived the server";
 }
 
-bool PluginFixture::waitIdle(int timeoutMs)
+bool PluginFixture::waitIdle()
 {
     CHttpSessionMgr* sessions = singleton<CHttpSessionMgr>::instance();
-    ZRT_UINT64 deadline = ZRT_GetTimeTick64() + static_cast<ZRT_UINT64>(timeoutMs);
-    while (ZRT_GetTimeTick64() < deadline) {
-        if (sessions->getHttpSessionCount() == 0 && sessions->getDownloadNum() == 0 && sink.openStreams() == 0) {
-            return true;
-        }
-        ZRT_Sleep(10);
-    }
-    return false;
+    return eventually([&] {
+        return sessions->getHttpSessionCount() == 0 && sessions->getDownloadNum() == 0 && sink.openStreams() == 0;
+    });
 }
 
 std::string PluginFixture::digestHeader()

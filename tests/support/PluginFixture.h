@@ -36,7 +36,7 @@ protected:
     void TearDown() override;
 
     // Waits until every session is gone and the download count is back to 0.
-    bool waitIdle(int timeoutMs = 10000);
+    bool waitIdle();
 
     // Authorization header line with all four Digest fields the plug-in tests.
     static std::string digestHeader();
