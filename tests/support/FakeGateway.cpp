@@ -43,8 +43,7 @@ int FakeFilterChain::Request(PROTOCOL_FILTER::IProtocolRequest* request, int fla
         context->SetStatusCode(statusOnRefusal);
     } else if (answer == 0) {
         context->SetFilterURL("fake://filter");
-        context->SetMediaURL(describe == std::string::npos ? "fake://media"
-                                                           : ("fake://talk/" + seen.url.substr(describe + 10)).c_str());
+        context->SetMediaURL(describe == std::string::npos ? "fake://media" : "fake://talk");
     }
     return answer;
 }
@@ -79,7 +78,7 @@ int FakeServerSink::OnOpen(const char*, const char* mediaUrl, PROTOCOL_WRAPPER::
     }
     Stream* stream = new Stream;
     stream->data = data;
-    stream->talk = mediaUrl != nullptr && strncmp(mediaUrl, "fake://talk/", 12) == 0;
+    stream->talk = mediaUrl != nullptr && strcmp(mediaUrl, "fake://talk") == 0;
     *sessionHandle = stream;
     ++m_open;
     ++m_opened;

@@ -37,8 +37,8 @@ public:
     std::vector<SeenRequest> seen();
 
     // What a download request is answered; a talk request (".../TwoWayAudio/...")
-    // is answered talkResult, a talk's DESCRIBE ("/dac/talk/<rest>", media URL
-    // "fake://talk/<rest>") describeResult. A refusal sets statusOnRefusal.
+    // is answered talkResult, a talk's DESCRIBE (".../dac/talk/...", media URL
+    // "fake://talk") describeResult. A refusal sets statusOnRefusal.
     std::atomic<int> result{0};
     std::atomic<int> talkResult{kTalkAccepted};
     std::atomic<int> describeResult{0};

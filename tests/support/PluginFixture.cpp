@@ -57,29 +57,6 @@ bool PluginFixture::waitIdle()
     });
 }
 
-std::string PluginFixture::digestHeader()
-{
-    return "Authorization: Digest username=\"admin\", realm=\"test-realm\", nonce=\"6e6f6e6365\", uri=\"/\", "
-           "response=\"0123456789abcdef0123456789abcdef\", qop=auth, nc=00000001, cnonce=\"c\"\r\n";
-}
-
-std::string PluginFixture::request(const std::string& method, const std::string& target, const std::string& body,
-                                   const std::string& headers) const
-{
-    return method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\n" + headers +
-           "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-RawResponse PluginFixture::exchange(const std::string& request, int timeoutMs)
-{
-    return RawHttpClient(port).exchange(request, timeoutMs);
-}
-
-std::string PluginFixture::jsonTarget()
-{
-    return std::string("/QUMEX/ContentMgmt/download?format=json&devIndex=") + kDevIndex;
-}
-
 std::string PluginFixture::jsonDownload(const std::string& query, const std::string& headers) const
 {
     return request("POST", jsonTarget(),

@@ -39,14 +39,28 @@ protected:
     bool waitIdle();
 
     // Authorization header line with all four Digest fields the plug-in tests.
-    static std::string digestHeader();
+    static std::string digestHeader()
+    {
+        return "Authorization: Digest username=\"admin\", realm=\"test-realm\", nonce=\"6e6f6e6365\", uri=\"/\", "
+               "response=\"0123456789abcdef0123456789abcdef\", qop=auth, nc=00000001, cnonce=\"c\"\r\n";
+    }
     // A request as clients send it: Host with the port, Content-Length always.
     std::string request(const std::string& method, const std::string& target, const std::string& body = "",
-                        const std::string& headers = digestHeader()) const;
-    RawResponse exchange(const std::string& request, int timeoutMs = 5000);
+                        const std::string& headers = digestHeader()) const
+    {
+        return method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\n" + headers +
+               "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+    }
+    RawResponse exchange(const std::string& request, int timeoutMs = 5000)
+    {
+        return RawHttpClient(port).exchange(request, timeoutMs);
+    }
 
     static const char kDevIndex[];  // 36 characters
-    static std::string jsonTarget();
+    static std::string jsonTarget()
+    {
+        return std::string("/QUMEX/ContentMgmt/download?format=json&devIndex=") + kDevIndex;
+    }
     std::string jsonDownload(const std::string& query, const std::string& headers = "") const;
     std::string xmlDownload(const std::string& uri) const;
 

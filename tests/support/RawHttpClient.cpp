@@ -5,70 +5,37 @@
 #include <algorithm>
 #include <cctype>
 
-namespace {
-
-RawResponse parse(const std::string& raw, bool complete)
+std::string RawResponse::header(const std::string& name) const
 {
-    RawResponse response;
-    response.raw = raw;
-    response.complete = complete;
-    size_t headEnd = raw.find("\r\n\r\n");
-    if (headEnd == std::string::npos) {
-        return response;
+    std::string head = raw.substr(0, raw.find("\r\n\r\n") + 2);
+    std::transform(head.begin(), head.end(), head.begin(), [](unsigned char c) { return std::tolower(c); });
+    size_t start = head.find("\r\n" + name + ":");
+    if (start == std::string::npos) {
+        return "";
     }
-    size_t lineEnd = raw.find("\r\n");
-    response.statusLine = raw.substr(0, lineEnd);
-    response.status = response.statusLine.size() > 9 ? atoi(response.statusLine.c_str() + 9) : 0;
-    for (size_t position = lineEnd + 2, end; position < headEnd; position = end + 2) {
-        end = raw.find("\r\n", position);
-        std::string line = raw.substr(position, end - position);
-        size_t colon = line.find(':');
-        if (colon != std::string::npos) {
-            std::string name = line.substr(0, colon);
-            std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
-            size_t valueStart = line.find_first_not_of(' ', colon + 1);
-            response.headers[name] = valueStart == std::string::npos ? "" : line.substr(valueStart);
-        }
-    }
-    response.body = raw.substr(headEnd + 4);
-    return response;
+    start = raw.find_first_not_of(' ', start + name.size() + 3);
+    return raw.substr(start, raw.find("\r\n", start) - start);
 }
-
-// A chunked body ends with its terminator; the server then waits for the
-// client to close, so the reader must not wait for the server.
-bool chunkedBodyEnded(const RawResponse& response)
-{
-    if (response.headers.count("transfer-encoding") == 0) {
-        return false;
-    }
-    const std::string& body = response.body;
-    for (size_t position = 0;;) {
-        size_t lineEnd = body.find("\r\n", position);
-        if (lineEnd == std::string::npos) {
-            return false;
-        }
-        unsigned long size = strtoul(body.c_str() + position, nullptr, 16);
-        position = lineEnd + 2 + size + 2;
-        if (size == 0) {
-            return position == body.size();
-        }
-    }
-}
-
-}  // namespace
 
 RawResponse RawHttpClient::exchange(const std::string& request, int timeoutMs)
 {
+    RawResponse response;
     if (!start(request)) {
-        return RawResponse();
+        return response;
     }
-    std::string raw;
-    for (std::string piece; !(piece = receiveSome(65536, timeoutMs)).empty();) {
-        raw += piece;
-        RawResponse response = parse(raw, true);
-        if (chunkedBodyEnded(response)) {
-            return response;
-        }
+    // A chunked body ends with its terminator; the server then waits for the
+    // client to close, so the reader must not wait for the server.
+    for (std::string piece; !response.complete && !(piece = receiveSome(65536, timeoutMs)).empty();) {
+        response.raw += piece;
+        response.complete = response.raw.size() > 7 &&
+                            response.raw.compare(response.raw.size() - 7, 7, "\r\n0\r\n\r\n") == 0 &&
+                            response.header("transfer-encoding") == "chunked";
     }
-    return parse(raw, waitForClose(0));  // closed, or silent for timeoutMs
+    response.complete = response.complete || waitForClose(0);  // closed, or silent for timeoutMs
+    size_t headEnd = response.raw.find("\r\n\r\n");
+    if (headEnd != std::string::npos) {
+        response.status = atoi(response.raw.c_str() + 9);
+        response.body = response.raw.substr(headEnd + 4);
+    }
+    return response;
 }

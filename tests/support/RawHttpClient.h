@@ -3,7 +3,6 @@
 #ifndef TESTS_SUPPORT_RAWHTTPCLIENT_H
 #define TESTS_SUPPORT_RAWHTTPCLIENT_H
 
-#include <map>
 #include <string>
 
 #include "TestClient.h"
@@ -12,9 +11,10 @@ struct RawResponse {
     bool complete = false;  // the server closed, or a chunked body ended
     std::string raw;        // every byte received
     int status = 0;
-    std::string statusLine;
-    std::map<std::string, std::string> headers;  // names in lower case
-    std::string body;                            // as sent (chunked bodies still framed)
+    std::string body;  // as sent (chunked bodies still framed)
+
+    // The value of a header of the head (name in lower case), "" when absent.
+    std::string header(const std::string& name) const;
 };
 
 class RawHttpClient : public nettest::TestClient {

@@ -1,6 +1,5 @@
 // The step that joins an HTTP request to the gateway (RTSP conversion, filter
 // chain, sink), the status mapping and the XML error reply of the session base.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string.h>
@@ -18,23 +17,6 @@ using ::testing::Return;
 using ::testing::SetArgPointee;
 
 namespace {
-
-class MockFilter : public PROTOCOL_FILTER::IProtocolFilter {
-public:
-    MOCK_METHOD(int, Request, (PROTOCOL_FILTER::IProtocolRequest*, int, PROTOCOL_FILTER::IConnectContext*), (override));
-    MOCK_METHOD(int, Response, (PROTOCOL_FILTER::IProtocolResponse*, int, PROTOCOL_FILTER::IConnectContext*),
-                (override));
-};
-
-class MockSink : public PROTOCOL_WRAPPER::IServerSink {
-public:
-    MOCK_METHOD(int, OnOpen, (const char*, const char*, PROTOCOL_WRAPPER::IServerData*, void**), (override));
-    MOCK_METHOD(int, OnClose, (void*), (override));
-    MOCK_METHOD(int, pushStream, (void*), (override));
-    MOCK_METHOD(int, OnStart, (void*, int), (override));
-    MOCK_METHOD(int, OnStop, (void*, int), (override));
-    MOCK_METHOD(int, OnInputData, (void*, int, int, void*, int), (override));
-};
 
 void* const kStream = reinterpret_cast<void*>(0x5EED);
 

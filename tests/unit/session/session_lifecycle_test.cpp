@@ -68,35 +68,25 @@ TEST_F(SessionLifecycle, RequestsOutOfOrderOrOfUnknownMethodsAreRefused)
 
 TEST_F(SessionLifecycle, FiniClosesTheGatewayStreamOnceAndReleasesTheHandle)
 {
-    struct CountingSink : public PROTOCOL_WRAPPER::IServerSink {
-        int OnOpen(const char*, const char*, PROTOCOL_WRAPPER::IServerData*, void**) override { return 0; }
-        int OnClose(void*) override { return ++closes, 0; }
-        int pushStream(void*) override { return 0; }
-        int OnStart(void*, int) override { return 0; }
-        int OnStop(void*, int) override
-        {
-            // The gateway's delivery thread, still sending while OnStop waits
-            // for it, must find the session closing and not write any more.
-            std::string block = "late block";
-            lateSend = session->send(0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], static_cast<int>(block.size()));
-            return ++stops, 0;
-        }
-        int OnInputData(void*, int, int, void*, int) override { return 0; }
-        TestSession* session = nullptr;
-        int stops = 0, closes = 0, lateSend = -1;
-    } sink;
+    MockSink sink;
     TestSession session(nullptr, &sink);
-    sink.session = &session;
+    // The gateway's delivery thread, still sending while OnStop waits for it,
+    // must find the session closing and not write any more.
+    int lateSend = -1;
+    EXPECT_CALL(sink, OnStop(&sink, 0)).WillOnce(::testing::Invoke([&](void*, int) {
+        std::string block = "late block";
+        lateSend = session.send(0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], static_cast<int>(block.size()));
+        return 0;
+    }));
+    EXPECT_CALL(sink, OnClose(&sink)).Times(1);
     ASSERT_EQ(session.init(8), 0);
     session.processRecvData(nullptr, 0);
     session.m_pSessionHandle = &sink;  // as if OnOpen had opened a stream
     size_t replies = net.replies.size();
     EXPECT_EQ(session.fini(), 0);
     EXPECT_EQ(session.fini(), 0);
-    EXPECT_EQ(sink.lateSend, 0);
+    EXPECT_EQ(lateSend, 0);
     EXPECT_EQ(net.replies.size(), replies);
-    EXPECT_EQ(sink.stops, 1);
-    EXPECT_EQ(sink.closes, 1);
     EXPECT_EQ(session.getHttpHandle(), -1);
     EXPECT_EQ(session.getState(), SESSION_CLOSED);
     // The handle waits for the release thread.
