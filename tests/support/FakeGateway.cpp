@@ -103,10 +103,11 @@ int FakeServerSink::OnStart(void* sessionHandle, int)
 
 void FakeServerSink::speak(Stream* stream)
 {
-    std::string packet;
+    std::string packet(160, '\0');  // its buffer is reused for every packet
     auto next = std::chrono::steady_clock::now();
     for (size_t offset = 0; offset < talkAudioBytes && !stream->stop; offset += 160) {
-        packet.assign(deviceAudio(std::min<size_t>(160, talkAudioBytes - offset), offset));
+        const std::string audio = deviceAudio(std::min<size_t>(160, talkAudioBytes - offset), offset);
+        packet.assign(audio.data(), audio.size());
         while (m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &packet[0],
                               static_cast<int>(packet.size())) != 0 &&
                !stream->stop) {
