@@ -6,6 +6,18 @@
 #include <algorithm>
 #include <chrono>
 
+bool eventually(const std::function<bool()>& condition, int timeoutMs)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
 int FakeFilterChain::Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
                              PROTOCOL_FILTER::IConnectContext* context)
 {
@@ -24,30 +36,16 @@ int FakeFilterChain::Request(PROTOCOL_FILTER::IProtocolRequest* request, int fla
         std::lock_guard<std::mutex> guard(m_lock);
         m_seen.push_back(seen);
     }
-    if (seen.url.find("/TwoWayAudio/") != std::string::npos) {
-        int answer = talkResult;
-        if (answer != 0) {
-            context->SetStatusCode(answer == 0x1930844 ? 0 : talkStatusOnRefusal.load());
-        }
-        return answer;
-    }
-    size_t talk = seen.url.find("/dac/talk/");
-    if (talk != std::string::npos) {
-        int answer = describeResult;
-        if (answer == 0) {
-            context->SetFilterURL("fake://filter");
-            context->SetMediaURL(("fake://talk/" + seen.url.substr(talk + 10)).c_str());
-        }
-        return answer;
-    }
-    int answer = result;
-    if (answer != 0) {
+    size_t describe = seen.url.find("/dac/talk/");
+    bool talk = seen.url.find("/TwoWayAudio/") != std::string::npos;
+    int answer = talk ? talkResult.load() : describe != std::string::npos ? describeResult.load() : result.load();
+    if (answer != 0 && answer != kTalkAccepted) {
         context->SetStatusCode(statusOnRefusal);
-        return answer;
+    } else if (answer == 0) {
+        context->SetFilterURL("fake://filter");
+        context->SetMediaURL(describe == std::string::npos ? "fake://media" : "fake://talk");
     }
-    context->SetFilterURL("fake://filter");
-    context->SetMediaURL(mediaUrl.c_str());
-    return 0;
+    return answer;
 }
 
 std::vector<SeenRequest> FakeFilterChain::seen()
@@ -61,15 +59,16 @@ struct FakeServerSink::Stream {
     bool talk = false;
     std::thread thread;
     std::atomic<bool> stop{false};
-    std::string buffer;  // one block of a generated recording
 };
 
-void FakeServerSink::syntheticBytes(unsigned long long offset, char* out, size_t length)
+std::string FakeServerSink::recordingBytes(unsigned long long offset, size_t length)
 {
+    std::string bytes(length, '\0');
     for (size_t i = 0; i < length; ++i) {
         unsigned long long position = offset + i;
-        out[i] = static_cast<char>((position * 131u + (position >> 11) * 7u + (position >> 23)) & 0xFF);
+        bytes[i] = static_cast<char>((position * 131u + (position >> 11) * 7u + (position >> 23)) & 0xFF);
     }
+    return bytes;
 }
 
 int FakeServerSink::OnOpen(const char*, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data, void** sessionHandle)
@@ -79,13 +78,11 @@ int FakeServerSink::OnOpen(const char*, const char* mediaUrl, PROTOCOL_WRAPPER::
     }
     Stream* stream = new Stream;
     stream->data = data;
-    stream->talk = mediaUrl != nullptr && strncmp(mediaUrl, "fake://talk/", 12) == 0;
+    stream->talk = mediaUrl != nullptr && strcmp(mediaUrl, "fake://talk") == 0;
     *sessionHandle = stream;
     ++m_open;
     ++m_opened;
-    if (stream->talk) {
-        ++m_talksOpen;
-    }
+    m_talksOpen += stream->talk ? 1 : 0;
     return 0;
 }
 
@@ -94,39 +91,29 @@ int FakeServerSink::OnStart(void* sessionHandle, int)
     Stream* stream = static_cast<Stream*>(sessionHandle);
     if (stream->talk) {
         // As the reference gateway does: the codec is known before the open is answered.
-        char header[1620];
-        memset(header, 0, sizeof header);
+        char header[1620] = {};
         snprintf(header + 300, sizeof header - 300, "%s", talkCodec.c_str());
         m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_INFO, header, sizeof header);
     }
     if (!silent) {
-        stream->thread = stream->talk ? std::thread(&FakeServerSink::speak, this, stream)
-                                      : std::thread(&FakeServerSink::deliver, this, stream);
+        stream->thread = std::thread(stream->talk ? &FakeServerSink::speak : &FakeServerSink::deliver, this, stream);
     }
     return 0;
 }
 
 void FakeServerSink::speak(Stream* stream)
 {
-    std::string packet(static_cast<size_t>(talkPacketSize), '\0');
+    std::string packet(160, '\0');  // its buffer is reused for every packet
     auto next = std::chrono::steady_clock::now();
-    for (size_t offset = 0; offset < talkAudioBytes && !stream->stop; offset += packet.size()) {
-        size_t piece = std::min(packet.size(), talkAudioBytes - offset);
-        for (size_t i = 0; i < piece; ++i) {
-            packet[i] = deviceAudioByte(offset + i);
-        }
-        while (m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &packet[0], static_cast<int>(piece)) !=
-                   0 &&
-               talkRetryUntilAccepted && !stream->stop) {
+    for (size_t offset = 0; offset < talkAudioBytes && !stream->stop; offset += 160) {
+        const std::string audio = deviceAudio(std::min<size_t>(160, talkAudioBytes - offset), offset);
+        packet.assign(audio.data(), audio.size());
+        while (m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &packet[0],
+                              static_cast<int>(packet.size())) != 0 &&
+               !stream->stop) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
-        ++m_devicePackets;
-        if (talkPacketIntervalMs > 0) {
-            next += std::chrono::milliseconds(talkPacketIntervalMs);
-            while (!stream->stop && std::chrono::steady_clock::now() < next) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            }
-        }
+        std::this_thread::sleep_until(next += std::chrono::milliseconds(talkPacketIntervalMs));
     }
 }
 
@@ -152,41 +139,21 @@ std::vector<int> FakeServerSink::clientPacketSizes()
     return m_clientPackets;
 }
 
-bool FakeServerSink::waitForClientAudio(size_t bytes, int timeoutMs)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (clientAudio().size() >= bytes) {
-            return true;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return clientAudio().size() >= bytes;
-}
-
 void FakeServerSink::deliver(Stream* stream)
 {
-    char info[1620];
-    memset(info, 0, sizeof info);
-    unsigned long long length = recording.empty() ? syntheticSize : recording.size();
-    unsigned int high = static_cast<unsigned int>(length >> 32);
-    unsigned int low = static_cast<unsigned int>(length);
+    char info[1620] = {};
+    unsigned int high = static_cast<unsigned int>(recordingSize >> 32);
+    unsigned int low = static_cast<unsigned int>(recordingSize);
     memcpy(info + 1612, &high, 4);
     memcpy(info + 1616, &low, 4);
     m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_INFO, info, sizeof info);
-    int result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_HEAD, &streamHead[0],
-                                static_cast<int>(streamHead.size()));
-    for (unsigned long long offset = 0; result == 0 && !stream->stop && offset < length; offset += blockSize) {
-        size_t piece = static_cast<size_t>(std::min<unsigned long long>(blockSize, length - offset));
-        char* block;
-        if (recording.empty()) {
-            stream->buffer.resize(piece);
-            syntheticBytes(offset, &stream->buffer[0], piece);
-            block = &stream->buffer[0];
-        } else {
-            block = &recording[static_cast<size_t>(offset)];
-        }
-        result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, block, static_cast<int>(piece));
+    std::string block = streamHead;
+    int result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_HEAD, &block[0], 40);
+    for (unsigned long long offset = 0; result == 0 && !stream->stop && offset < recordingSize; offset += blockSize) {
+        block = recordingBytes(offset,
+                               static_cast<size_t>(std::min<unsigned long long>(blockSize, recordingSize - offset)));
+        result =
+            m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], static_cast<int>(block.size()));
     }
     if (result == 0 && !stream->stop) {
         m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0);
@@ -207,11 +174,8 @@ int FakeServerSink::OnClose(void* sessionHandle)
     if (stream->thread.joinable()) {
         stream->thread.join();
     }
-    if (stream->talk) {
-        --m_talksOpen;
-    }
+    m_talksOpen -= stream->talk ? 1 : 0;
     delete stream;
-    ++m_closed;
     --m_open;
     return 0;
 }

@@ -2,6 +2,7 @@
 
 #include <zrt/zrt.h>
 
+#include "ProcessResources.h"
 #include "frame/HttpServerWrapper.h"
 #include "session/HttpSessionMgr.h"
 
@@ -11,20 +12,13 @@ using HttpWrapper::singleton;
 
 const char PluginFixture::kDevIndex[] = "0f4c9a6e-3b2d-4e8f-9a1b-7c6d5e4f3a2b";
 
-int TestUtilitySink::GetConfigValue(const std::string& key, std::string& value)
+// A thread made and joined first: a sanitizer's runtime starts its own helper
+// thread with the process's first one, which is not the server's.
+PluginFixture::PluginFixture()
+    : m_warmUp([] {}),
+      m_descriptorsBefore((m_warmUp.join(), testsupport::openDescriptorCount())),
+      m_threadsBefore(testsupport::threadCount())
 {
-    auto found = config.find(key);
-    if (found == config.end()) {
-        return -1;
-    }
-    value = found->second;
-    return 0;
-}
-
-int TestUtilitySink::SetConfigValue(const std::string& key, const std::string& value)
-{
-    config[key] = value;
-    return 0;
 }
 
 void PluginFixture::SetUp()
@@ -51,40 +45,29 @@ void PluginFixture::TearDown()
     EXPECT_EQ(sink.openStreams(), 0) << "a gateway stream outlived its client";
     g_pHttpProtocolWrapperUtilitySink = nullptr;
     ZRT_FiniEx();
+    EXPECT_EQ(testsupport::openDescriptorCount(), m_descriptorsBefore) << "a socket outlived the server";
+    EXPECT_EQ(testsupport::threadCount(), m_threadsBefore) << "a thread outlived the server";
 }
 
-bool PluginFixture::waitIdle(int timeoutMs)
+bool PluginFixture::waitIdle()
 {
     CHttpSessionMgr* sessions = singleton<CHttpSessionMgr>::instance();
-    ZRT_UINT64 deadline = ZRT_GetTimeTick64() + static_cast<ZRT_UINT64>(timeoutMs);
-    while (ZRT_GetTimeTick64() < deadline) {
-        if (sessions->getHttpSessionCount() == 0 && sessions->getDownloadNum() == 0 && sink.openStreams() == 0) {
-            return true;
-        }
-        ZRT_Sleep(10);
-    }
-    return false;
+    return eventually([&] {
+        return sessions->getHttpSessionCount() == 0 && sessions->getDownloadNum() == 0 && sink.openStreams() == 0;
+    });
 }
 
-std::string PluginFixture::digestHeader(const std::string& user, const std::string& uri)
+std::string PluginFixture::jsonDownload(const std::string& query, const std::string& headers) const
 {
-    return "Authorization: Digest username=\"" + user + "\", realm=\"test-realm\", nonce=\"6e6f6e6365\", uri=\"" + uri +
-           "\", response=\"0123456789abcdef0123456789abcdef\", qop=auth, nc=00000001, cnonce=\"c\"\r\n";
+    return request("POST", jsonTarget(),
+                   "{\"downloadRequest\":{\"playbackURI\":\"rtsp://10.0.0.5:554/Streaming/playback?devIndex=" +
+                       std::string(kDevIndex) + "&starttime=20260101T000000Z&endtime=20260101T010000Z" + query + "\"}}",
+                   digestHeader() + headers);
 }
 
-std::string PluginFixture::jsonDownloadTarget() const
+std::string PluginFixture::xmlDownload(const std::string& uri) const
 {
-    return std::string("/QUMEX/ContentMgmt/download?format=json&devIndex=") + kDevIndex;
-}
-
-std::string PluginFixture::jsonDownloadBody(const std::string& query)
-{
-    return "{\"downloadRequest\":{\"playbackURI\":\"rtsp://10.0.0.5:554/Streaming/playback?devIndex=" +
-           std::string(kDevIndex) + "&starttime=20260101T000000Z&endtime=20260101T010000Z" + query + "\"}}";
-}
-
-std::string PluginFixture::xmlDownloadBody(const std::string& uri)
-{
-    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?><downloadRequest><playbackURI>" + uri +
-           "</playbackURI></downloadRequest>";
+    return request("GET", "/QUMEX/ContentMgmt/download",
+                   "<?xml version=\"1.0\" encoding=\"UTF-8\"?><downloadRequest><playbackURI>" + uri +
+                       "</playbackURI></downloadRequest>");
 }

@@ -1,5 +1,6 @@
 // Starts the plug-in's server in-process, as CreateServer does, in front of the
-// fake gateway, on an ephemeral loopback port; stops it after the test.
+// fake gateway, on an ephemeral loopback port; stops it after the test and
+// checks that no stream, socket or thread outlived it.
 #ifndef TESTS_SUPPORT_PLUGINFIXTURE_H
 #define TESTS_SUPPORT_PLUGINFIXTURE_H
 
@@ -7,6 +8,7 @@
 
 #include <map>
 #include <string>
+#include <thread>
 
 #include <HttpProtocolWrapper.h>
 
@@ -16,8 +18,11 @@
 class TestUtilitySink : public IProtocolWrapperUtilitySink {
 public:
     const char* GetGatewayName() override { return "test-gateway"; }
-    int GetConfigValue(const std::string& key, std::string& value) override;
-    int SetConfigValue(const std::string& key, const std::string& value) override;
+    int GetConfigValue(const std::string& key, std::string& value) override
+    {
+        return config.count(key) != 0 ? (value = config[key], 0) : -1;
+    }
+    int SetConfigValue(const std::string& key, const std::string& value) override { return config[key] = value, 0; }
     int GetLogLevel() override { return 2; }
     void OutputLog(int, const char*, const char*) override {}
 
@@ -26,25 +31,49 @@ public:
 
 class PluginFixture : public ::testing::Test {
 protected:
+    PluginFixture();
     void SetUp() override;
     void TearDown() override;
 
     // Waits until every session is gone and the download count is back to 0.
-    bool waitIdle(int timeoutMs = 10000);
+    bool waitIdle();
 
     // Authorization header line with all four Digest fields the plug-in tests.
-    static std::string digestHeader(const std::string& user = "admin", const std::string& uri = "/");
+    static std::string digestHeader()
+    {
+        return "Authorization: Digest username=\"admin\", realm=\"test-realm\", nonce=\"6e6f6e6365\", uri=\"/\", "
+               "response=\"0123456789abcdef0123456789abcdef\", qop=auth, nc=00000001, cnonce=\"c\"\r\n";
+    }
+    // A request as clients send it: Host with the port, Content-Length always.
+    std::string request(const std::string& method, const std::string& target, const std::string& body = "",
+                        const std::string& headers = digestHeader()) const
+    {
+        return method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(port) + "\r\n" + headers +
+               "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+    }
+    RawResponse exchange(const std::string& request, int timeoutMs = 5000)
+    {
+        return RawHttpClient(port).exchange(request, timeoutMs);
+    }
 
     static const char kDevIndex[];  // 36 characters
-    std::string jsonDownloadTarget() const;
-    static std::string jsonDownloadBody(const std::string& query);
-    static std::string xmlDownloadBody(const std::string& uri);
+    static std::string jsonTarget()
+    {
+        return std::string("/QUMEX/ContentMgmt/download?format=json&devIndex=") + kDevIndex;
+    }
+    std::string jsonDownload(const std::string& query, const std::string& headers = "") const;
+    std::string xmlDownload(const std::string& uri) const;
 
     TestUtilitySink utilitySink;
     FakeFilterChain filter;
     FakeServerSink sink;
     PROTOCOL_WRAPPER::IServer* server = nullptr;
     int port = 0;
+
+private:
+    std::thread m_warmUp;
+    int m_descriptorsBefore;
+    int m_threadsBefore;
 };
 
 #endif  // TESTS_SUPPORT_PLUGINFIXTURE_H

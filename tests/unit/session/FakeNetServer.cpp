@@ -2,35 +2,12 @@
 
 #include <string.h>
 
+#include <algorithm>
+
 FakeNetServer& FakeNetServer::instance()
 {
     static FakeNetServer server;
     return server;
-}
-
-void FakeNetServer::reset()
-{
-    *this = FakeNetServer();
-}
-
-std::string FakeNetServer::headerOf(size_t reply, const std::string& name) const
-{
-    for (const StagedItem& item : replies.at(reply)) {
-        if (item.kind == NET_HTTPSERVER_PARAM_HEADER && item.name == name) {
-            return item.value;
-        }
-    }
-    return "<none>";
-}
-
-bool FakeNetServer::hasKind(size_t reply, int kind) const
-{
-    for (const StagedItem& item : replies.at(reply)) {
-        if (item.kind == kind) {
-            return true;
-        }
-    }
-    return false;
 }
 
 extern "C" {
@@ -63,35 +40,32 @@ int NET_HTTPSERVER_SetParam(int handle, int kind, const char* name, int nameLeng
     if (server.setParamCalls++ == server.setParamFailAt) {
         return -1;
     }
-    StagedItem item;
-    item.kind = kind;
-    item.name = name != nullptr ? std::string(name, static_cast<size_t>(nameLength)) : "";
-    if (value != nullptr && valueLength > 0) {
-        item.value.assign(static_cast<const char*>(value), static_cast<size_t>(valueLength));
+    std::string text = value != nullptr ? std::string(static_cast<const char*>(value), static_cast<size_t>(valueLength))
+                                        : std::string();
+    int number = 0;
+    memcpy(&number, text.data(), std::min<size_t>(text.size(), sizeof number));
+    switch (kind) {
+    case NET_HTTPSERVER_PARAM_BODY: server.body += text; break;
+    case NET_HTTPSERVER_PARAM_STATUS: server.staged.push_back("status " + std::to_string(number)); break;
+    case NET_HTTPSERVER_PARAM_SEND_TIMEOUT: server.staged.push_back("timeout " + std::to_string(number)); break;
+    case NET_HTTPSERVER_PARAM_STREAM: server.staged.push_back("stream"); break;
+    default: server.staged.push_back(std::string(name, static_cast<size_t>(nameLength)) + ": " + text); break;
     }
-    server.staged.push_back(item);
     return 0;
 }
 
 int NET_HTTPSERVER_Reply(int handle, int flags)
 {
     FakeNetServer& server = FakeNetServer::instance();
-    std::string body;
-    for (const StagedItem& item : server.staged) {
-        if (item.kind == NET_HTTPSERVER_PARAM_BODY) {
-            body += item.value;
-        }
-    }
     server.replies.push_back(server.staged);
     server.staged.clear();
-    int written = static_cast<int>(body.size());
+    int written = static_cast<int>(server.body.size());
     if (!server.replyPlan.empty()) {
         written = server.replyPlan.front();
         server.replyPlan.pop_front();
     }
-    if (written > 0) {
-        server.wire.append(body, 0, static_cast<size_t>(written));
-    }
+    server.wire.append(server.body, 0, static_cast<size_t>(written > 0 ? written : 0));
+    server.body.clear();
     return written;
 }
 

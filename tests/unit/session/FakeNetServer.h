@@ -11,32 +11,28 @@
 
 #include <netutils/VQNetUtils.h>
 
-struct StagedItem {
-    int kind;
-    std::string name;
-    std::string value;
-};
+using Staged = std::vector<std::string>;
 
 struct FakeNetServer {
     static FakeNetServer& instance();
-    void reset();
+    void reset() { *this = FakeNetServer(); }
 
     // Request side.
     NET_HTTPSERVER_REQUEST_PARAM params = {};
     std::map<std::string, std::string> headers;  // exact names
     bool paramsFail = false;
 
-    // Reply side: every item staged since the last Reply, and per Reply what the
-    // test lets it write: a byte count, or -1; absent entries write everything.
-    std::vector<StagedItem> staged;
-    std::vector<std::vector<StagedItem>> replies;
+    // Reply side: what was staged since the last Reply ("status 500",
+    // "timeout 5000", "stream", "Name: value"; bodies go to `body`), what each
+    // Reply took, and per Reply what the test lets it write: a byte count, or
+    // -1; absent entries write everything.
+    Staged staged;
+    std::string body;
+    std::vector<Staged> replies;
     std::deque<int> replyPlan;
     std::string wire;         // body bytes "written", in order
     int setParamFailAt = -1;  // the n-th SetParam call fails (0-based); -1 never
     int setParamCalls = 0;
-
-    std::string headerOf(size_t reply, const std::string& name) const;
-    bool hasKind(size_t reply, int kind) const;
 };
 
 #endif  // TESTS_UNIT_SESSION_FAKENETSERVER_H

@@ -1,6 +1,5 @@
 // The step that joins an HTTP request to the gateway (RTSP conversion, filter
 // chain, sink), the status mapping and the XML error reply of the session base.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string.h>
@@ -19,23 +18,6 @@ using ::testing::SetArgPointee;
 
 namespace {
 
-class MockFilter : public PROTOCOL_FILTER::IProtocolFilter {
-public:
-    MOCK_METHOD(int, Request, (PROTOCOL_FILTER::IProtocolRequest*, int, PROTOCOL_FILTER::IConnectContext*), (override));
-    MOCK_METHOD(int, Response, (PROTOCOL_FILTER::IProtocolResponse*, int, PROTOCOL_FILTER::IConnectContext*),
-                (override));
-};
-
-class MockSink : public PROTOCOL_WRAPPER::IServerSink {
-public:
-    MOCK_METHOD(int, OnOpen, (const char*, const char*, PROTOCOL_WRAPPER::IServerData*, void**), (override));
-    MOCK_METHOD(int, OnClose, (void*), (override));
-    MOCK_METHOD(int, pushStream, (void*), (override));
-    MOCK_METHOD(int, OnStart, (void*, int), (override));
-    MOCK_METHOD(int, OnStop, (void*, int), (override));
-    MOCK_METHOD(int, OnInputData, (void*, int, int, void*, int), (override));
-};
-
 void* const kStream = reinterpret_cast<void*>(0x5EED);
 
 class SessionBase : public ::testing::Test {
@@ -43,7 +25,12 @@ protected:
     void SetUp() override
     {
         FakeNetServer::instance().reset();
-        session.reset(new TestSession(&filter, &sink));
+        reset(&filter, &sink);
+    }
+
+    void reset(PROTOCOL_FILTER::IProtocolFilter* chain, PROTOCOL_WRAPPER::IServerSink* serverSink)
+    {
+        session.reset(new TestSession(chain, serverSink));
         session->m_strMethod = "POST";
         session->m_strPlaybackURI = "rtsp://10.0.0.5:554/download?devIndex=x";
         session->m_strAuthorization = " Digest username=\"admin\", realm=\"r\"";
@@ -61,78 +48,58 @@ protected:
 TEST(RtspStatus, SmallStatusValuesIndexTheRtspTable)
 {
     TestSession session(nullptr, nullptr);
-    struct {
-        int status;
-        int code;
-    } cases[] = {{0, 100}, {10, 401}, {36, 500},  {42, 551}, {43, -1},
-                 {50, -1}, {99, -1},  {404, 404}, {-5, -5},  {100, 100}};
-    for (auto c : cases) {
-        session.SetStatusCode(c.status);
-        EXPECT_EQ(session.getStatusCodeRtspInt(), c.code) << c.status;
+    const struct {
+        int status, code;
+    } rows[] = {{0, 100}, {10, 401}, {36, 500}, {42, 551}, {43, -1}, {50, -1}, {99, -1}, {404, 404}, {-5, -5}};
+    for (const auto& row : rows) {
+        session.SetStatusCode(row.status);
+        EXPECT_EQ(session.getStatusCodeRtspInt(), row.code) << row.status;
     }
 }
 
+// What the gateway receives is the integration tests'; here the order of the calls.
 TEST_F(SessionBase, SuccessfulConversionOpensPushesAndStartsTheStream)
 {
-    {
-        InSequence order;
-        EXPECT_CALL(filter, Request(_, 0, session.get()))
-            .WillOnce(
-                Invoke([](PROTOCOL_FILTER::IProtocolRequest* request, int, PROTOCOL_FILTER::IConnectContext* context) {
-                    EXPECT_TRUE(request->bNeedAuth());
-                    context->SetFilterURL("filter://x");
-                    context->SetMediaURL("media://y");
-                    return 0;
-                }));
-        EXPECT_CALL(sink, OnOpen(::testing::StrEq("filter://x"), ::testing::StrEq("media://y"), _, _))
-            .WillOnce(DoAll(SetArgPointee<3>(kStream), Return(0)));
-        EXPECT_CALL(sink, pushStream(kStream)).WillOnce(Return(0));
-        EXPECT_CALL(sink, OnStart(kStream, 0)).WillOnce(Return(0));
-    }
+    InSequence order;
+    EXPECT_CALL(filter, Request(_, 0, session.get()))
+        .WillOnce(Invoke([](PROTOCOL_FILTER::IProtocolRequest*, int, PROTOCOL_FILTER::IConnectContext* context) {
+            context->SetFilterURL("filter://x");
+            context->SetMediaURL("media://y");
+            return 0;
+        }));
+    EXPECT_CALL(sink, OnOpen(::testing::StrEq("filter://x"), ::testing::StrEq("media://y"), _, _))
+        .WillOnce(DoAll(SetArgPointee<3>(kStream), Return(0)));
+    EXPECT_CALL(sink, pushStream(kStream)).WillOnce(Return(0));
+    EXPECT_CALL(sink, OnStart(kStream, 0)).WillOnce(Return(0));
     EXPECT_EQ(session->convertToRtspProcess(true), 0);
     EXPECT_EQ(session->m_pSessionHandle, kStream);
-    // The name loses its last character, on purpose; the client address is
-    // appended even when empty.
-    EXPECT_EQ(convertedUrl(), "rtsp://10.0.0.5:554/download?devIndex=x&clientIP=&username=admi");
 }
 
 TEST_F(SessionBase, LongOrUnterminatedUserNamesAreNotForwarded)
 {
     EXPECT_CALL(filter, Request(_, _, _)).WillRepeatedly(Return(1));
-    session->m_strAuthorization = "Digest username=\"" + std::string(65, 'u') + "\"";
-    session->convertToRtspProcess(true);
-    EXPECT_EQ(convertedUrl(), "rtsp://10.0.0.5:554/download?devIndex=x&clientIP=");
-
-    session.reset(new TestSession(&filter, &sink));
-    session->m_strMethod = "GET";
-    session->m_strPlaybackURI = "rtsp://a/b";
-    session->m_strAuthorization = "Digest username=\"" + std::string(64, 'u');
-    session->convertToRtspProcess(false);
-    EXPECT_EQ(convertedUrl(), "rtsp://a/b&clientIP=");
-    EXPECT_FALSE(session->getRequest().bNeedAuth());
+    for (const std::string& name : {std::string(65, 'u') + "\"", std::string(64, 'u')}) {
+        reset(&filter, &sink);
+        session->m_strAuthorization = "Digest username=\"" + name;
+        session->convertToRtspProcess(false);
+        EXPECT_EQ(convertedUrl(), "rtsp://10.0.0.5:554/download?devIndex=x&clientIP=") << name;
+    }
 }
 
-TEST_F(SessionBase, MissingFilterChainOrSinkFailsWithItsOwnCode)
+TEST_F(SessionBase, AMissingOrFailingStepAnswersWithItsCodeAndStartsNothing)
 {
-    TestSession noChain(nullptr, &sink);
-    noChain.m_strMethod = "GET";
-    noChain.m_strPlaybackURI = "rtsp://a/b";
-    noChain.SetStatusCode(13);
-    EXPECT_EQ(noChain.convertToRtspProcess(true), 0x19308C0);
-    EXPECT_EQ(noChain.GetStatusCode(), 404);  // the status as the table maps it
+    reset(nullptr, &sink);
+    session->SetStatusCode(13);
+    EXPECT_EQ(session->convertToRtspProcess(true), 0x19308C0);
+    EXPECT_EQ(session->GetStatusCode(), 404);  // the status as the table maps it
 
-    TestSession noSink(&filter, nullptr);
-    noSink.m_strMethod = "GET";
-    noSink.m_strPlaybackURI = "rtsp://a/b";
-    EXPECT_CALL(filter, Request(_, _, _)).WillOnce(Return(0));
-    EXPECT_EQ(noSink.convertToRtspProcess(true), 0x19308C0);
-    EXPECT_EQ(noSink.GetStatusCode(), 500);
-}
-
-// A refusal of the filter chain or of OnOpen reaches the client in the integration tests.
-TEST_F(SessionBase, AFailedPushAnswersFiveHundredAndStartsNothing)
-{
     EXPECT_CALL(filter, Request(_, _, _)).WillRepeatedly(Return(0));
+    reset(&filter, nullptr);
+    EXPECT_EQ(session->convertToRtspProcess(true), 0x19308C0);
+    EXPECT_EQ(session->GetStatusCode(), 500);
+
+    // A refusal of the filter chain or of OnOpen reaches the client in the integration tests.
+    reset(&filter, &sink);
     EXPECT_CALL(sink, OnOpen(_, _, _, _)).WillOnce(DoAll(SetArgPointee<3>(kStream), Return(0)));
     EXPECT_CALL(sink, pushStream(kStream)).WillOnce(Return(0x20000004));
     EXPECT_CALL(sink, OnStart(_, _)).Times(0);
@@ -143,22 +110,14 @@ TEST_F(SessionBase, AFailedPushAnswersFiveHundredAndStartsNothing)
 
 TEST_F(SessionBase, XmlErrorReplyHasTheDoubledStatusCodeAndOneBlankLine)
 {
-    NET_HTTPSERVER_REQUEST_PARAM& params = FakeNetServer::instance().params;
-    strcpy(params.szUrl, "/QUMEX/x?y=1");
-    TestSession initialised(nullptr, nullptr);
-    ASSERT_EQ(initialised.init(9), 0);
-
-    std::string reply = initialised.getHttpXmlResponse(0x40000003, "");
-    size_t bodyStart = reply.find("\r\n\r\n");
-    ASSERT_NE(bodyStart, std::string::npos);
-    std::string head = reply.substr(0, bodyStart + 4);
-    std::string body = reply.substr(bodyStart + 4);
-    EXPECT_EQ(head, "HTTP/1.1 401 401 Unauthorized\r\nContent-Length: " + std::to_string(body.size()) +
-                        "\r\nContent-Type: application/xml\r\n\r\n");
+    strcpy(FakeNetServer::instance().params.szUrl, "/QUMEX/x?y=1");
+    ASSERT_EQ(session->init(9), 0);
     // The document itself is the error handler's; the request's URL goes in.
-    EXPECT_EQ(body, CHttpErrorHandler::buildXMLReply(0x40000003, "/QUMEX/x?y=1").strBody);
-
-    std::string withHeader = initialised.getHttpXmlResponse(0x60000001, "WWW-Authenticate: x");
+    const std::string body = CHttpErrorHandler::buildXMLReply(0x40000003, "/QUMEX/x?y=1").strBody;
+    EXPECT_EQ(session->getHttpXmlResponse(0x40000003, ""),
+              "HTTP/1.1 401 401 Unauthorized\r\nContent-Length: " + std::to_string(body.size()) +
+                  "\r\nContent-Type: application/xml\r\n\r\n" + body);
+    std::string withHeader = session->getHttpXmlResponse(0x60000001, "WWW-Authenticate: x");
     EXPECT_EQ(withHeader.compare(0, 29, "HTTP/1.1 400 400 Bad Request\r"), 0);
     EXPECT_NE(withHeader.find("application/xml\r\nWWW-Authenticate: x\r\n\r\n<"), std::string::npos);
 }

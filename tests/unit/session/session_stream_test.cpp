@@ -8,7 +8,6 @@
 #include <memory>
 
 #include "FakeNetServer.h"
-#include "LogCapture.h"
 #include "TestSession.h"
 #include "frame/Clock.h"
 #include "frame/HttpServerWrapper.h"
@@ -69,14 +68,10 @@ TEST_F(SessionStream, OnlyTheFirstStreamInfoSendsTheHeadWithTheLengthPlusForty)
 {
     sendInfo(0, 1, 5);  // both length words count
     EXPECT_EQ(session->getFileLength(), (1ull << 32) + 5 + 40);
-    ASSERT_EQ(net.replies.size(), 1u);
-    EXPECT_EQ(net.headerOf(0, "Content-Type"), "application/binary");
-    EXPECT_EQ(net.headerOf(0, "Content-Length"), std::to_string((1ull << 32) + 45));
-    EXPECT_FALSE(net.hasKind(0, NET_HTTPSERVER_PARAM_STATUS));  // 200 is the server's default
-    EXPECT_TRUE(net.hasKind(0, NET_HTTPSERVER_PARAM_SEND_TIMEOUT));
-    // "The head is out, a streamed body follows" is staged after the head's reply.
-    ASSERT_EQ(net.staged.size(), 1u);
-    EXPECT_EQ(net.staged[0].kind, NET_HTTPSERVER_PARAM_STREAM);
+    // 200 is the server's default; "a streamed body follows" comes after the head's reply.
+    EXPECT_EQ(net.replies, std::vector<Staged>(
+                               {{"Content-Type: application/binary", "Content-Length: 4294967341", "timeout 5000"}}));
+    EXPECT_EQ(net.staged, Staged{"stream"});
     sendInfo(0, 0, 500);
     EXPECT_EQ(net.replies.size(), 1u);
 
@@ -85,7 +80,7 @@ TEST_F(SessionStream, OnlyTheFirstStreamInfoSendsTheHeadWithTheLengthPlusForty)
     SetUp();
     sendInfo(1, 0, 1000);
     EXPECT_EQ(session->getFileLength(), 40u);
-    EXPECT_EQ(net.headerOf(0, "Content-Length"), "40");
+    EXPECT_EQ(net.replies.at(0).at(1), "Content-Length: 40");
 }
 
 // The heads of served ranges are the end-to-end tests'; here a report that makes no sense.
@@ -95,100 +90,67 @@ TEST_F(SessionStream, AnUnreadableRangeReportIsAnsweredFiveHundredNotWithUnknown
     std::string info(1620, '\0');
     memcpy(&info[1520], "MGBR\x01\x07", 6);  // an outcome no gateway reports
     EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_INFO, &info[0], static_cast<int>(info.size())), 0);
-    ASSERT_EQ(net.replies.size(), 1u);
-    ASSERT_TRUE(net.hasKind(0, NET_HTTPSERVER_PARAM_STATUS));
-    int status = 0;
-    memcpy(&status, net.replies[0][0].value.data(), 4);
-    EXPECT_EQ(status, 500);
-    EXPECT_FALSE(net.hasKind(0, NET_HTTPSERVER_PARAM_HEADER));
+    EXPECT_EQ(net.replies, std::vector<Staged>({{"status 500", "timeout 5000"}}));
 }
 
-// The framing on the wire is the integration tests'; here what a gateway may repeat.
-TEST_F(SessionStream, ChunkedEndIsWrittenOnceAndUnknownTypesAreIgnored)
+// The framing on the wire is the integration tests'; here what a gateway may
+// repeat, and an empty block, which frames as a line of its own, as the
+// gateway has always seen it.
+TEST_F(SessionStream, AChunkedEndIsWrittenOnceAndUnknownTypesAreIgnored)
 {
     session->m_framing.setChunked(true);
-    sendInfo(0, 0, 300);
-    std::string block(300, 'b');
-    EXPECT_EQ(sendData(block), 0);
-    EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0), 0);
-    EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0), 0);
-    EXPECT_EQ(session->send(0, 77, nullptr, 0), 0);
-    EXPECT_EQ(net.wire, "12C\r\n" + block + "\r\n0\r\n\r\n");
+    sendInfo(0, 0, 3);
+    EXPECT_EQ(sendData("abc"), 0);
+    EXPECT_EQ(sendData(""), 0);
+    for (int type : std::initializer_list<int>{PROTOCOL_WRAPPER::STREAM_END, PROTOCOL_WRAPPER::STREAM_END, 77}) {
+        EXPECT_EQ(session->send(0, type, nullptr, 0), 0);
+    }
+    EXPECT_EQ(net.wire, "3\r\nabc\r\n\r\n\r\n0\r\n\r\n");
 }
 
-TEST_F(SessionStream, PartialWritesAreRetriedFromWhereTheyStopped)
+// A reply that makes progress is retried from where it stopped; one that makes
+// none for a minute, or fails, ends the download and asks for the session's
+// destruction.
+TEST_F(SessionStream, WritesAreRetriedWhileTheyProgressAndEndTheDownloadOtherwise)
 {
-    sendInfo(0, 0, 10);
-    session->increaseTimeoutCount();
-    session->increaseTimeoutCount();
-    net.replyPlan = {3, 0, 4};  // then the rest
-    EXPECT_EQ(sendData("0123456789"), 0);
-    EXPECT_EQ(net.wire, "0123456789");
-    EXPECT_EQ(session->getTimeoutCount(), 0);  // progress resets the idle count
-    EXPECT_EQ(queuedDestroyJobs(), 0);
-}
-
-TEST_F(SessionStream, AStalledClientEndsTheDownloadAfterSixtySeconds)
-{
-    LogCapture log;
-    hpwSetTickSource(steppingClock);
-    sendInfo(0, 0, 10);
-    net.replyPlan.assign(100, 0);  // the client takes nothing any more
-    EXPECT_EQ(sendData("0123456789"), -1);
-    EXPECT_TRUE(log.contains("[0x01930f49] - [download error], send data timeout!httpHandle[42]"));
-    EXPECT_EQ(session->m_iDestroyRequested.load(), 1);
-    EXPECT_EQ(queuedDestroyJobs(), 1);
-    // The stall ended after a minute of clock, not a hundred replies.
-    EXPECT_LT(net.replyPlan.size(), 100u);
-    EXPECT_GT(net.replyPlan.size(), 30u);
-
-    // Once destroy is requested nothing more is written, and it is not an error.
-    net.replyPlan.clear();
-    EXPECT_EQ(sendData("more"), 0);
-    EXPECT_TRUE(log.contains("Http session allready destroyed"));
-    EXPECT_EQ(queuedDestroyJobs(), 1);  // requested once only
-}
-
-TEST_F(SessionStream, WriteFailuresRequestTheSessionsDestruction)
-{
-    net.replyPlan = {-1};  // the head's reply fails
-    sendInfo(0, 0, 10);
-    EXPECT_EQ(net.staged.size(), 0u);  // nothing staged after the failed reply
-    EXPECT_EQ(queuedDestroyJobs(), 1);
-
-    for (bool staging : {false, true}) {
-        SCOPED_TRACE(staging ? "staging fails" : "the reply fails");
+    const struct {
+        std::deque<int> plan;  // what each Reply writes; then everything
+        bool stagingFails;
+        int result;
+        const char* wire;
+    } rows[] = {
+        {{3, 0, 4}, false, 0, "0123456789"},
+        {{-1}, false, -1, ""},
+        {{}, true, -1, ""},
+        {std::deque<int>(100, 0), false, -1, ""},  // the client takes nothing any more
+    };
+    for (const auto& row : rows) {
         TearDown();
         SetUp();
-        LogCapture log;
+        hpwSetTickSource(steppingClock);
         sendInfo(0, 0, 10);
-        if (staging) {
-            net.setParamFailAt = net.setParamCalls;
-        } else {
-            net.replyPlan = {-1};
-        }
-        EXPECT_EQ(sendData("0123456789"), -1);
-        EXPECT_TRUE(log.contains(staging ? "[download error], Http SetParam fail!"
-                                         : "[download error], Http Reply fail! errNum["));
-        EXPECT_TRUE(staging || log.contains("replyRet[-1], dataLenCurr[10]"));
-        EXPECT_EQ(queuedDestroyJobs(), 1);
+        session->increaseTimeoutCount();
+        net.replyPlan = row.plan;
+        net.setParamFailAt = row.stagingFails ? net.setParamCalls : -1;
+        EXPECT_EQ(sendData("0123456789"), row.result);
+        EXPECT_EQ(net.wire, row.wire);
+        EXPECT_EQ(session->getTimeoutCount(), row.result == 0 ? 0 : 1);  // progress resets the idle count
+        EXPECT_EQ(queuedDestroyJobs(), row.result == 0 ? 0 : 1);
     }
+    // The stall ended after a minute of clock, not a hundred replies; once
+    // destroy is requested nothing more is written, and it is not an error.
+    EXPECT_LT(net.replyPlan.size(), 100u);
+    EXPECT_GT(net.replyPlan.size(), 30u);
+    net.replyPlan.clear();
+    EXPECT_EQ(sendData("more"), 0);
+    EXPECT_EQ(net.wire, "");
+    EXPECT_EQ(queuedDestroyJobs(), 1);
 }
 
-TEST_F(SessionStream, BareHeadsAndOneShotRepliesStageStatusAndContentType)
+TEST_F(SessionStream, AFailedHeadRequestsTheSessionsDestruction)
 {
-    EXPECT_EQ(session->sendHead(403), 0);
-    ASSERT_EQ(net.replies.size(), 1u);
-    ASSERT_TRUE(net.hasKind(0, NET_HTTPSERVER_PARAM_STATUS));
-    int status = 0;
-    memcpy(&status, net.replies[0][0].value.data(), 4);
-    EXPECT_EQ(status, 403);
-
-    EXPECT_EQ(session->sendReply(200, "<a/>", 4, "xml"), 0);
-    EXPECT_EQ(net.headerOf(1, "Content-Type"), "application/xml");
-    EXPECT_EQ(net.wire, "<a/>");
-    // Without a body only the status is staged; the caller's later reply carries it.
-    EXPECT_EQ(session->sendReply(404, nullptr, 0, "xml"), 0);
-    EXPECT_EQ(net.replies.size(), 2u);
-    EXPECT_EQ(net.staged.size(), 1u);
+    net.replyPlan = {-1};
+    sendInfo(0, 0, 10);
+    EXPECT_TRUE(net.staged.empty());  // nothing staged after the failed reply
+    EXPECT_EQ(queuedDestroyJobs(), 1);
 }
