@@ -294,20 +294,16 @@ class Bed:
 
     def start_nginx(self, challenge_body):
         nginx_dir = os.path.join(self.dir, "nginx")
-        os.makedirs(nginx_dir)
         ports = [free_port() for _ in range(3)]
         challenge = ('Digest realm="%s", qop="auth", nonce="%s", opaque="%s"'
                      % (REALM, "0" * 48, "0" * 32))
-        config = os.path.join(nginx_dir, "nginx.conf")
-        with open(config, "w") as out:
-            out.write(NGINX_CONFIG.format(dir=nginx_dir, root=self.device_dir, workers=os.cpu_count() or 1,
-                                          port_copy=ports[0], port_sendfile=ports[1], port_challenge=ports[2],
-                                          challenge=challenge, body=challenge_body.replace("'", "\\'")))
-        nginx = shutil.which("nginx") or "/usr/sbin/nginx"
-        self.nginx_process = subprocess.Popen(
-            [nginx, "-p", nginx_dir, "-c", config, "-e", os.path.join(nginx_dir, "early.log")],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.wait_until(lambda: all(port_open(p) for p in ports), self.nginx_process, "nginx to listen")
+        try:
+            self.nginx_process = gateway_client.start_nginx(nginx_dir, NGINX_CONFIG.format(
+                dir=nginx_dir, root=self.device_dir, workers=os.cpu_count() or 1, port_copy=ports[0],
+                port_sendfile=ports[1], port_challenge=ports[2], challenge=challenge,
+                body=challenge_body.replace("'", "\\'")), ports)
+        except RuntimeError as failure:
+            raise SystemExit("bench: %s" % failure)
         pid = self.nginx_process.pid
         self.nginx_copy = Nginx("nginx sendfile off", ports[0], pid)
         self.nginx_sendfile = Nginx("nginx sendfile on", ports[1], pid)
@@ -329,16 +325,6 @@ class Bed:
         self.wait_streams_closed()
         for server in (self.gateway, self.nginx_copy, self.nginx_sendfile, self.nginx_challenge):
             server.idle_rss = tree_rss_kib(server.pid)
-
-    def wait_until(self, condition, process, what, timeout=20):
-        deadline = time.monotonic() + timeout
-        while not condition():
-            if process.poll() is not None:
-                raise SystemExit("bench: stopped at start while waiting for %s (exit %s); see %s"
-                                 % (what, process.returncode, self.dir))
-            if time.monotonic() > deadline:
-                raise SystemExit("bench: timed out waiting for %s; see %s" % (what, self.dir))
-            time.sleep(0.05)
 
     def wait_streams_closed(self):
         """The plug-in counts a download until its session is released: wait for zero open streams."""
@@ -368,14 +354,6 @@ def read_text(path):
             return source.read()
     except OSError:
         return ""
-
-
-def port_open(port):
-    try:
-        socket.create_connection(("127.0.0.1", port), timeout=1).close()
-        return True
-    except OSError:
-        return False
 
 
 # ---------------------------------------------------------------- asyncio client

@@ -8,6 +8,7 @@ import hashlib
 import json
 import os
 import re
+import shutil
 import signal
 import socket
 import subprocess
@@ -77,6 +78,31 @@ def answer_challenge(header, method, uri, user, password):
     if not digest.learn(header):
         raise ValueError("not a Digest challenge: %r" % header)
     return digest.authorization(method, uri)
+
+
+def port_open(port):
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", port)) == 0
+
+
+def start_nginx(folder, config_text, ports, timeout=10):
+    """nginx from a configuration text written into folder (which its files go to); returns the
+    process once every port listens, or raises RuntimeError."""
+    os.makedirs(folder, exist_ok=True)
+    config = os.path.join(folder, "nginx.conf")
+    with open(config, "w") as out:
+        out.write(config_text)
+    nginx = subprocess.Popen([shutil.which("nginx") or "/usr/sbin/nginx", "-p", folder, "-c", config,
+                              "-e", os.path.join(folder, "early.log")],
+                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    deadline = time.monotonic() + timeout
+    while not all(port_open(port) for port in ports):
+        if nginx.poll() is not None or time.monotonic() > deadline:
+            nginx.kill()
+            nginx.wait()
+            raise RuntimeError("nginx did not start listening; see %s" % folder)
+        time.sleep(0.05)
+    return nginx
 
 
 def describe_exit(code):

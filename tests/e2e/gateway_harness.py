@@ -223,27 +223,13 @@ http {{
 
 
 def start_nginx(case, backend, forwarded="$remote_addr", upstream="", extra=""):
-    """nginx in front of `backend` (host:port, or an upstream's name) in a folder of the case, stopped with
-    it; returns its port."""
+    """nginx in front of `backend` (host:port, or an upstream's name), stopped with the case; returns its port."""
     port = free_port()
     folder = os.path.join(case.dir, "nginx-%d" % port)
-    os.makedirs(folder)
-    config = os.path.join(folder, "nginx.conf")
-    with open(config, "w") as out:
-        out.write(NGINX_CONFIG.format(dir=folder, port=port, backend=backend, forwarded=forwarded, upstream=upstream,
-                                      extra=extra))
-    nginx = subprocess.Popen([shutil.which("nginx") or "/usr/sbin/nginx", "-p", folder, "-c", config,
-                              "-e", os.path.join(folder, "early.log")],
-                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    nginx = gateway_client.start_nginx(folder, NGINX_CONFIG.format(
+        dir=folder, port=port, backend=backend, forwarded=forwarded, upstream=upstream, extra=extra), [port])
     case.addCleanup(lambda: nginx.terminate() or nginx.wait(timeout=10))
-    deadline = time.monotonic() + 10
-    while True:
-        with socket.socket() as probe:
-            if probe.connect_ex(("127.0.0.1", port)) == 0:
-                return port
-        case.assertIsNone(nginx.poll(), "nginx exited at start")
-        case.assertLess(time.monotonic(), deadline, "nginx did not start listening")
-        time.sleep(0.05)
+    return port
 
 
 def http_get(port, path):

@@ -24,12 +24,11 @@ TEST(ReplyFraming, HeadsAndBlockFramingOfEachReplyForm)
     served.last = 59;
     served.entityTag = "\"t\"";
     EXPECT_EQ(CReplyFraming::rangedStatus(served), 206);
-    EXPECT_EQ(CReplyFraming::rangedHead(served, 1040),
-              (CReplyFraming::Headers{{"Content-Type", "application/binary"},
-                                      {"Content-Length", "40"},
-                                      {"Content-Range", "bytes 20-59/1040"},
-                                      {"Accept-Ranges", "bytes"},
-                                      {"ETag", "\"t\""}}));
+    EXPECT_EQ(CReplyFraming::rangedHead(served, 1040), (CReplyFraming::Headers{{"Content-Type", "application/binary"},
+                                                                               {"Content-Length", "40"},
+                                                                               {"Content-Range", "bytes 20-59/1040"},
+                                                                               {"Accept-Ranges", "bytes"},
+                                                                               {"ETag", "\"t\""}}));
     served.outcome = CServedRange::UNSATISFIABLE;
     served.entityTag.clear();
     EXPECT_EQ(CReplyFraming::rangedStatus(served), 416);
