@@ -12,70 +12,48 @@ import gateway_harness as h  # noqa: E402
 
 
 class StartRefusals(unittest.TestCase):
-    def setUp(self):
-        self.dir = tempfile.TemporaryDirectory(prefix="gateway-e2e-")
-        self.addCleanup(self.dir.cleanup)
-
-    def run_gateway(self, *args, config=None):
-        command = [h.GATEWAY, "--media", os.path.join(self.dir.name, "media"), "--sample", *args]
-        if config is not None:
-            path = os.path.join(self.dir.name, "gateway.json")
-            with open(path, "w") as out:
-                out.write(config)
-            command += ["--config", path]
-        return subprocess.run(command, capture_output=True, text=True, timeout=30)
-
     def test_refusals_at_start_exit_2_for_configuration_and_1_for_the_server(self):
-        # Which field each refusal names is the gateway's unit tests; here the exit codes.
-        missing_dir = os.path.join(self.dir.name, "missing", "status.json")
-        cases = [((), '{"logging":{}}', 2, "logging: unknown field"),
-                 ((), '{"server":', 2, "not valid JSON"),
-                 (("--port", "http"), None, 2, "server.httpPort"),
-                 (("--status-file", missing_dir), None, 2, "statusFile"),
-                 (("--port", str(h.free_port()), "--plugin", os.path.join(self.dir.name, "none.so")), None, 1,
-                  "cannot load the plug-in")]
-        for args, config, code, text in cases:
-            with self.subTest(text):
-                result = self.run_gateway(*args, config=config)
-                self.assertEqual(result.returncode, code, result.stderr)
-                self.assertIn(text, result.stderr)
-        # Identity tokens on with a key file the identity library cannot use: exit 1, the path named.
-        key_file = os.path.join(self.dir.name, "identify.key")
+        # Which field each refusal names is the gateway's unit tests; here the exit codes and reasons.
+        folder = tempfile.TemporaryDirectory(prefix="gateway-e2e-")
+        self.addCleanup(folder.cleanup)
+        media, missing_media = os.path.join(folder.name, "media"), os.path.join(folder.name, "recordngs")
+        os.makedirs(media)
+        key_file = os.path.join(folder.name, "identify.key")
         with open(key_file, "w") as out:
             out.write("not a key")
-        config_path = os.path.join(self.dir.name, "identify.json")
-        with open(config_path, "w") as out:
-            out.write('{"auth": {"supportIdentifyToken": true}}')
-        result = subprocess.run([h.GATEWAY, "--port", str(h.free_port()), "--media", self.dir.name,
-                                 "--config", config_path], capture_output=True, text=True, timeout=30,
-                                env=dict(os.environ, IDENTIFY_KEY_FILE=key_file))
-        self.assertEqual(result.returncode, 1, result.stderr)
-        self.assertIn(key_file + " is not a 32-byte key file", result.stderr)
-
-        # Demo data only where asked: a media folder that is missing is an error, not created.
-        missing_media = os.path.join(self.dir.name, "recordngs")
-        result = subprocess.run([h.GATEWAY, "--port", str(h.free_port()), "--media", missing_media],
-                                capture_output=True, text=True, timeout=30)
-        self.assertEqual(result.returncode, 2, result.stderr)
-        self.assertIn(missing_media + " is not a folder", result.stderr)
+        taken = socket.socket()
+        self.addCleanup(taken.close)
+        taken.bind(("127.0.0.1", 0))
+        taken.listen()
+        port = str(taken.getsockname()[1])
+        free = lambda: str(h.free_port())  # noqa: E731
+        cases = [  # configuration, arguments, exit code, what stderr says
+            ('{"logging":{}}', (), 2, "logging: unknown field"),
+            ('{"server":', (), 2, "not valid JSON"),
+            (None, ("--port", "http"), 2, "server.httpPort"),
+            (None, ("--status-file", os.path.join(folder.name, "no", "status.json")), 2, "statusFile"),
+            (None, ("--port", free(), "--admin", "::1:9464"), 2, "admin.listen: "),
+            # Demo data only where asked: a media folder that is missing is an error, not created.
+            (None, ("--port", free(), "--media", missing_media), 2, missing_media + " is not a folder"),
+            (None, ("--port", free(), "--plugin", os.path.join(folder.name, "none.so")), 1, "cannot load the plug-in"),
+            (None, ("--port", port, "--plugin", h.PLUGIN), 1, "CreateServer"),
+            (None, ("--port", free(), "--admin", "127.0.0.1:" + port, "--plugin", h.PLUGIN), 1,
+             "admin endpoint cannot listen on 127.0.0.1:%s: Address already in use" % port),
+            # Identity tokens on with a key file the identity library cannot use: the path named.
+            ('{"auth": {"supportIdentifyToken": true}}', ("--port", free()), 1, key_file + " is not a 32-byte key file"),
+        ]
+        for config, args, code, text in cases:
+            with self.subTest(text):
+                command = [h.GATEWAY, "--media", media, *args]
+                if config is not None:
+                    with open(os.path.join(folder.name, "gateway.json"), "w") as out:
+                        out.write(config)
+                    command += ["--config", os.path.join(folder.name, "gateway.json")]
+                result = subprocess.run(command, capture_output=True, text=True, timeout=30,
+                                        env=dict(os.environ, IDENTIFY_KEY_FILE=key_file))
+                self.assertEqual(result.returncode, code, result.stderr)
+                self.assertIn(text, result.stderr)
         self.assertFalse(os.path.exists(missing_media))
-        # A taken port, the plug-in's or the admin endpoint's, stops the start with exit 1 and its reason;
-        # a malformed admin address is a configuration refusal.
-        with socket.socket() as taken:
-            taken.bind(("127.0.0.1", 0))
-            taken.listen()
-            port = str(taken.getsockname()[1])
-            result = self.run_gateway("--port", port, "--plugin", h.PLUGIN)
-            self.assertEqual(result.returncode, 1, result.stderr)
-            self.assertIn("CreateServer", result.stderr)
-            result = self.run_gateway("--port", str(h.free_port()), "--admin", "127.0.0.1:" + port, "--plugin",
-                                      h.PLUGIN)
-            self.assertEqual(result.returncode, 1, result.stderr)
-            self.assertIn("admin endpoint cannot listen on 127.0.0.1:%s: Address already in use" % port, result.stderr)
-        for malformed in ("localhost:9464", "127.0.0.1:0", "::1:9464"):
-            result = self.run_gateway("--port", str(h.free_port()), "--admin", malformed)
-            self.assertEqual(result.returncode, 2, result.stderr)
-            self.assertIn("admin.listen: ", result.stderr)
 
 
 class DefaultsWithoutConfigFile(h.GatewayCase):
