@@ -1,24 +1,25 @@
 #include "RecordingStream.h"
 
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "Logger.h"
 #include "StreamBlocks.h"
 
-RecordingStream::RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics,
-                                 Logger& log)
+RecordingStream::RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, BlockPool& blocks,
+                                 GatewayMetrics& metrics, Logger& log)
     : m_setup(std::move(setup)),
       m_data(data),
       m_metrics(metrics),
       m_log(log),
       m_slices(sliceBody(m_setup.part.part, kStreamHeadSize, m_setup.fileLength)),
       m_opened(std::chrono::steady_clock::now()),
+      m_blocks(blocks),
       m_stopRequested(false),
       m_bytesSent(0),
       m_started(false)
@@ -29,9 +30,7 @@ RecordingStream::~RecordingStream()
 {
     stop();
     close(m_setup.fd);
-    if (m_buffer) {
-        munmap(m_buffer, m_setup.blockSize);
-    }
+    m_blocks.release(m_buffer);
 }
 
 bool RecordingStream::prepare()
@@ -39,15 +38,8 @@ bool RecordingStream::prepare()
     if (m_buffer) {
         return true;
     }
-    // Mapped straight from the system rather than taken from malloc: the allocator kept
-    // freed blocks of this size in its per-thread arenas, so after each burst of downloads
-    // the process held on to tens of megabytes more. An unmapped block is gone.
-    void* block = mmap(nullptr, m_setup.blockSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (block == MAP_FAILED) {
-        return false;
-    }
-    m_buffer = static_cast<unsigned char*>(block);
-    return true;
+    m_buffer = m_blocks.acquire();
+    return m_buffer != nullptr;
 }
 
 bool RecordingStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server)
@@ -67,9 +59,8 @@ bool RecordingStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& serve
         return true;
     }
     setOutcome(DownloadOutcome::kStopped, "running");
-    try {
-        m_thread = std::thread(&RecordingStream::deliver, this, &server, known != nullptr);
-    } catch (const std::system_error&) {
+    const bool openingSent = known != nullptr;
+    if (!m_thread.start([this, &server, openingSent] { deliver(&server, openingSent); })) {
         setOutcome(DownloadOutcome::kNotStarted, "not started: no thread");
         return false;
     }

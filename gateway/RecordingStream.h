@@ -12,8 +12,9 @@
 #include <cstdint>
 #include <mutex>
 #include <string>
-#include <thread>
 
+#include "BlockPool.h"
+#include "DeliveryThread.h"
 #include "DownloadRange.h"
 #include "GatewayMetrics.h"
 #include "MediaLibrary.h"
@@ -42,8 +43,10 @@ struct DownloadSetup {
 
 class RecordingStream {
 public:
-    // Takes over the setup's fd. Every block sent is counted in metrics as it goes.
-    RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics, Logger& log);
+    // Takes over the setup's fd. Every block sent is counted in metrics as it goes; the
+    // block the file is read into comes from blocks (of setup.blockSize bytes).
+    RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, BlockPool& blocks,
+                    GatewayMetrics& metrics, Logger& log);
     ~RecordingStream();
     RecordingStream(const RecordingStream&) = delete;
     RecordingStream& operator=(const RecordingStream&) = delete;
@@ -56,7 +59,7 @@ public:
     uint64_t bodyLength() const { return m_slices.headLength + m_slices.fileLength; }
     double secondsOpen() const;
 
-    // Maps the one block buffer the stream reads into; false when memory is short.
+    // Takes the one block buffer the stream reads into; false when memory is short.
     bool prepare();
     // Starts the delivery once: sends the opening blocks at once when the server is known,
     // and starts the thread that sends the rest (it waits for the server to be known).
@@ -85,11 +88,12 @@ private:
     const BodySlices m_slices;
     const std::chrono::steady_clock::time_point m_opened;
 
-    unsigned char* m_buffer = nullptr;  // m_blockSize bytes; used by the delivery thread only, once started
+    BlockPool& m_blocks;
+    unsigned char* m_buffer = nullptr;  // a block of m_blocks; used by the delivery thread only, once started
     std::atomic<bool> m_stopRequested;
     std::atomic<uint64_t> m_bytesSent;
     std::mutex m_controlLock;  // guards m_thread and m_started; held while joining
-    std::thread m_thread;
+    DeliveryThread m_thread;
     bool m_started;
     std::mutex m_outcomeLock;  // separate: the delivery thread writes the outcome while stop() joins it
     DownloadOutcome m_outcome = DownloadOutcome::kNotStarted;

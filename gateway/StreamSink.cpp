@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -30,6 +31,7 @@ StreamSink::StreamSink(const MediaCatalog& catalog, size_t blockSize, GatewayMet
                        Logger& log, TalkDevices* talks)
     : m_catalog(catalog),
       m_blockSize(blockSize),
+      m_blocks(blockSize, std::max<size_t>(1, kKeptBlockBytes / blockSize)),
       m_metrics(metrics),
       m_accessLog(accessLog),
       m_log(log),
@@ -142,7 +144,7 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
         m_log.logf(kLogWarn, "%s: range \"%s\" is not one the plug-in writes; the whole body is sent",
                    recording->path.c_str(), rangeHead.c_str());
     }
-    auto stream = std::make_shared<RecordingStream>(std::move(setup), data, m_metrics, m_log);
+    auto stream = std::make_shared<RecordingStream>(std::move(setup), data, m_blocks, m_metrics, m_log);
     {
         std::lock_guard<std::mutex> guard(m_lock);
         m_streams[stream.get()] = stream;

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 
+#include "BlockPool.h"
 #include "MediaCatalog.h"
 #include "RecordingStream.h"
 #include "TalkStream.h"
@@ -59,6 +60,10 @@ private:
 
     const MediaCatalog& m_catalog;
     const size_t m_blockSize;
+    // Blocks of ended downloads kept for the next ones, up to this many bytes:
+    // a burst of downloads maps the rest again, and unmaps it at its end.
+    static constexpr size_t kKeptBlockBytes = 8 * 1024 * 1024;
+    BlockPool m_blocks;
     GatewayMetrics& m_metrics;
     AccessLog* m_accessLog;
     Logger& m_log;
