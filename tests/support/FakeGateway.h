@@ -1,20 +1,37 @@
-// A gateway in miniature for the plug-in's tests: a filter chain that records
-// every RTSP request and may refuse it, and a server sink that delivers a
-// generated recording on its own thread, as a real gateway does, and plays a
-// talking device: it sends device audio to a talk and records what the client
-// says.
+// A gateway in miniature for the plug-in's tests: a utility sink that answers
+// from a map of settings, a filter chain that records every RTSP request and
+// may refuse it, and a server sink that delivers a generated recording on its
+// own thread, as a real gateway does, and plays a talking device: it sends
+// device audio to a talk and records what the client says.
 #ifndef TESTS_SUPPORT_FAKEGATEWAY_H
 #define TESTS_SUPPORT_FAKEGATEWAY_H
 
 #include <atomic>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <ProtocolFilter.h>
-#include <ProtocolWrapper.h>
+#include <HttpProtocolWrapper.h>
+
+// The gateway's settings and log output. Header-only: the host's test, which
+// loads the plug-in as a library, uses it too.
+class TestUtilitySink : public IProtocolWrapperUtilitySink {
+public:
+    const char* GetGatewayName() override { return "test-gateway"; }
+    int GetConfigValue(const std::string& key, std::string& value) override
+    {
+        return config.count(key) != 0 ? (value = config[key], 0) : -1;
+    }
+    int SetConfigValue(const std::string& key, const std::string& value) override { return config[key] = value, 0; }
+    int GetLogLevel() override { return 2; }
+    void OutputLog(int, const char*, const char*) override { ++lines; }
+
+    std::map<std::string, std::string> config;
+    std::atomic<int> lines{0};  // forwarded log lines
+};
 
 // Polls the condition until it holds (true) or timeoutMs pass (false).
 bool eventually(const std::function<bool()>& condition, int timeoutMs = 10000);

@@ -6,28 +6,11 @@
 
 #include <gtest/gtest.h>
 
-#include <map>
 #include <string>
 #include <thread>
 
-#include <HttpProtocolWrapper.h>
-
 #include "FakeGateway.h"
-#include "RawHttpClient.h"
-
-class TestUtilitySink : public IProtocolWrapperUtilitySink {
-public:
-    const char* GetGatewayName() override { return "test-gateway"; }
-    int GetConfigValue(const std::string& key, std::string& value) override
-    {
-        return config.count(key) != 0 ? (value = config[key], 0) : -1;
-    }
-    int SetConfigValue(const std::string& key, const std::string& value) override { return config[key] = value, 0; }
-    int GetLogLevel() override { return 2; }
-    void OutputLog(int, const char*, const char*) override {}
-
-    std::map<std::string, std::string> config;
-};
+#include "TestClient.h"
 
 class PluginFixture : public ::testing::Test {
 protected:

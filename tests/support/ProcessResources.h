@@ -1,5 +1,4 @@
 // What the test process holds, to show that something left nothing behind.
-// Header-only, for the suites that link no support library.
 #ifndef TESTS_SUPPORT_PROCESSRESOURCES_H
 #define TESTS_SUPPORT_PROCESSRESOURCES_H
 

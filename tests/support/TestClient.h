@@ -1,14 +1,17 @@
-// A raw loopback TCP client: sends exact bytes, reads exact bytes. Header-only,
-// for the suites that link no support library.
+// A raw loopback TCP client: sends exact bytes, reads exact bytes; and on it an
+// HTTP client for tests that check exact framing. Header-only, for the suites
+// that link no support library.
 #ifndef TESTS_SUPPORT_TESTCLIENT_H
 #define TESTS_SUPPORT_TESTCLIENT_H
 
 #include <arpa/inet.h>
 #include <poll.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <string>
 
@@ -99,4 +102,59 @@ private:
 
 }  // namespace nettest
 
-#endif
+struct RawResponse {
+    bool complete = false;  // the server closed, or a chunked body ended
+    std::string raw;        // every byte received
+    int status = 0;
+    std::string body;  // as sent (chunked bodies still framed)
+
+    // The value of a header of the head (name in lower case), "" when absent.
+    std::string header(const std::string& name) const
+    {
+        std::string head = raw.substr(0, raw.find("\r\n\r\n") + 2);
+        std::transform(head.begin(), head.end(), head.begin(), [](unsigned char c) { return std::tolower(c); });
+        size_t start = head.find("\r\n" + name + ":");
+        if (start == std::string::npos) {
+            return "";
+        }
+        start = raw.find_first_not_of(' ', start + name.size() + 3);
+        return raw.substr(start, raw.find("\r\n", start) - start);
+    }
+};
+
+class RawHttpClient : public nettest::TestClient {
+public:
+    explicit RawHttpClient(int port) : m_port(port) {}
+
+    // Sends the request on a new connection.
+    bool start(const std::string& request) { return close(), connectTo(m_port) && send(request); }
+
+    // Sends the request and reads until the server closes, a chunked body ends
+    // (the server then waits for the client to close), or timeoutMs pass
+    // without a byte.
+    RawResponse exchange(const std::string& request, int timeoutMs = 5000)
+    {
+        RawResponse response;
+        if (!start(request)) {
+            return response;
+        }
+        for (std::string piece; !response.complete && !(piece = receiveSome(65536, timeoutMs)).empty();) {
+            response.raw += piece;
+            response.complete = response.raw.size() > 7 &&
+                                response.raw.compare(response.raw.size() - 7, 7, "\r\n0\r\n\r\n") == 0 &&
+                                response.header("transfer-encoding") == "chunked";
+        }
+        response.complete = response.complete || waitForClose(0);  // closed, or silent for timeoutMs
+        size_t headEnd = response.raw.find("\r\n\r\n");
+        if (headEnd != std::string::npos) {
+            response.status = atoi(response.raw.c_str() + 9);
+            response.body = response.raw.substr(headEnd + 4);
+        }
+        return response;
+    }
+
+private:
+    int m_port;
+};
+
+#endif  // TESTS_SUPPORT_TESTCLIENT_H

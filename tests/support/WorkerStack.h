@@ -1,6 +1,6 @@
 // Runs a piece of code on a thread whose stack is a request worker's (256 KiB),
 // so that a parser that recurses on its input fails the test by overflowing
-// here instead of in the field. Header-only: the fuzz targets use it too.
+// here instead of in the field.
 #ifndef TESTS_SUPPORT_WORKERSTACK_H
 #define TESTS_SUPPORT_WORKERSTACK_H
 

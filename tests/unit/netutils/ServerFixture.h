@@ -89,12 +89,6 @@ protected:
         return m_ends[handle];
     }
 
-    size_t requestCount()
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_ends.size();
-    }
-
     static int stageHeader(int handle, const std::string& name, const std::string& value)
     {
         return NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, name.c_str(), static_cast<int>(name.size()),

@@ -15,50 +15,25 @@ using nettest::ServerTest;
 using nettest::TestClient;
 using Clock = std::chrono::steady_clock;
 
-TEST_F(ServerTest, OneShotRepliesAreExactOnTheWireAndEndTheConnection)
+TEST_F(ServerTest, OneShotReplyIsExactOnTheWireAndEndsTheConnection)
 {
     startListen();
-    const struct {
-        int status;
-        std::vector<std::pair<std::string, std::string>> headers;
-        std::string body;
-        int written;
-        std::string wire;
-    } cases[] = {
-        {201,
-         {{"Content-Type", "application/json"}, {"X-B", "2"}},
-         "{\"a\":1}",
-         7,
-         "HTTP/1.1 201 Created\r\nContent-Type: application/json\r\nX-B: 2\r\nConnection: close\r\n"
-         "Content-Length: 7\r\n\r\n{\"a\":1}"},
-        {403, {}, "", 0, "HTTP/1.1 403 Forbidden\r\nConnection: close\r\nContent-Length: 0\r\n\r\n"},
-        // Default status; the owner's length wins, and nothing past it is written.
-        {0,
-         {{"content-length", "5"}, {"Connection", "keep-alive"}},
-         "12345678",
-         5,
-         "HTTP/1.1 200 OK\r\ncontent-length: 5\r\nConnection: close\r\n\r\n12345"},
-    };
-    int handle = -1;
-    for (const auto& c : cases) {
-        // Bytes after the request, in its last read or later, are read and ignored.
-        TestClient client;
-        const Request request =
-            sendRequest(client,
-                        "PUT /path?q=1&r=%41 HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 2\r\n\r\n"
-                        "okGET /two HTTP/1.1\r\n\r\n\x01\x02garbage");
-        handle = request.handle;
-        ASSERT_GT(handle, 0);
-        EXPECT_EQ(request.url + request.body, "/path?q=1&r=%41ok");
-        ASSERT_TRUE(client.send("more garbage after the request\r\n\r\n"));
-        EXPECT_EQ(stageHeader(handle, "X-Bad", "a\r\nb"), -1) << "a header cannot end the head";
-        EXPECT_EQ(NET_UTILS_GetLastError(), NET_ERR_PARAM);
-        EXPECT_EQ(replyWith(handle, c.status, c.headers, c.body), c.written);
-        EXPECT_EQ(client.receiveAll(3000), c.wire);
-        EXPECT_TRUE(client.waitForClose(100));
-        ASSERT_EQ(endCount(handle, 5000), 1) << "the owner learns at once that the connection is over";
-    }
-    EXPECT_EQ(requestCount(), 3u);
+    // Bytes after the request, in its last read or later, are read and ignored.
+    TestClient client;
+    const Request request = sendRequest(client,
+                                        "PUT /path?q=1&r=%41 HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 2\r\n\r\n"
+                                        "okGET /two HTTP/1.1\r\n\r\n\x01\x02garbage");
+    const int handle = request.handle;
+    ASSERT_GT(handle, 0);
+    EXPECT_EQ(request.url + request.body, "/path?q=1&r=%41ok");
+    ASSERT_TRUE(client.send("more garbage after the request\r\n\r\n"));
+    EXPECT_EQ(stageHeader(handle, "X-Bad", "a\r\nb"), -1) << "a header cannot end the head";
+    EXPECT_EQ(NET_UTILS_GetLastError(), NET_ERR_PARAM);
+    // The default status; the owner's length wins, nothing past it is written, and the connection is not kept.
+    EXPECT_EQ(replyWith(handle, 0, {{"content-length", "5"}, {"Connection", "keep-alive"}}, "12345678"), 5);
+    EXPECT_EQ(client.receiveAll(3000), "HTTP/1.1 200 OK\r\ncontent-length: 5\r\nConnection: close\r\n\r\n12345");
+    EXPECT_TRUE(client.waitForClose(100));
+    ASSERT_EQ(endCount(handle, 5000), 1) << "the owner learns at once that the connection is over";
     // The handle stays known until the owner closes it: replies fail with "closed", the request stays
     // readable (an owner that sets up after the client left still learns the handle it must close).
     EXPECT_EQ(NET_HTTPSERVER_Reply(handle, 0), -1);
@@ -72,16 +47,13 @@ TEST_F(ServerTest, OneShotRepliesAreExactOnTheWireAndEndTheConnection)
     EXPECT_EQ(NET_UTILS_GetLastError(), NET_ERR_HANDLE);
 }
 
-TEST_F(ServerTest, HeadersAreFoundWithoutRegardToCaseAndMustFit)
+TEST_F(ServerTest, HeaderValuesAreFoundWithoutRegardToCaseAndMustFit)
 {
     startListen();
     TestClient client;
-    const int handle =
-        sendRequest(client, "GET / HTTP/1.1\r\nHOST: camera.local:8081\r\nX-Forwarded-For: 10.0.0.7\r\n\r\n").handle;
+    const int handle = sendRequest(client, "GET / HTTP/1.1\r\nX-Forwarded-For: 10.0.0.7\r\n\r\n").handle;
     ASSERT_GT(handle, 0);
     char value[32];
-    ASSERT_EQ(NET_HTTPSERVER_GetParamV2(handle, 0, 255, "HostX", 4, value, sizeof(value)), 0) << "4 bytes of name";
-    EXPECT_STREQ(value, "camera.local:8081");
     ASSERT_EQ(NET_HTTPSERVER_GetParamV2(handle, 0, 255, "x-forwarded-FOR", 15, value, 9), 0) << "fits exactly";
     EXPECT_STREQ(value, "10.0.0.7");
     const struct {
@@ -113,22 +85,6 @@ TEST_F(ServerTest, ContinueIsSentBeforeAnAnnouncedBody)
     EXPECT_EQ(waitForRequest().body, "abc");
 }
 
-TEST_F(ServerTest, OnlyTheLastFiniStopsTheLibrary)
-{
-    startListen();
-    ASSERT_EQ(NET_UTILS_Init(), 0);
-    ASSERT_EQ(NET_UTILS_Fini(), 0);
-    TestClient client;
-    EXPECT_GT(sendRequest(client, "GET / HTTP/1.1\r\n\r\n").handle, 0) << "the listener outlives a Fini not the last";
-
-    TearDown();  // the last Fini
-    NET_HTTPSERVER_LISTEN_PARAM param{};
-    param.fnCallback = [](int, void*, void*) {};
-    EXPECT_EQ(NET_HTTPSERVER_CreateListen(&param), -1);
-    EXPECT_EQ(NET_UTILS_GetLastError(), NET_ERR_NOT_INIT);
-    EXPECT_EQ(NET_UTILS_Init(), 0);  // for the fixture's own TearDown
-}
-
 TEST_F(ServerTest, RefusedRequestsAreAnsweredAtOnceWithoutCallback)
 {
     startListen();
@@ -138,13 +94,11 @@ TEST_F(ServerTest, RefusedRequestsAreAnsweredAtOnceWithoutCallback)
     const std::string notAllowed = "HTTP/1.1 405 Method Not Allowed\r\nAllow: GET, PUT, POST, DELETE\r\n" + end;
     const std::pair<std::string, std::string> cases[] = {
         {"\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03 not http\r\n\r\n", bad},
-        {"GET /" + std::string(9000, 'a') + " HTTP/1.1\r\n\r\n", tooLarge},
         // The client goes on sending after the refusal: the server reads and drops it, so
         // that a reset does not destroy the 413 before the client has read it.
         {"POST / HTTP/1.1\r\nContent-Length: 3000000\r\n\r\n" + std::string(512 * 1024, 'x'), tooLarge},
         // Refused at the request line: the server waits neither for the rest nor for its receive time-out.
         {"HEAD /QUMEX/ContentMgmt/download HTTP/1.1\r\nHost: a\r\n\r\n", notAllowed},
-        {"OPTIONS * HTTP/1.1\r\nHost: a\r\n\r\n", notAllowed},
         {"PATCH /x HTTP/1.1\r\n", notAllowed},
     };
     for (const auto& c : cases) {
@@ -154,7 +108,7 @@ TEST_F(ServerTest, RefusedRequestsAreAnsweredAtOnceWithoutCallback)
         EXPECT_EQ(client.receiveAll(3000), c.second) << c.first.substr(0, 40);
         EXPECT_TRUE(client.waitForClose(100)) << c.first.substr(0, 40);
     }
-    EXPECT_EQ(requestCount(), 0u);
+    EXPECT_EQ(waitForRequest(0).handle, -1) << "a request reached the owner";
 }
 
 TEST_F(ServerTest, StalledRequestIsClosedSilentlyAfterTheReceiveTimeout)
@@ -170,7 +124,7 @@ TEST_F(ServerTest, StalledRequestIsClosedSilentlyAfterTheReceiveTimeout)
     EXPECT_TRUE(inHeaders.waitForClose(5000));
     EXPECT_TRUE(inBody.waitForClose(5000));
     EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(250));
-    EXPECT_EQ(requestCount(), 0u);
+    EXPECT_EQ(waitForRequest(0).handle, -1) << "a request reached the owner";
 }
 
 namespace {

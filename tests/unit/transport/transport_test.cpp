@@ -1,7 +1,7 @@
-// The transport: the socket helpers, and the TCP and UDP transmitters on a completion queue. Failed opens
-// leave nothing behind, checked sends over the backlog limit are refused and logged once, a head and its
-// payload stay adjacent, receivers post again from inside their completions, and nothing reaches an owner
-// after Close.
+// The transport: the socket helpers, and the TCP transmitter on a completion queue, as the audio channel
+// uses them. Failures leave nothing behind, checked sends over the backlog limit are refused and logged once,
+// a head and its payload stay adjacent, receivers post again from inside their completions, and nothing
+// reaches an owner after Close.
 #include <gtest/gtest.h>
 #include <zrt/zrt.h>
 
@@ -17,20 +17,26 @@
 #include <thread>
 #include <vector>
 
-#include "CompletionCounter.h"
+#include "AsyncIoKit.h"
 #include "LogCapture.h"
 #include "ProcessResources.h"
 #include "frame/ErrorCodes.h"
 #include "transport/IocpTcpTransmitter.h"
-#include "transport/IocpUdpTransmitter.h"
 #include "transport/SocketHelpers.h"
 
 using namespace HttpWrapper;
 using testsupport::countCompletion;
 using testsupport::Counter;
+using testsupport::makeTcpPair;
 using testsupport::openDescriptorCount;
 
 namespace {
+
+// The transmitters take their callbacks untyped.
+void* untyped(void (*callback)(unsigned long, unsigned long, void*))
+{
+    return reinterpret_cast<void*>(callback);
+}
 
 bool readExactly(int sock, char* out, size_t length)
 {
@@ -41,8 +47,8 @@ bool readExactly(int sock, char* out, size_t length)
     return got > 0;
 }
 
-// A completion queue per test, and TCP pairs made with the transport's own helpers: a test hands m_client to
-// a transmitter's Open, which owns it from then on; m_server stays the test's.
+// A completion queue per test, and TCP pairs: a test hands m_client to a transmitter's Open, which owns it
+// from then on; m_server stays the test's.
 class Transport : public ::testing::Test {
 protected:
     void TearDown() override
@@ -51,19 +57,7 @@ protected:
         EXPECT_EQ(ZRT_AsyncIO_DestroyQueueEx(m_queue), 0);
     }
 
-    bool connectPair()
-    {
-        close(m_server);
-        int listener = Listen("127.0.0.1", 0);
-        ZRT_ADDR_T address;
-        if (listener < 0 || ZRT_GetSockName(listener, &address) != 0) {
-            return false;
-        }
-        m_client = Connect(nullptr, 0, "127.0.0.1", ZRT_GetAddrPort(&address), 5000);
-        m_server = Accept(listener, nullptr, 5000);
-        CloseSocket(listener);
-        return m_client >= 0 && m_server >= 0;
-    }
+    bool connectPair() { return close(m_server), makeTcpPair(m_client, m_server); }
 
     void* m_queue = ZRT_AsyncIO_CreateQueueEx_New(4);
     int m_client = -1;
@@ -103,8 +97,8 @@ TEST_F(Transport, FailedTcpOpenClosesTheSocketAndLeavesNothingToUse)
     CIocpTcpTransmitter noSocket(m_queue);
     EXPECT_EQ(noSocket.Open(ZRT_INVALID_SOCKET), HPW_ERR_THREAD);
     char byte = 0;
-    EXPECT_EQ(noSocket.SendData(&byte, 1, (void*)countCompletion, nullptr, 0), -1);
-    EXPECT_EQ(noSocket.RecvData(&byte, 1, (void*)countCompletion, nullptr), -1);
+    EXPECT_EQ(noSocket.SendData(&byte, 1, untyped(countCompletion), nullptr, 0), -1);
+    EXPECT_EQ(noSocket.RecvData(&byte, 1, untyped(countCompletion), nullptr), -1);
     EXPECT_EQ(noSocket.PostIoEvent(0, 0), -1);
     EXPECT_EQ(noSocket.GetBuffer(16), nullptr);
 }
@@ -136,8 +130,8 @@ TEST_F(Transport, CheckedTcpSendsOverTheBacklogLimitAreRefusedAndLoggedOnce)
         CIocpTcpTransmitter transmitter(m_queue, c.own);
         ASSERT_EQ(transmitter.Open(m_client), 0);
         auto send = [&](char* data, size_t length, int checkLimit) {
-            return transmitter.SendData(data, static_cast<int>(length), reinterpret_cast<void*>(countCompletion),
-                                        &completions, checkLimit);
+            return transmitter.SendData(data, static_cast<int>(length), untyped(countCompletion), &completions,
+                                        checkLimit);
         };
         const int accepted = std::min<int>(c.global, c.own);
         ASSERT_EQ(send(bulk.data(), bulk.size(), 1), 0);
@@ -204,7 +198,7 @@ TEST_F(Transport, TcpHeadAndPayloadStayAdjacentWhenThreadsSendAtOnce)
             for (int i = s * kFrames; i < (s + 1) * kFrames; ++i) {
                 EXPECT_EQ(
                     transmitter.SendData(reinterpret_cast<char*>(&heads[i]), static_cast<int>(sizeof(Frame)),
-                                         &payloads[i][0], heads[i].length, (void*)countCompletion, &completions, 0),
+                                         &payloads[i][0], heads[i].length, untyped(countCompletion), &completions, 0),
                     0);
             }
         });
@@ -246,7 +240,7 @@ struct Receiver {
             self->received += "<aborted>";
         } else if (error == 0 && bytes > 0) {
             self->received.append(self->buffer, bytes);
-            EXPECT_EQ(self->transmitter->RecvData(self->buffer, 64, (void*)onReceived, self), 0);
+            EXPECT_EQ(self->transmitter->RecvData(self->buffer, 64, untyped(onReceived), self), 0);
         }
         self->completions.add();
     }
@@ -262,7 +256,7 @@ TEST_F(Transport, TcpReceiversPostAgainFromInsideTheirCompletionsAndHearNothingA
     receiver.buffer = transmitter.GetBuffer(64);
     ASSERT_NE(receiver.buffer, nullptr);
     EXPECT_EQ(receiver.buffer[64], 0);
-    ASSERT_EQ(transmitter.RecvData(receiver.buffer, 64, (void*)Receiver::onReceived, &receiver), 0);
+    ASSERT_EQ(transmitter.RecvData(receiver.buffer, 64, untyped(Receiver::onReceived), &receiver), 0);
     ASSERT_EQ(transmitter.PostIoEvent(static_cast<int>(ZRT_ASYNCIO_ABORTED), 0), 0);
     ASSERT_TRUE(receiver.completions.waitFor(1));
     for (int round = 2; round <= 3; ++round) {
@@ -278,79 +272,8 @@ TEST_F(Transport, TcpReceiversPostAgainFromInsideTheirCompletionsAndHearNothingA
     EXPECT_EQ(receiver.received, "<aborted>onetwo");
     char byte;
     EXPECT_EQ(recv(m_server, &byte, 1, 0), 0);  // the peer sees the close
-    EXPECT_EQ(transmitter.RecvData(&byte, 1, (void*)countCompletion, &receiver.completions), -1);
+    EXPECT_EQ(transmitter.RecvData(&byte, 1, untyped(countCompletion), &receiver.completions), -1);
     EXPECT_EQ(transmitter.PostIoEvent(0, 0), -1);
-}
-
-struct Datagram {
-    char buffer[64] = {};
-    ZRT_ADDR_T from{};
-    unsigned long bytes = 0;
-    Counter done;
-
-    static void onReceived(unsigned long error, unsigned long bytes, void* context)
-    {
-        static_cast<Datagram*>(context)->bytes = error == 0 ? bytes : 0;
-        static_cast<Datagram*>(context)->done.add();
-    }
-};
-
-// A UDP port that was free a moment ago, or the socket holding it.
-int holdUdpPort(unsigned short& port)
-{
-    int sock = ZRT_CreateSocket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
-    ZRT_ADDR_T address;
-    ZRT_MakeAddrByString(&address, "127.0.0.1", 0);
-    ZRT_Bind(sock, &address);
-    ZRT_GetSockName(sock, &address);
-    port = ZRT_GetAddrPort(&address);
-    return sock;
-}
-
-TEST_F(Transport, UdpOpenWithoutAPortSendsAndOpenWithOneReceives)
-{
-    Datagram first;  // the datagrams outlive the transmitters and their completions
-    Datagram second;
-    Counter sent;
-    unsigned short port = 0;
-    close(holdUdpPort(port));
-    CIocpUdpTransmitter receiver(m_queue);
-    ASSERT_EQ(receiver.Open("127.0.0.1", port), 0);
-    CIocpUdpTransmitter sender(m_queue);
-    ASSERT_EQ(sender.Open("127.0.0.1", 0), 0);
-
-    ASSERT_EQ(receiver.RecvData(first.buffer, sizeof first.buffer, &first.from, (void*)Datagram::onReceived, &first),
-              0);
-    ZRT_ADDR_T to;
-    ASSERT_EQ(ZRT_MakeAddrByString(&to, "127.0.0.1", port), 0);
-    char head[] = "HEAD";
-    char payload[] = "payload";
-    ASSERT_EQ(sender.SendData(head, 4, payload, 7, &to, (void*)countCompletion, &sent, 0), 0);
-    ASSERT_TRUE(sent.waitFor(2));
-    ASSERT_TRUE(first.done.waitFor(1));
-    EXPECT_EQ(std::string(first.buffer, first.bytes), "HEAD");
-    EXPECT_NE(ZRT_GetAddrPort(&first.from), 0);  // the system gave the sender a port at its first send
-
-    // The first receive's callback and context stay: this one's are ignored.
-    ASSERT_EQ(
-        receiver.RecvData(second.buffer, sizeof second.buffer, &second.from, (void*)Datagram::onReceived, &second), 0);
-    ASSERT_TRUE(first.done.waitFor(2));
-    EXPECT_EQ(std::string(second.buffer, first.bytes), "payload");
-    EXPECT_EQ(second.done.count(), 0);
-}
-
-TEST_F(Transport, UdpOpenOnAPortInUseFailsWithNothingLeftOpen)
-{
-    LogCapture log;
-    unsigned short port = 0;
-    const int holder = holdUdpPort(port);
-    const int before = openDescriptorCount();
-    CIocpUdpTransmitter transmitter(m_queue);
-    EXPECT_EQ(transmitter.Open("127.0.0.1", port), HPW_ERR_BIND);
-    EXPECT_TRUE(log.contains("] [0x01930822] - HttpProtocolWrapper CIocpUdpTransmitter Open fail, ZRT_Bind<127.0.0.1:" +
-                             std::to_string(port) + "> fail, errCode<98>"));
-    EXPECT_EQ(openDescriptorCount(), before);
-    close(holder);
 }
 
 }  // namespace

@@ -24,29 +24,7 @@ std::string readAndRemove(const char* path)
     return text.str();
 }
 
-void capture(int level, const char* module, const char* text, void* user)
-{
-    static_cast<std::vector<std::string>*>(user)->push_back(std::to_string(level) + "|" + module + "|" + text);
-}
-
 }  // namespace
-
-TEST(Wlog, ThresholdIsClampedAndFiltersWhatReachesTheHostOutput)
-{
-    const int saved = wlog_set_level(WLOG_WARN);
-    std::vector<std::string> lines;
-    wlog_set_output(capture, &lines);
-    wlog_format(WLOG_INFO, "M", "info %d", 2);
-    wlog_format(WLOG_WARN, "M", "warn %s=%d", "x", 3);
-    wlog_format(WLOG_ERROR, "M", "error %05.1f", 2.5);
-    wlog_set_output(nullptr, nullptr);
-    EXPECT_EQ(lines, (std::vector<std::string>{"4|M|warn x=3", "5|M|error 002.5"}));
-    EXPECT_FALSE(wlog_enabled(WLOG_INFO));
-    EXPECT_EQ(wlog_set_level(99), WLOG_WARN);
-    EXPECT_EQ(wlog_set_level(-3), WLOG_ERROR);
-    EXPECT_EQ(wlog_get_level(), WLOG_DEBUG);
-    wlog_set_level(saved);
-}
 
 // The built-in writer keeps the lines of concurrent writers whole and each writer's in order (one write(2) per
 // line), and cuts an overlong text rather than splitting it.
