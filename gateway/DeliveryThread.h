@@ -22,13 +22,19 @@ public:
 #endif
 
     DeliveryThread() = default;
-    ~DeliveryThread() { join(); }
+    ~DeliveryThread()
+    {
+        join();
+    }
     DeliveryThread(const DeliveryThread&) = delete;
     DeliveryThread& operator=(const DeliveryThread&) = delete;
 
     // False when no thread could be made.
     bool start(std::function<void()> body);
-    bool joinable() const { return m_started; }
+    bool joinable() const
+    {
+        return m_started;
+    }
     void join();
 
 private:
