@@ -558,8 +558,8 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("build_dir")
     parser.add_argument("--rounds", type=int, default=5, help="rounds per case and server (default 5)")
-    parser.add_argument("--block-size", type=int, default=65536,
-                        help="the gateway's stream block in bytes (default 65536, the gateway's own default)")
+    parser.add_argument("--block-size", type=int, default=32768,
+                        help="the gateway's stream block in bytes (default 32768, the gateway's own default)")
     parser.add_argument("--results", help="also write the table into this Markdown file")
     parser.add_argument("--cases", default=",".join(CASES),
                         help="comma-separated subset of %s (default all)" % ", ".join(CASES))

@@ -9,7 +9,7 @@
 //   "auth":   {"realm": "media-gateway", "nonceLifetimeSeconds": 300,
 //              "users": [{"name": "admin", "password": "gateway-demo"}],
 //              "supportSEPAuthMethod": false, "supportIdentifyToken": false},
-//   "media":  {"folder": "", "blockSize": 65536,
+//   "media":  {"folder": "", "blockSize": 32768,
 //              "devices": [{"devIndex": "<36 characters>", "name": "", "address": "127.0.0.1",
 //                           "rtspPort": 554, "folder": "<devIndex>"}]},
 //   "log":    {"level": "info", "file": "", "access": "", "format": "common"},
