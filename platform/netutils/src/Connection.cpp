@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <optional>
 #include <cstring>
 
 namespace netutils {
@@ -196,8 +197,13 @@ Connection::SendResult Connection::sendAll(iovec* iov, int count, size_t headLen
 {
     SendResult result{SendStatus::Done, headLength, 0};
     // While the head is going out the time-out bounds the whole head; afterwards it bounds
-    // the time in which the socket accepted nothing.
-    Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+    // the time in which the socket accepted nothing. The clock is read only when a wait
+    // begins, not per block: most blocks leave in one sendmsg.
+    const auto timeout = std::chrono::milliseconds(timeoutMs);
+    std::optional<Clock::time_point> deadline;
+    if (headLength > 0) {
+        deadline = Clock::now() + timeout;
+    }
     int first = 0;
     while (first < count) {
         if (isEnded()) {
@@ -214,18 +220,24 @@ Connection::SendResult Connection::sendAll(iovec* iov, int count, size_t headLen
             result.bodyBytes += static_cast<size_t>(sent) - fromHead;
             advance(iov, first, count, static_cast<size_t>(sent));
             if (result.headLeft == 0) {
-                deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+                deadline.reset();
             }
+            if (first >= count) {
+                break;
+            }
+            // A short write means the socket's buffer is full: wait for room rather than
+            // make a sendmsg that can only fail with EAGAIN.
+        } else if (sent < 0 && errno == EINTR) {
             continue;
-        }
-        if (sent < 0 && errno == EINTR) {
-            continue;
-        }
-        if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
+        } else if (sent < 0 && errno != EAGAIN && errno != EWOULDBLOCK) {
             result.status = SendStatus::Broken;
             return result;
         }
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        const Clock::time_point now = Clock::now();
+        if (!deadline) {
+            deadline = now + timeout;
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - now).count();
         if (left <= 0) {
             result.status = SendStatus::TimedOut;
             return result;
