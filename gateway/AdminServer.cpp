@@ -24,15 +24,6 @@ namespace {
 // most, and none of them may take threads from the delivery.
 constexpr size_t kAdminThreads = 2;
 
-const char* phaseName(GatewayPhase phase)
-{
-    switch (phase) {
-    case GatewayPhase::kReady: return "ready";
-    case GatewayPhase::kStopping: return "stopping";
-    default: return "starting";
-    }
-}
-
 }  // namespace
 
 AdminServer::AdminServer(const GatewayMetrics& metrics, StatusBoard& status, const MediaCatalog& catalog, Logger& log)

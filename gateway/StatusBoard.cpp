@@ -10,8 +10,6 @@
 #include "GatewayMetrics.h"
 #include "Logger.h"
 
-namespace {
-
 const char* phaseName(GatewayPhase phase)
 {
     switch (phase) {
@@ -20,8 +18,6 @@ const char* phaseName(GatewayPhase phase)
     default: return "starting";
     }
 }
-
-}  // namespace
 
 bool GatewayStatus::operator==(const GatewayStatus& other) const
 {

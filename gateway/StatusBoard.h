@@ -20,6 +20,9 @@ class Logger;
 
 enum class GatewayPhase { kStarting, kReady, kStopping };
 
+// "starting", "ready" or "stopping", as the status file and the health check show it.
+const char* phaseName(GatewayPhase phase);
+
 struct GatewayStatus {
     GatewayPhase phase = GatewayPhase::kStarting;
     int port = 0;
