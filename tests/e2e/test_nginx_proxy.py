@@ -1,7 +1,6 @@
 """Downloads through nginx arrive byte-exact, and the client address nginx forwards reaches the gateway."""
 import os
 import sys
-import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import gateway_harness as h  # noqa: E402
@@ -22,23 +21,18 @@ class NginxProxy(ResumeCase):
         proxied = [arg.replace("127.0.0.1:%d" % self.port, "127.0.0.1:%d" % self.proxy_port) for arg in args]
         return self.curl("--interface", CLIENT_ADDRESS, *extra, *proxied)
 
-    def test_content_length_download_is_byte_exact_and_carries_the_client_address(self):
+    def test_both_transfer_modes_and_the_xml_form_pass_through_and_carry_the_client_address(self):
         size = len(self.recordings[(h.DEVICE, "clip-a.bin")])
-        reply = self.download_via_nginx(h.json_download_args(self.port, h.playback_uri(name="clip-a.bin", size=size)))
-        self.assertEqual(reply.status, 200, self.log_tail())
-        self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
-        self.wait_for_status(lambda s: s.get("lastClientIP") == CLIENT_ADDRESS, "the client address forwarded")
-
-    def test_chunked_and_xml_downloads_pass_through_nginx(self):
-        reply = self.download_via_nginx(h.json_download_args(self.port, h.playback_uri()))
-        self.assertEqual(reply.status, 200, self.log_tail())
-        self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
         uri = "rtsp://127.0.0.1:8554/camera/%s/playback?starttime=%s&endtime=%s" % (h.CAMERA, h.START, h.END)
-        reply = self.download_via_nginx(h.xml_download_args(self.port, uri))
-        self.assertEqual(reply.status, 200, self.log_tail())
-        self.assert_recording_body(reply.body, h.CAMERA, "clip-c.bin")
-        self.wait_for_status(lambda s: s.get("closed") == 2 and s.get("lastClientIP") == CLIENT_ADDRESS,
-                             "both streams closed, client address forwarded")
+        for args, device, name in [
+                (h.json_download_args(self.port, h.playback_uri(name="clip-a.bin", size=size)), h.DEVICE, "clip-a.bin"),
+                (h.json_download_args(self.port, h.playback_uri()), h.DEVICE, "clip-a.bin"),
+                (h.xml_download_args(self.port, uri), h.CAMERA, "clip-c.bin")]:
+            reply = self.download_via_nginx(args)
+            self.assertEqual(reply.status, 200, self.log_tail())
+            self.assert_recording_body(reply.body, device, name)
+        self.wait_for_status(lambda s: s.get("closed") == 3 and s.get("lastClientIP") == CLIENT_ADDRESS,
+                             "all streams closed, client address forwarded")
 
     def test_broken_downloads_resume_through_nginx(self):
         body = self.full_body()
@@ -55,24 +49,9 @@ class NginxProxy(ResumeCase):
         self.assertEqual(reply.body, body)
 
 
-class NginxAppendingProxy(NginxProxy):
-    """nginx's common set-up appends to the client's list: "client, proxy" reaches the plug-in."""
-    FORWARDED = "$proxy_add_x_forwarded_for"
-
-    def test_a_forwarded_list_downloads_and_its_first_address_is_the_client(self):
-        size = len(self.recordings[(h.DEVICE, "clip-a.bin")])
-        args = h.json_download_args(self.port, h.playback_uri(name="clip-a.bin", size=size))
-        reply = self.download_via_nginx(args, "-H", "X-Forwarded-For: 203.0.113.7")
-        self.assertEqual(reply.status, 200, self.log_tail())
-        self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
-        self.wait_for_status(lambda s: s.get("lastClientIP") == "203.0.113.7", "the list's first address")
-        self.wait_for_log('client "203.0.113.7"')
-
-    # The inherited cases run here too: without a client header nginx sends the address alone.
-
-
 class ForwardedTextFromClients(h.GatewayCase):
-    """Without a proxy, any loopback client writes X-Forwarded-For as it likes."""
+    """Without a proxy, any loopback client writes X-Forwarded-For as it likes; "client, proxy" is also what
+    nginx's common $proxy_add_x_forwarded_for set-up passes on."""
 
     def test_a_list_downloads_and_hostile_text_chooses_nothing(self):
         args = h.json_download_args(self.port, h.playback_uri(name="clip-a.bin"))
@@ -80,6 +59,7 @@ class ForwardedTextFromClients(h.GatewayCase):
         self.assertEqual(reply.status, 200, self.log_tail())
         self.assert_recording_body(reply.body, h.DEVICE, "clip-a.bin")
         self.wait_for_status(lambda s: s.get("lastClientIP") == "203.0.113.7", "the list's first address")
+        self.wait_for_log('client "203.0.113.7"')
 
         reply = self.curl("-H", "X-Forwarded-For: a&devIndex=zzz", *args)
         self.assertEqual(reply.status, 200, self.log_tail())

@@ -4,10 +4,8 @@
 // hung-up talks, and nothing left behind afterwards.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstring>
 #include <regex>
-#include <thread>
 
 #include "PluginFixture.h"
 #include "frame/HttpServerWrapper.h"
@@ -322,34 +320,4 @@ TEST_F(Talk, AnIdleTalkIsDestroyedByTheTimeOutPasses)
     // Neither the device nor a client sends anything: gone after seven passes.
     EXPECT_TRUE(waitForTalks(0));
     EXPECT_EQ(standardRequest("close", 1).status, 400);  // nothing left to close
-}
-
-// The scripted client of a real talk: ten seconds of audio each way at the
-// codec's pace, byte-exact, then the close.
-TEST_F(Talk, TenSecondsOfAudioEachWayInRealTime)
-{
-    const size_t kTenSeconds = 160 * 500;  // PCMU: 160 bytes per 20 ms
-    sink.talkAudioBytes = kTenSeconds;
-    sink.talkPacketIntervalMs = 20;
-    std::string sessionId = openTalk(1);
-    ASSERT_FALSE(sessionId.empty());
-    nettest::TestClient listen, speak;
-    ASSERT_EQ(openLink(listen, link("GET", 1, sessionId)), kGetHead);
-    ASSERT_EQ(openLink(speak, link("PUT", 1, sessionId)), kPutHead);
-
-    std::string heard;
-    std::thread listener([&] { heard = listen.receiveAll(5000, kTenSeconds); });
-    const std::string spoken = spokenAudio(kTenSeconds);
-    auto next = std::chrono::steady_clock::now();
-    for (size_t offset = 0; offset < spoken.size(); offset += 160) {
-        ASSERT_TRUE(speak.send(spoken.substr(offset, 160)));
-        std::this_thread::sleep_until(next += std::chrono::milliseconds(20));
-    }
-    listener.join();
-    EXPECT_EQ(heard, FakeServerSink::deviceAudio(kTenSeconds));
-    ASSERT_TRUE(sink.waitForClientAudio(kTenSeconds));
-    EXPECT_EQ(sink.clientAudio(), spoken);
-    EXPECT_EQ(sink.clientPacketSizes(), std::vector<int>(500, 160));
-    EXPECT_EQ(standardRequest("close", 1).status, 200);
-    EXPECT_TRUE(waitForTalks(0));
 }

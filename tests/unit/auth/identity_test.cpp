@@ -9,15 +9,14 @@
 #include <HttpProtocolWrapper.h>
 #include <identify/Identify.h>
 
-#include "auth/Identity.h"
 #include "auth/IdentityCodes.h"
 
 using namespace HttpWrapper;
 
 namespace {
 
-// Each test gets its own key file; the library and the singleton are left
-// stopped whatever the test did.
+// Each test gets its own key file; the library is left stopped whatever the
+// test did.
 class IdentityTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -31,7 +30,6 @@ protected:
 
     void TearDown() override
     {
-        singleton<CIdentity>::free();
         while (Identify_Fini() == 0) {
         }
         std::filesystem::remove_all(m_dir);
@@ -92,26 +90,6 @@ TEST_F(IdentityTest, TooSmallBufferIsAnsweredWithTheTextSizeAndTheTextMustFit)
 
     EXPECT_EQ(IdentifyWrapper_Fini(true), 0);
     EXPECT_EQ(IdentifyWrapper_Check(token.c_str(), true), IDENTIFY_E_NOT_INIT);
-}
-
-TEST_F(IdentityTest, RunTimeLoadedLibraryIssuesAndChecksTokens)
-{
-    CIdentity* identity = singleton<CIdentity>::instance();
-    ASSERT_NE(identity, nullptr);
-    std::string token;
-    EXPECT_FALSE(identity->Apply(token));
-    ASSERT_TRUE(identity->Init());
-    ASSERT_TRUE(identity->Init());  // started already: one Fini still unloads
-    ASSERT_TRUE(identity->Apply(token));
-    EXPECT_TRUE(identity->Check(token));
-    EXPECT_FALSE(identity->Check("TW=E"));
-    std::string altered = token;
-    altered[4] = altered[4] == 'A' ? 'B' : 'A';
-    EXPECT_FALSE(identity->Check(altered));
-    EXPECT_EQ(IdentifyWrapper_Check(token.c_str(), true), 0);  // one library behind both adapters
-    EXPECT_TRUE(identity->Fini());
-    EXPECT_FALSE(identity->Apply(token));
-    EXPECT_FALSE(identity->Check(token));
 }
 
 }  // namespace

@@ -11,8 +11,6 @@
 using namespace HttpWrapper;
 using ::testing::_;
 using ::testing::DoAll;
-using ::testing::InSequence;
-using ::testing::Invoke;
 using ::testing::Return;
 using ::testing::SetArgPointee;
 
@@ -55,24 +53,6 @@ TEST(RtspStatus, SmallStatusValuesIndexTheRtspTable)
         session.SetStatusCode(row.status);
         EXPECT_EQ(session.getStatusCodeRtspInt(), row.code) << row.status;
     }
-}
-
-// What the gateway receives is the integration tests'; here the order of the calls.
-TEST_F(SessionBase, SuccessfulConversionOpensPushesAndStartsTheStream)
-{
-    InSequence order;
-    EXPECT_CALL(filter, Request(_, 0, session.get()))
-        .WillOnce(Invoke([](PROTOCOL_FILTER::IProtocolRequest*, int, PROTOCOL_FILTER::IConnectContext* context) {
-            context->SetFilterURL("filter://x");
-            context->SetMediaURL("media://y");
-            return 0;
-        }));
-    EXPECT_CALL(sink, OnOpen(::testing::StrEq("filter://x"), ::testing::StrEq("media://y"), _, _))
-        .WillOnce(DoAll(SetArgPointee<3>(kStream), Return(0)));
-    EXPECT_CALL(sink, pushStream(kStream)).WillOnce(Return(0));
-    EXPECT_CALL(sink, OnStart(kStream, 0)).WillOnce(Return(0));
-    EXPECT_EQ(session->convertToRtspProcess(true), 0);
-    EXPECT_EQ(session->m_pSessionHandle, kStream);
 }
 
 TEST_F(SessionBase, LongOrUnterminatedUserNamesAreNotForwarded)

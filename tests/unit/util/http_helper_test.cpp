@@ -40,9 +40,6 @@ TEST(HttpHelper, UrlPatternsAndComparison)
     EXPECT_FALSE(helper.CheckUrlWithVariable(url.c_str(), open, 0));
     EXPECT_FALSE(helper.CheckUrlWithVariable(url.c_str(), open, 5));
 
-    int id = -1;
-    EXPECT_TRUE(helper.GetIdNumFromURL("/a/3/b/7", "/a/%d/b/%d", 2, id) && id == 7);
-    EXPECT_TRUE(helper.GetIdNumFromURL("/x", "/a/%d", 1, id) && id == 0);  // nothing matched, still true
     EXPECT_EQ(helper.CompareUrl("/a/b?c", "/a/b"), 0);
     EXPECT_NE(helper.CompareUrl("/a/b/", "/a/b"), 0);
     EXPECT_TRUE(helper.IsJsonURL("/d?x=1&format=json"));
