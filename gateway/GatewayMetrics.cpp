@@ -7,6 +7,17 @@ uint64_t microseconds(double seconds)
     return seconds > 0 ? static_cast<uint64_t>(seconds * 1e6 + 0.5) : 0;
 }
 
+// The total over every label of a counter kept per label.
+template <size_t N>
+uint64_t sumOf(const std::array<std::atomic<uint64_t>, N>& counts)
+{
+    uint64_t total = 0;
+    for (const auto& count : counts) {
+        total += count.load();
+    }
+    return total;
+}
+
 }  // namespace
 
 const char* downloadOutcomeName(DownloadOutcome outcome)
@@ -80,11 +91,7 @@ uint64_t GatewayMetrics::downloadsFinished(DownloadOutcome outcome) const
 
 uint64_t GatewayMetrics::downloadsFinished() const
 {
-    uint64_t total = 0;
-    for (const auto& count : m_downloadsFinished) {
-        total += count.load();
-    }
-    return total;
+    return sumOf(m_downloadsFinished);
 }
 
 uint64_t GatewayMetrics::requestsRefused(RefusalReason reason) const
@@ -94,9 +101,5 @@ uint64_t GatewayMetrics::requestsRefused(RefusalReason reason) const
 
 uint64_t GatewayMetrics::requestsRefused() const
 {
-    uint64_t total = 0;
-    for (const auto& count : m_refused) {
-        total += count.load();
-    }
-    return total;
+    return sumOf(m_refused);
 }
