@@ -21,6 +21,8 @@ std::string buildServerUrl(const GatewayConfig& config)
     if (config.audioTalkPort != 0) {
         url += "&audioTalkPort=" + std::to_string(config.audioTalkPort);
     }
+    // The plug-in's opt-in bounds beyond the interface's defaults, all on here.
+    url += "&checkTalkBacklog=1";
     return url;
 }
 

@@ -81,7 +81,8 @@ struct GatewayConfig {
 
 GatewayConfig defaultGatewayConfig();
 
-// "http://127.0.0.1:<httpPort>?work_thread=..&sendTimeout=..&recvTimeout=..[&audioTalkPort=..]"
+// "http://127.0.0.1:<httpPort>?work_thread=..&sendTimeout=..&recvTimeout=..[&audioTalkPort=..]", then the
+// plug-in's opt-in bounds ("&checkTalkBacklog=1").
 std::string buildServerUrl(const GatewayConfig& config);
 
 // Paths left empty become their places beside the executable's folder

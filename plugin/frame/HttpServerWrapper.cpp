@@ -86,6 +86,7 @@ int CHttpServerWrapper::startServer(const char* url, PROTOCOL_WRAPPER::IServerSi
                  serverUrl.c_str());
         return HPW_ERR_URL;
     }
+    m_options = CServerOptions::fromParams(params);
 
     if (m_requestQueue.create() != 0) {
         HPW_LOGE(HPW_ERR_SEMAPHORE, "Create req semaphore fail, syserr=%d", ZRT_GetSystemLastError());

@@ -15,11 +15,10 @@
 
 #include "frame/AsyncRequest.h"
 #include "frame/AsyncRequestQueue.h"
+#include "frame/ServerOptions.h"
 #include "frame/singleton.h"
 
 namespace HttpWrapper {
-
-typedef std::map<std::string, std::string> ServerParams;
 
 class CHttpServerWrapper : public singleton<CHttpServerWrapper>, public PROTOCOL_WRAPPER::IServer {
 public:
@@ -40,6 +39,8 @@ public:
     int getSessionCount();
     void* getIocpHandle() { return m_hAsyncIocpQueue; }
     unsigned short getHttpPort() const { return m_usHttpPort; }
+    // The opt-in behaviour the server URL asked for; fixed while the server runs.
+    const CServerOptions& options() const { return m_options; }
 
     // Request queue: every event becomes a job that a worker runs later.
     void pushAsyncReq(tagAsyncReq* req);
@@ -66,6 +67,7 @@ private:
     std::atomic<int> m_iStarted{0};
     std::atomic<int> m_iRunning{0};  // polled by the threads at least every 100 ms
     unsigned short m_usHttpPort = 0;
+    CServerOptions m_options;
     void* m_hAsyncIocpQueue = nullptr;
     std::list<ZRT_THREAD_T> m_workerThreads;
     CAsyncRequestQueue m_requestQueue;

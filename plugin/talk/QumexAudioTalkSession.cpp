@@ -17,15 +17,20 @@ namespace {
 const char kTalkUrlPattern[] = "/QUMEX/System/TwoWayAudio/channels/%d/audioData";
 const int kG711PacketSize = 160;   // 20 ms of PCMU or PCMA at 8 kHz
 const int kNarrowPacketSize = 80;  // a G.722.1 frame, or 40 ms of G.726 at 16 kbit/s
-// Device audio goes out with the transmitter's backlog limit checked: a client
-// that stops reading its GET link loses the audio past about half a minute of
-// backlog (1500 packets of 20 ms) instead of growing the queue without end.
-const int kCheckSendBacklog = 1;
+// Device audio goes out as the gateway expects, without the transmitter's
+// backlog limit, unless the server URL asks for it (checkTalkBacklog): then a
+// client that stops reading its GET link loses the audio past the backlog
+// (1500 packets of 20 ms by default) instead of growing the queue without end.
+const int kSendWithoutLimit = 0;
+const int kSendWithBacklogLimit = 1;
 }  // namespace
 
 CQumexAudioTalkSession::CQumexAudioTalkSession(PROTOCOL_FILTER::IProtocolFilter* filterChain,
                                                PROTOCOL_WRAPPER::IServerSink* serverSink)
-    : m_pServerSink(serverSink), m_pProtocolFilterChain(filterChain)
+    : m_pServerSink(serverSink),
+      m_pProtocolFilterChain(filterChain),
+      m_iSendCheckLimit(singleton<CHttpServerWrapper>::instance()->options().checkTalkBacklog ? kSendWithBacklogLimit
+                                                                                              : kSendWithoutLimit)
 {
     memset(m_streamHeaders, 0, sizeof m_streamHeaders);
 }
@@ -212,7 +217,7 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
             // Held only to post: stop cannot close the link under a send in progress.
             ZRT_Guard guard(m_lock);
             if (m_pUploadLink != nullptr && m_iDestroyPending == 0 && data != nullptr && length > 0) {
-                result = m_pUploadLink->SendData(static_cast<char*>(data), length, nullptr, nullptr, kCheckSendBacklog);
+                result = m_pUploadLink->SendData(static_cast<char*>(data), length, nullptr, nullptr, m_iSendCheckLimit);
             }
         }
         // The device is alive whether or not a client listens.

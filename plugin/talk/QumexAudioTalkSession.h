@@ -125,6 +125,7 @@ private:
     std::atomic<int> m_iErrorCode{0};
     PROTOCOL_WRAPPER::IServerSink* m_pServerSink;
     PROTOCOL_FILTER::IProtocolFilter* m_pProtocolFilterChain;
+    const int m_iSendCheckLimit;  // SendData's checkLimit for device audio
     ZRT_Mutex m_lock{1};
     CIocpTcpTransmitter* m_pUploadLink = nullptr;    // the client's GET connection
     CIocpTcpTransmitter* m_pDownloadLink = nullptr;  // the client's PUT connection

@@ -108,9 +108,13 @@ void FakeServerSink::speak(Stream* stream)
     for (size_t offset = 0; offset < talkAudioBytes && !stream->stop; offset += 160) {
         const std::string audio = deviceAudio(std::min<size_t>(160, talkAudioBytes - offset), offset);
         packet.assign(audio.data(), audio.size());
-        while (m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &packet[0],
-                              static_cast<int>(packet.size())) != 0 &&
+        int result;
+        while ((result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &packet[0],
+                                        static_cast<int>(packet.size()))) != 0 &&
                !stream->stop) {
+            if (result == kBacklogRefused) {
+                talkPacketsRefusedByBacklog++;
+            }
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         std::this_thread::sleep_until(next += std::chrono::milliseconds(talkPacketIntervalMs));

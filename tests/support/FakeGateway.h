@@ -100,6 +100,8 @@ public:
     std::string talkCodec = "PCMU";
     size_t talkAudioBytes = 0;
     int talkPacketIntervalMs = 0;
+    static const int kBacklogRefused = -180;          // Send's answer when the backlog limit refuses a packet
+    std::atomic<int> talkPacketsRefusedByBacklog{0};  // refused packets; each is sent again
     static std::string deviceAudio(size_t length, size_t offset = 0)
     {
         return recordingBytes(offset + 1000003, length);  // differs in every byte from a recording

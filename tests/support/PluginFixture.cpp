@@ -28,7 +28,7 @@ void PluginFixture::SetUp()
     g_pHttpProtocolWrapperUtilitySink = &utilitySink;
     CHttpServerWrapper* wrapper = singleton<CHttpServerWrapper>::instance();
     wrapper->setProtocolFilterChain(&filter);
-    ASSERT_EQ(wrapper->startServer("http://127.0.0.1:0?recvTimeout=5000&work_thread=4", &sink), 0);
+    ASSERT_EQ(wrapper->startServer(("http://127.0.0.1:0?" + serverParams).c_str(), &sink), 0);
     server = wrapper;
     sink.setServer(server);
     port = singleton<CHttpSessionMgr>::instance()->getListenPort();

@@ -47,6 +47,8 @@ protected:
     std::string jsonDownload(const std::string& query, const std::string& headers = "") const;
     std::string xmlDownload(const std::string& uri) const;
 
+    // The server URL's parameters; a fixture may add its own before SetUp.
+    std::string serverParams = "recvTimeout=5000&work_thread=4";
     TestUtilitySink utilitySink;
     FakeFilterChain filter;
     FakeServerSink sink;

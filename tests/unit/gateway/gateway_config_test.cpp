@@ -25,10 +25,12 @@ TEST(GatewayConfigFile, NoDocumentGivesOneUserOneDeviceAndTheServerUrl)
     ASSERT_TRUE(parseGatewayConfig(Json::Value(), config, error));
     ASSERT_EQ(config.users.size(), 1u);
     ASSERT_EQ(config.devices.size(), 1u);
-    EXPECT_EQ(buildServerUrl(config), "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000");
+    EXPECT_EQ(buildServerUrl(config),
+              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&checkTalkBacklog=1");
     config.audioTalkPort = 8081;
     EXPECT_EQ(buildServerUrl(config),
-              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081");
+              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081"
+              "&checkTalkBacklog=1");
 }
 
 TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
