@@ -105,7 +105,7 @@ void readServer(const Json::Value& server, GatewayConfig& config)
     const std::string field = "server";
     requireObject(server, field,
                   {"httpPort", "audioTalkPort", "work_thread", "sendTimeout", "recvTimeout", "maxDownloads",
-                   "shutdownGraceSeconds"});
+                   "shutdownGraceSeconds", "maxTalksPerUser"});
     readInt(server, field, "httpPort", 1, 65535, config.httpPort);
     readInt(server, field, "audioTalkPort", 0, 65535, config.audioTalkPort);
     // The plug-in takes these modulo 65536, so larger values would wrap around.
@@ -114,6 +114,7 @@ void readServer(const Json::Value& server, GatewayConfig& config)
     readInt(server, field, "recvTimeout", 1, 65535, config.recvTimeoutMs);
     readInt(server, field, "maxDownloads", 1, 400, config.maxDownloads);
     readInt(server, field, "shutdownGraceSeconds", 0, 3600, config.shutdownGraceSeconds);
+    readInt(server, field, "maxTalksPerUser", 1, 100, config.maxTalksPerUser);
     if (config.audioTalkPort == config.httpPort) {
         throw ConfigProblem{"server.audioTalkPort", "must differ from server.httpPort"};
     }
@@ -280,13 +281,16 @@ void readAdmin(const Json::Value& admin, GatewayConfig& config)
 
 bool readConfigFile(const std::string& path, Json::Value& root, std::string& error)
 {
-    return readJsonFile(path, root, error);
+    return readJsonFile(path, kMaxConfigOpenings, root, error);
 }
 
-bool parseGatewayConfig(const Json::Value& root, GatewayConfig& config, std::string& error)
+bool parseGatewayConfig(const Json::Value& root, ConfigSource source, GatewayConfig& config, std::string& error)
 {
     config = defaultGatewayConfig();
-    if (root.isNull()) {
+    if (source == ConfigSource::kFile) {
+        config.users.clear();
+    }
+    if (root.isNull() && source == ConfigSource::kDefaults) {
         return true;
     }
     try {
@@ -308,6 +312,11 @@ bool parseGatewayConfig(const Json::Value& root, GatewayConfig& config, std::str
         }
         readString(root, "", "statusFile", config.statusFile);
         readString(root, "", "plugin", config.pluginPath);
+        if (source == ConfigSource::kFile && config.users.empty()) {
+            throw ConfigProblem{"auth.users",
+                                "a configuration file must name its users (the demo user exists only "
+                                "for a gateway started without one)"};
+        }
     } catch (const ConfigProblem& problem) {
         error = problem.field + ": " + problem.message;
         return false;

@@ -36,15 +36,17 @@ std::string digestResponse(const std::string& ha1, const std::string& method, co
 }
 
 DigestAuthenticator::DigestAuthenticator(std::string realm, std::map<std::string, std::string> passwords,
-                                         int64_t nonceLifetimeSeconds, std::function<int64_t()> now)
+                                         int64_t nonceLifetimeSeconds, std::function<int64_t()> now, int64_t startedAt)
     : m_realm(std::move(realm)),
       m_passwords(std::move(passwords)),
       m_nonceLifetimeSeconds(nonceLifetimeSeconds),
-      m_now(std::move(now))
+      m_now(std::move(now)),
+      m_startedAt(startedAt)
 {
 }
 
-AuthDecision DigestAuthenticator::verify(const std::string& method, const std::string& authorization) const
+AuthDecision DigestAuthenticator::verify(const std::string& method, const std::string& authorization,
+                                         const std::string& requestTarget) const
 {
     if (authorization.empty()) {
         return refuse("", "no credentials");
@@ -67,17 +69,27 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
         return refuse(user, "algorithm " + credentials.get("algorithm") + " not supported");
     }
     const std::string qop = credentials.get("qop");
-    if (credentials.has("qop") && qop != "auth") {
-        return refuse(user, "qop " + qop + " not supported");
+    if (qop != "auth") {
+        return refuse(user, qop.empty() ? "no qop=auth (a header without a count could be replayed)"
+                                        : "qop " + qop + " not supported");
     }
     const std::string nc = credentials.get("nc");
-    if (!qop.empty() && (nc.size() != 8 || !isHexText(nc, 0, 8) || credentials.get("cnonce").empty())) {
+    if (nc.size() != 8 || !isHexText(nc, 0, 8) || credentials.get("cnonce").empty()) {
         return refuse(user, "qop=auth without a valid nc and cnonce");
+    }
+    // Byte for byte: a "uri" without the query, or with more, would let one
+    // response stand for other requests.
+    if (credentials.get("uri") != requestTarget) {
+        return refuse(user,
+                      "uri \"" + credentials.get("uri") + "\" is not the request target \"" + requestTarget + "\"");
     }
     const std::string nonce = credentials.get("nonce");
     int64_t createdAt = 0;
     if (!decodePluginNonceTime(nonce, createdAt)) {
         return refuse(user, "nonce not issued here");
+    }
+    if (createdAt < m_startedAt) {
+        return refuse(user, "nonce from before this gateway started");
     }
     if (!isNonceFresh(createdAt, m_now(), m_nonceLifetimeSeconds)) {
         return refuse(user, "nonce expired");
@@ -96,20 +108,18 @@ AuthDecision DigestAuthenticator::verify(const std::string& method, const std::s
         digestResponse(ha1, method, credentials.get("uri"), nonce, nc, credentials.get("cnonce"), qop);
     const std::string given = lowerCase(credentials.get("response"));
     bool matches = constantTimeEquals(expected, given);
-    if (!known) {
-        return refuse(user, "unknown user");
-    }
-    if (!matches) {
-        return refuse(user, "wrong password");
+    if (!known || !matches) {
+        AuthDecision guess = refuse(user, known ? "wrong password" : "unknown user");
+        guess.guessed = true;
+        return guess;
     }
     // Counted only once the response is proven: a stranger cannot use up a nonce.
-    if (!qop.empty() && !takeNonceCount(nonce, createdAt, static_cast<uint32_t>(strtoul(nc.c_str(), nullptr, 16)))) {
+    if (!takeNonceCount(nonce, createdAt, static_cast<uint32_t>(strtoul(nc.c_str(), nullptr, 16)))) {
         return refuse(user, "nc " + nc + " was used with this nonce already (a replay)");
     }
     AuthDecision decision;
     decision.accepted = true;
     decision.user = user;
-    decision.uri = credentials.get("uri");
     return decision;
 }
 
@@ -157,32 +167,32 @@ bool DigestAuthenticator::takeNonceCount(const std::string& nonce, int64_t creat
     return true;
 }
 
-bool digestUriMatches(const std::string& digestUri, const std::string& rtspUrl, std::string& reason)
+bool requestTargetMatches(const std::string& target, const std::string& ownUrl, std::string& reason)
 {
-    const std::string path = digestUri.substr(0, digestUri.find('?'));
-    const int channel = talkChannelOfUrl(rtspUrl);
+    const std::string path = target.substr(0, target.find('?'));
+    const int channel = talkChannelOfUrl(ownUrl);
     if (channel != 0) {
         const std::string talkPath = "/QUMEX/System/TwoWayAudio/channels/" + std::to_string(channel) + "/";
         if (path.compare(0, talkPath.size(), talkPath) != 0) {
-            reason = "uri \"" + digestUri + "\" is not channel " + std::to_string(channel) + "'s";
+            reason = "request target \"" + target + "\" is not channel " + std::to_string(channel) + "'s";
             return false;
         }
         return true;
     }
     if (path != "/QUMEX/ContentMgmt/download") {
-        reason = "uri \"" + digestUri + "\" is not the download path";
+        reason = "request target \"" + target + "\" is not the download path";
         return false;
     }
     // A device named by both must be the same one: the body (which recording) is
     // not covered by the response.
-    const size_t key = digestUri.find("devIndex=");
+    const size_t key = target.find("devIndex=");
     PlaybackUri uri;
     std::string error;
-    if (key != std::string::npos && parsePlaybackUri(rtspUrl, uri, error) && !uri.deviceIndex.empty()) {
+    if (key != std::string::npos && parsePlaybackUri(ownUrl, uri, error) && !uri.deviceIndex.empty()) {
         const size_t start = key + 9;
-        const std::string named = digestUri.substr(start, digestUri.find('&', start) - start);
+        const std::string named = target.substr(start, target.find('&', start) - start);
         if (named != uri.deviceIndex) {
-            reason = "uri names device \"" + named + "\", the request \"" + uri.deviceIndex + "\"";
+            reason = "request target names device \"" + named + "\", the playback URI \"" + uri.deviceIndex + "\"";
             return false;
         }
     }

@@ -1,8 +1,10 @@
 // Verifies the Digest credentials that the plug-in forwards with every
-// request: RFC 7616 with MD5 and qop=auth, and the RFC 2069 form without qop
-// that older clients still send. The nonce must be one the plug-in made
-// recently (see PluginNonce.h), and with qop=auth each use of a nonce must
-// bring an nc of its own: a header seen once cannot be replayed.
+// request, as RFC 7616 asks a server to: MD5 with qop=auth (a header without
+// qop has no count, so it could be replayed, and is refused); the "uri" equal
+// to the request target byte for byte; a nonce of the plug-in's form made
+// since this gateway started and within its lifetime (PluginNonce.h); and each
+// use of a nonce with an nc of its own, so that a header seen once cannot be
+// replayed.
 #ifndef GATEWAY_DIGEST_AUTHENTICATOR_H
 #define GATEWAY_DIGEST_AUTHENTICATOR_H
 
@@ -17,16 +19,19 @@ struct AuthDecision {
     bool accepted = false;
     std::string user;    // as the client named it, also when refused
     std::string reason;  // why it was refused, for the log
-    std::string uri;     // the "uri" the response was computed for
+    // The response was checked and wrong (a wrong password or an unknown
+    // user): a guess, which the caller's throttling counts.
+    bool guessed = false;
 };
 
-// Whether a Digest "uri" fits the request the gateway sees (RFC 7616 §3.4.6):
-// the download path for a download, and for a device named in both, the same
-// device; the channel's own path for a talk. rtspUrl is the plug-in's URL.
-bool digestUriMatches(const std::string& digestUri, const std::string& rtspUrl, std::string& reason);
+// Whether the request target the plug-in forwards fits the request it made of
+// it: the download path for a download, and for a device named in both, the
+// same device; the channel's own path for a talk. ownUrl is the client's part
+// of the plug-in's URL (PluginUrl.h).
+bool requestTargetMatches(const std::string& target, const std::string& ownUrl, std::string& reason);
 
-// response = MD5(HA1:nonce:nc:cnonce:qop:HA2), or MD5(HA1:nonce:HA2) when qop is empty,
-// with HA2 = MD5(method:uri).
+// response = MD5(HA1:nonce:nc:cnonce:qop:HA2), or MD5(HA1:nonce:HA2) when qop is empty
+// (RFC 2069, which clients may still compute, and verify() refuses), with HA2 = MD5(method:uri).
 std::string digestResponse(const std::string& ha1, const std::string& method, const std::string& uri,
                            const std::string& nonce, const std::string& nc, const std::string& cnonce,
                            const std::string& qop);
@@ -34,11 +39,14 @@ std::string digestResponse(const std::string& ha1, const std::string& method, co
 class DigestAuthenticator {
 public:
     // passwords: user name to password. now: seconds since the epoch.
+    // startedAt: when this gateway started; older nonces are another run's.
     DigestAuthenticator(std::string realm, std::map<std::string, std::string> passwords, int64_t nonceLifetimeSeconds,
-                        std::function<int64_t()> now);
+                        std::function<int64_t()> now, int64_t startedAt);
 
-    // method: the HTTP method of the request; authorization: the raw header value.
-    AuthDecision verify(const std::string& method, const std::string& authorization) const;
+    // method: the HTTP method of the request; authorization: the raw header
+    // value; requestTarget: the HTTP request's target, which "uri" must equal.
+    AuthDecision verify(const std::string& method, const std::string& authorization,
+                        const std::string& requestTarget) const;
 
     // The users a reload read; requests checked from now on use them.
     void replacePasswords(std::map<std::string, std::string> passwords);
@@ -58,6 +66,7 @@ private:
     std::map<std::string, std::string> m_passwords;
     int64_t m_nonceLifetimeSeconds;
     std::function<int64_t()> m_now;
+    int64_t m_startedAt;
 
     // The counts seen of one nonce: the highest, and which of the
     // kCountWindow below it, so that requests a client sends at once on several

@@ -1,5 +1,6 @@
 #include "DownloadFilter.h"
 
+#include "DigestCredentials.h"
 #include "DownloadResolver.h"
 #include "Logger.h"
 #include "PlaybackUri.h"
@@ -24,6 +25,8 @@ RefusalReason reasonOf(const Refusal& refusal)
 {
     switch (refusal.statusIndex) {
     case RtspStatusIndex::kUnauthorized: return RefusalReason::kUnauthorized;
+    case RtspStatusIndex::kForbidden:
+        return refusal.restError == RestError::kReachTalkLimit ? RefusalReason::kLimit : RefusalReason::kUnauthorized;
     case RtspStatusIndex::kBadRequest: return RefusalReason::kBadRequest;
     case RtspStatusIndex::kServiceUnavailable:
         return refusal.restError == RestError::kReachDownloadLimit ? RefusalReason::kLimit : RefusalReason::kStopping;
@@ -31,18 +34,33 @@ RefusalReason reasonOf(const Refusal& refusal)
     }
 }
 
+Refusal unauthorized(const std::string& reason)
+{
+    return Refusal{RestError::kBadAuthorization, RtspStatusIndex::kUnauthorized, reason};
+}
+
+// The user the credentials name, as the Digest reader reads them (the one
+// whose response is checked); empty when they cannot be read.
+std::string digestUserOf(const std::string& authorization)
+{
+    DigestCredentials credentials;
+    std::string error;
+    return parseDigestCredentials(authorization, credentials, error) ? credentials.get("username") : std::string();
+}
+
 }  // namespace
 
 DownloadFilter::DownloadFilter(const DigestAuthenticator& authenticator, const MediaCatalog& catalog,
-                               GatewayMetrics& metrics, StatusBoard& status, Logger& log, int maxDownloads,
+                               GatewayMetrics& metrics, StatusBoard& status, Logger& log, FilterLimits limits,
                                TalkDevices* talks)
     : m_authenticator(authenticator),
       m_catalog(catalog),
       m_metrics(metrics),
       m_status(status),
       m_log(log),
-      m_maxDownloads(maxDownloads),
-      m_talks(talks)
+      m_limits(limits),
+      m_talks(talks),
+      m_throttle(TalkOwners::steadySeconds)
 {
 }
 
@@ -53,9 +71,9 @@ bool DownloadFilter::busy(bool isDownload, Refusal& refusal) const
                           "the gateway is stopping and takes no new work"};
         return true;
     }
-    if (isDownload && m_metrics.openDownloads() >= m_maxDownloads) {
+    if (isDownload && m_metrics.openDownloads() >= m_limits.maxDownloads) {
         refusal = Refusal{RestError::kReachDownloadLimit, RtspStatusIndex::kServiceUnavailable,
-                          std::to_string(m_maxDownloads) + " downloads are open already"};
+                          std::to_string(m_limits.maxDownloads) + " downloads are open already"};
         return true;
     }
     return false;
@@ -85,79 +103,147 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
     PROTOCOL_FILTER::IProtocolRequestLine* line = request->GetProtocolRequestLine();
     const std::string method = text(line->GetProtocolMethod());
     const std::string url = text(line->GetProtocolURL());
+    if (!request->bNeedAuth()) {
+        // Only the plug-in's own DESCRIBE of a talk's device side comes without credentials.
+        if (method != "DESCRIBE") {
+            return refuse(context, method, url, unauthorized("a request without credentials to check"));
+        }
+        return checkTalkDevice(context, url);
+    }
+    PluginUrl split;
+    std::string user;
+    Refusal refusal;
+    if (!authenticate(request, method, url, split, user, refusal)) {
+        return refuse(context, method, url, refusal);
+    }
+    noteClient(split.client);
+    if (split.own.compare(0, 7, "rtsp://") == 0) {
+        return checkDownload(request, context, method, split, user);
+    }
+    return checkTalk(context, method, split, headValue(request, "Request-Target"), user);
+}
 
-    AuthDecision auth;
-    if (request->bNeedAuth()) {
-        auth = m_authenticator.verify(method, headValue(request, "Authorization"));
-        std::string mismatch;
-        if (auth.accepted && !digestUriMatches(auth.uri, url, mismatch)) {
-            auth.accepted = false;
-            auth.reason = mismatch;
-        }
-        if (!auth.accepted) {
-            return refuse(context, method, url,
-                          Refusal{RestError::kBadAuthorization, RtspStatusIndex::kUnauthorized,
-                                  "user \"" + auth.user + "\": " + auth.reason});
-        }
+bool DownloadFilter::authenticate(PROTOCOL_FILTER::IProtocolRequest* request, const std::string& method,
+                                  const std::string& url, PluginUrl& split, std::string& user, Refusal& refusal)
+{
+    const std::string authorization = headValue(request, "Authorization");
+    const std::string target = headValue(request, "Request-Target");
+    user = digestUserOf(authorization);
+    std::string error;
+    if (!splitPluginUrl(url, user, split, error)) {
+        refusal = unauthorized(error);
+        return false;
     }
-    // Two-way audio reaches the filter with a plain path, and its device side
-    // as a DESCRIBE of a "/dac/talk/" URL.
-    if ((url.compare(0, 7, "rtsp://") != 0 && url.find("/TwoWayAudio/") != std::string::npos) || method == "DESCRIBE") {
-        return checkTalk(context, method, url, auth.user);
+    if (m_throttle.locked(split.client.address, user)) {
+        refusal = unauthorized("user \"" + user + "\" from \"" + split.client.address +
+                               "\": too many failed logins, credentials not checked for now");
+        return false;
     }
+    const AuthDecision auth = m_authenticator.verify(method, authorization, target);
+    if (!auth.accepted) {
+        const std::string lockedNow = auth.guessed ? m_throttle.failed(split.client.address, user) : std::string();
+        if (!lockedNow.empty()) {
+            m_log.logf(kLogWarn,
+                       "login throttled: %s failed %d times within %lld s; its credentials are not checked "
+                       "for %lld s",
+                       lockedNow.c_str(), LoginThrottle::kMaxFailures,
+                       static_cast<long long>(LoginThrottle::kWindowSeconds),
+                       static_cast<long long>(LoginThrottle::kLockSeconds));
+        }
+        refusal = unauthorized("user \"" + user + "\": " + auth.reason);
+        return false;
+    }
+    if (!requestTargetMatches(target, split.own, error)) {
+        refusal = unauthorized(error);
+        return false;
+    }
+    return true;
+}
+
+int DownloadFilter::checkDownload(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context,
+                                  const std::string& method, const PluginUrl& split, const std::string& user)
+{
     PlaybackUri uri;
     std::string error;
-    if (!parsePlaybackUri(url, uri, error)) {
-        return refuse(context, method, url, Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest, error});
+    if (!parsePlaybackUri(split.own, uri, error)) {
+        return refuse(context, method, split.own,
+                      Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest, error});
     }
     ResolvedDownload download;
     Refusal refusal;
     const std::shared_ptr<const MediaLibrary> library = m_catalog.current();
     if (!resolveDownload(*library, uri, download, refusal) || busy(true, refusal)) {
-        return refuse(context, method, url, refusal);
+        return refuse(context, method, split.own, refusal);
     }
     const std::string mediaUrl =
         makeMediaUrl(*download.device, *download.recording, headValue(request, "Download-Range"));
-    ForwardedClient client;
-    const std::string requestUrl = splitForwardedClient(url, client);
-    context->SetFilterURL(makeFilterUrl(requestUrl, RequestOrigin{client.address, auth.user}).c_str());
+    context->SetFilterURL(makeFilterUrl(split.own, RequestOrigin{split.client.address, user}).c_str());
     context->SetMediaURL(mediaUrl.c_str());
-    noteClient(uri.client);
-    m_log.logf(kLogInfo, "accepted %s from user \"%s\" client \"%s\": %s", method.c_str(), auth.user.c_str(),
-               uri.client.address.c_str(), mediaUrl.c_str());
+    m_log.logf(kLogInfo, "accepted %s from user \"%s\" client \"%s\": %s", method.c_str(), user.c_str(),
+               split.client.address.c_str(), mediaUrl.c_str());
     return 0;
 }
 
 int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method,
-                              const std::string& url, const std::string& user)
+                              const PluginUrl& split, const std::string& target, const std::string& user)
 {
-    const int channel = method == "DESCRIBE" ? talkChannelOfDescribe(url) : talkChannelOfUrl(url);
-    const TalkDevice* device = m_talks != nullptr && channel != 0 ? m_talks->byChannel(channel) : nullptr;
-    if (device == nullptr) {
+    TalkKey key;
+    if (!talkKeyOfUrl(split.own, key)) {
         return refuse(
-            context, method, url,
-            Refusal{RestError::kNotSupport, RtspStatusIndex::kNotFound,
-                    channel == 0 ? "not a talk URL" : "no device talks on channel " + std::to_string(channel)});
+            context, method, split.own,
+            Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest, "neither a download nor a talk"});
     }
-    if (method == "DESCRIBE") {
-        // The device side of a talk the plug-in accepted: the sink plays it.
-        context->SetFilterURL(url.c_str());
-        context->SetMediaURL(makeTalkMediaUrl(*device).c_str());
-        return 0;
+    const int channel = key.first;
+    const TalkDevice* device = m_talks != nullptr ? m_talks->byChannel(channel) : nullptr;
+    if (device == nullptr) {
+        return refuse(context, method, split.own,
+                      Refusal{RestError::kNotSupport, RtspStatusIndex::kNotFound,
+                              "no device talks on channel " + std::to_string(channel)});
     }
+    const TalkVerb verb = talkVerbOfTarget(target, channel);
     Refusal refusal;
-    if (url.find("/open") != std::string::npos && busy(false, refusal)) {
-        return refuse(context, method, url, refusal);
+    const std::string which =
+        "the talk on channel " + std::to_string(channel) + " (port " + std::to_string(key.second) + ")";
+    if (verb == TalkVerb::kNone) {
+        refusal = Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest,
+                          "request target \"" + target + "\" is no talk request"};
+    } else if (verb == TalkVerb::kOpen && !busy(false, refusal)) {
+        switch (m_talks->owners().beginOpen(key, TalkRequester{split.client.address, user}, m_limits.maxTalksPerUser)) {
+        case TalkOwners::Open::kAccepted: break;
+        case TalkOwners::Open::kTaken:
+            refusal = Refusal{RestError::kInvalidOperation, RtspStatusIndex::kForbidden, which + " is open already"};
+            break;
+        case TalkOwners::Open::kUserLimit:
+            refusal =
+                Refusal{RestError::kReachTalkLimit, RtspStatusIndex::kForbidden,
+                        "user \"" + user + "\" holds " + std::to_string(m_limits.maxTalksPerUser) + " talks already"};
+            break;
+        }
+    } else if (verb != TalkVerb::kOpen && !m_talks->owners().mayUse(key, user)) {
+        refusal =
+            Refusal{RestError::kInvalidOperation, RtspStatusIndex::kForbidden, which + " belongs to another user"};
     }
-    // Open, close, and the audio links all name the channel alike; who asked
-    // last is who the next talk on it belongs to.
-    ForwardedClient client;
-    splitForwardedClient(url, client);
-    m_talks->noteRequester(channel, TalkRequester{client.address, user});
-    noteClient(client);
-    m_log.logf(kLogInfo, "accepted talk %s of channel %d (device %s) from user \"%s\" client \"%s\"", method.c_str(),
-               channel, device->devIndex.c_str(), user.c_str(), client.address.c_str());
+    if (refusal.restError != 0) {
+        return refuse(context, method, split.own, refusal);
+    }
+    m_log.logf(kLogInfo, "accepted talk %s %s of channel %d (device %s) from user \"%s\" client \"%s\"", method.c_str(),
+               target.c_str(), channel, device->devIndex.c_str(), user.c_str(), split.client.address.c_str());
     return kTalkAccepted;
+}
+
+int DownloadFilter::checkTalkDevice(PROTOCOL_FILTER::IConnectContext* context, const std::string& url)
+{
+    TalkKey key;
+    const TalkDevice* device =
+        m_talks != nullptr && talkKeyOfDescribe(url, key) ? m_talks->byChannel(key.first) : nullptr;
+    if (device == nullptr) {
+        return refuse(context, "DESCRIBE", url,
+                      Refusal{RestError::kNotSupport, RtspStatusIndex::kNotFound, "no talking device for this URL"});
+    }
+    // The sink plays it, for the user whose open is waiting (TalkOwners).
+    context->SetFilterURL(url.c_str());
+    context->SetMediaURL(makeTalkMediaUrl(*device).c_str());
+    return 0;
 }
 
 void DownloadFilter::noteClient(const ForwardedClient& client)

@@ -1,36 +1,44 @@
-// The gateway's filter chain as the plug-in sees it. Every download arrives
-// here as an RTSP request: the request line carries the HTTP method and the
-// playback URI (with "&clientIP=" and "&username=" appended by the plug-in),
-// the "Authorization" head carries the client's raw Digest credentials. The
-// filter checks the credentials, finds the recording and tells the plug-in,
-// through the connection context, which media URL to open on the server sink.
-// A client's byte range comes as one more head, "Download-Range", and travels
-// on in the media URL to the sink, which resolves it (DownloadRange.h).
-// Two-way audio comes through here too: the talk requests, whose credentials
-// are checked the same way, and the device side of each talk.
+// The gateway's filter chain as the plug-in sees it. Every download and talk
+// request arrives here as an RTSP request: the request line carries the HTTP
+// method and the client's playback URI or talk URL with the plug-in's suffix
+// (PluginUrl.h), the "Authorization" head the client's raw Digest
+// credentials, and "Request-Target" the HTTP request's target. The filter
+// checks the credentials (throttling guessers), finds the recording or the
+// talk, and tells the plug-in, through the connection context, which media URL
+// to open on the server sink. A client's byte range comes as one more head,
+// "Download-Range", and travels on in the media URL to the sink, which
+// resolves it (DownloadRange.h). The device side of a talk comes as a
+// DESCRIBE without credentials, which only the plug-in itself sends.
 #ifndef GATEWAY_DOWNLOAD_FILTER_H
 #define GATEWAY_DOWNLOAD_FILTER_H
 
 #include <ProtocolFilter.h>
 
-#include "ClientAddress.h"
 #include "DigestAuthenticator.h"
 #include "GatewayMetrics.h"
+#include "LoginThrottle.h"
 #include "MediaCatalog.h"
+#include "PluginUrl.h"
 #include "RestErrors.h"
 
 class Logger;
 class StatusBoard;
 class TalkDevices;
 
+// How much work the filter lets in.
+struct FilterLimits {
+    int maxDownloads = 400;   // open downloads at most (see GatewayConfig)
+    int maxTalksPerUser = 4;  // talks one user may hold
+};
+
 class DownloadFilter : public PROTOCOL_FILTER::IProtocolFilter {
 public:
     // Refusals are counted in metrics by reason. While the status board says the
     // gateway is stopping, new downloads and talks are refused so that a proxy
-    // tries another gateway. maxDownloads: open downloads at most (see GatewayConfig).
-    // talks: the talking devices; without them every talk request is refused.
+    // tries another gateway. talks: the talking devices; without them every
+    // talk request is refused.
     DownloadFilter(const DigestAuthenticator& authenticator, const MediaCatalog& catalog, GatewayMetrics& metrics,
-                   StatusBoard& status, Logger& log, int maxDownloads, TalkDevices* talks = nullptr);
+                   StatusBoard& status, Logger& log, FilterLimits limits, TalkDevices* talks = nullptr);
 
     // 0 accepts; a refusal returns its REST error number and sets the context's status.
     int Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
@@ -40,14 +48,20 @@ public:
 
 private:
     int check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context);
+    // The credentials, for the user they name and the client the URL names.
+    bool authenticate(PROTOCOL_FILTER::IProtocolRequest* request, const std::string& method, const std::string& url,
+                      PluginUrl& split, std::string& user, Refusal& refusal);
+    int checkDownload(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context,
+                      const std::string& method, const PluginUrl& split, const std::string& user);
+    // A talk's open, close or audio link, credentials already checked.
+    int checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const PluginUrl& split,
+                  const std::string& target, const std::string& user);
+    // The device side of a talk the plug-in accepted (the DESCRIBE).
+    int checkTalkDevice(PROTOCOL_FILTER::IConnectContext* context, const std::string& url);
     int refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
                const Refusal& refusal);
     // A refusal when no new work may start now (stopping, or at the limit); false otherwise.
     bool busy(bool isDownload, Refusal& refusal) const;
-    // A talk's open, close or audio link (credentials already checked), or its
-    // device side (the DESCRIBE); returns what the plug-in expects or a refusal.
-    int checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
-                  const std::string& user);
     // The status board learns a valid client address only; other text is logged as untrusted.
     void noteClient(const ForwardedClient& client);
 
@@ -56,8 +70,9 @@ private:
     GatewayMetrics& m_metrics;
     StatusBoard& m_status;
     Logger& m_log;
-    const int m_maxDownloads;
+    const FilterLimits m_limits;
     TalkDevices* m_talks;
+    LoginThrottle m_throttle;
 };
 
 #endif  // GATEWAY_DOWNLOAD_FILTER_H

@@ -232,14 +232,18 @@ int runGateway(const GatewayConfig& config, const ConfigReader& readConfig, cons
         return kExitBadSetup;
     }
 
-    DigestAuthenticator authenticator(config.realm, passwordsOf(config), config.nonceLifetimeSeconds,
-                                      [] { return static_cast<int64_t>(time(nullptr)); });
+    // Nonces made before this moment are another run's: a header captured then is refused now.
+    const int64_t startedAt = static_cast<int64_t>(time(nullptr));
+    DigestAuthenticator authenticator(
+        config.realm, passwordsOf(config), config.nonceLifetimeSeconds,
+        [] { return static_cast<int64_t>(time(nullptr)); }, startedAt);
     TalkDevices talks;
     if (!talks.load(config, log, error)) {
         log.logf(kLogError, "talking devices refused: %s", error.c_str());
         return kExitBadSetup;
     }
-    DownloadFilter filter(authenticator, catalog, metrics, status, log, config.maxDownloads, &talks);
+    DownloadFilter filter(authenticator, catalog, metrics, status, log,
+                          FilterLimits{config.maxDownloads, config.maxTalksPerUser}, &talks);
     StreamSink sink(catalog, static_cast<size_t>(config.blockSize), metrics, &accessLog, log, &talks);
     UtilitySink utility(config, metrics, log);
 
@@ -263,6 +267,9 @@ int runGateway(const GatewayConfig& config, const ConfigReader& readConfig, cons
     if (!plugin.load(config.pluginPath, error)) {
         log.logf(kLogError, "cannot load the plug-in %s: %s", config.pluginPath.c_str(), error.c_str());
         return kExitStartFailed;
+    }
+    if (!plugin.routeLogTo(log)) {
+        log.logf(kLogWarn, "the plug-in's own log lines are written by its library, not escaped by this log");
     }
     int result = plugin.initialize(&utility);
     if (result != 0) {

@@ -13,6 +13,9 @@ GatewayConfig defaultGatewayConfig()
     return config;
 }
 
+const char* const kPluginOptIns =
+    "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1&talkGatewayRefusal=1";
+
 std::string buildServerUrl(const GatewayConfig& config)
 {
     std::string url =
@@ -22,7 +25,7 @@ std::string buildServerUrl(const GatewayConfig& config)
         url += "&audioTalkPort=" + std::to_string(config.audioTalkPort);
     }
     // The plug-in's opt-in bounds beyond the interface's defaults, all on here.
-    url += "&checkTalkBacklog=1";
+    url += kPluginOptIns;
     return url;
 }
 

@@ -48,6 +48,9 @@ struct GatewayConfig {
     int maxDownloads = 400;
     // On SIGTERM, running downloads get this long to finish before the server stops.
     int shutdownGraceSeconds = 30;
+    // Talks one user may have open at once, so that no user holds every
+    // channel (the plug-in's own ceiling is 100 talks in all).
+    int maxTalksPerUser = 4;
 
     bool adminEnabled = false;  // the admin endpoint (/metrics, /healthz, /recordings)
     ListenAddress admin;
@@ -81,8 +84,13 @@ struct GatewayConfig {
 
 GatewayConfig defaultGatewayConfig();
 
-// "http://127.0.0.1:<httpPort>?work_thread=..&sendTimeout=..&recvTimeout=..[&audioTalkPort=..]", then the
-// plug-in's opt-in bounds ("&checkTalkBacklog=1").
+// The plug-in's opt-in parameters, every one on: the gateway relies on each
+// (the Request-Target head, a talk's own refusals, text checked before it
+// reaches the filter, talks reached only by their id, a bounded talk backlog).
+extern const char* const kPluginOptIns;
+
+// "http://127.0.0.1:<httpPort>?work_thread=..&sendTimeout=..&recvTimeout=..[&audioTalkPort=..]", then
+// kPluginOptIns.
 std::string buildServerUrl(const GatewayConfig& config);
 
 // Paths left empty become their places beside the executable's folder

@@ -17,20 +17,37 @@ std::map<std::string, std::string> passwordsOf(const GatewayConfig& config)
     return passwords;
 }
 
-bool reloadGateway(const ConfigReader& readConfig, const GatewayConfig& running, ReloadTargets targets)
+namespace {
+
+// Everything the reload will apply, read and checked before anything changes.
+bool readEverything(const ConfigReader& readConfig, const GatewayConfig& running, ReloadTargets& targets,
+                    GatewayConfig& fresh, std::shared_ptr<MediaLibrary>& library, std::string& error)
 {
-    targets.accessLog.reopen();
-    GatewayConfig fresh;
-    std::string error;
     if (!readConfig(fresh, error)) {
-        targets.log.logf(kLogError, "reload refused: %s; users and recordings stay as they were", error.c_str());
-        targets.metrics.reloaded(false);
         return false;
     }
     // The devices and their folders are the running ones: a talk or a download
     // may be using them, and the talking devices were set up for them at start.
-    auto library = std::make_shared<MediaLibrary>();
-    if (!library->load(running.mediaFolder, running.devices, targets.log, error, running.strictIndex)) {
+    library = std::make_shared<MediaLibrary>();
+    const std::shared_ptr<const MediaLibrary> current = targets.catalog.current();
+    return library->load(running.mediaFolder, running.devices, targets.log, error, running.strictIndex, current.get());
+}
+
+}  // namespace
+
+bool reloadGateway(const ConfigReader& readConfig, const GatewayConfig& running, ReloadTargets targets)
+{
+    targets.accessLog.reopen();
+    GatewayConfig fresh;
+    std::shared_ptr<MediaLibrary> library;
+    std::string error;
+    bool ready = false;
+    try {
+        ready = readEverything(readConfig, running, targets, fresh, library, error);
+    } catch (const std::exception& failure) {
+        error = failure.what();  // whatever went wrong, the running gateway goes on as it was
+    }
+    if (!ready) {
         targets.log.logf(kLogError, "reload refused: %s; users and recordings stay as they were", error.c_str());
         targets.metrics.reloaded(false);
         return false;

@@ -29,7 +29,7 @@ std::string identityKeyPath()
 
 bool checkIdentityKeyFile(const std::string& path, std::string& error)
 {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // a FIFO must not hold the start
     if (fd >= 0) {
         struct stat info;
         const bool sized = fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size == kKeySize;

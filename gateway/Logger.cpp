@@ -35,6 +35,23 @@ std::string timeStamp()
 
 }  // namespace
 
+std::string escapeControlBytes(const char* text, size_t length)
+{
+    std::string escaped;
+    escaped.reserve(length);
+    for (size_t i = 0; i < length; ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7F) {
+            char code[5];
+            snprintf(code, sizeof code, "\\x%02x", c);
+            escaped += code;
+        } else {
+            escaped += static_cast<char>(c);
+        }
+    }
+    return escaped;
+}
+
 bool parseLogLevel(const std::string& name, int& level)
 {
     static const struct {
@@ -86,11 +103,15 @@ void Logger::write(int level, const char* module, const char* text)
     while (length > 0 && (text[length - 1] == '\n' || text[length - 1] == '\r')) {
         --length;
     }
+    // Lines carry what clients sent (a body, a URI, a user name): escaped here,
+    // for every writer, so that one event stays one line and no terminal
+    // control reaches whoever reads the log.
+    const std::string line = escapeControlBytes(text ? text : "", length);
+    const std::string origin = module ? escapeControlBytes(module, strlen(module)) : "-";
     std::string stamp = timeStamp();
     std::lock_guard<std::mutex> guard(m_lock);
     FILE* out = m_file ? m_file : stderr;
-    fprintf(out, "%s %-5s %s %.*s\n", stamp.c_str(), levelName(level), module ? module : "-", static_cast<int>(length),
-            text ? text : "");
+    fprintf(out, "%s %-5s %s %s\n", stamp.c_str(), levelName(level), origin.c_str(), line.c_str());
     fflush(out);
 }
 

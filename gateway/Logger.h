@@ -1,6 +1,8 @@
 // The gateway's log: one line per event, with a local time stamp, the level
-// and the module, written to stderr or to a log file. The plug-in's own lines come
-// in through the utility sink and land in the same log.
+// and the module, written to stderr or to a log file. The plug-in's own lines
+// (its logging library's and the utility sink's) land in the same log, through
+// write(), which writes every control byte escaped as \xNN: a line can carry
+// what a client sent, and must stay one line.
 #ifndef GATEWAY_LOGGER_H
 #define GATEWAY_LOGGER_H
 
@@ -16,6 +18,9 @@ enum LogLevel {
     kLogWarn = 4,
     kLogError = 5,
 };
+
+// text with every byte below 0x20 and 0x7F written as "\xNN".
+std::string escapeControlBytes(const char* text, size_t length);
 
 // "debug", "info", "warn", "error" to a level; false for anything else.
 bool parseLogLevel(const std::string& name, int& level);

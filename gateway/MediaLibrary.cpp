@@ -54,9 +54,11 @@ bool readEntry(const Json::Value& entry, const std::string& folder, const std::s
         error = where + ".endtime: must be later than starttime";
         return false;
     }
+    // The entry itself must be the file: a symbolic link could lead out of the
+    // device folder (the recording is opened without following one, too).
     struct stat info;
-    if (stat(recording.path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
-        error = where + ".name: " + recording.path + " is not a readable file";
+    if (lstat(recording.path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
+        error = where + ".name: " + recording.path + " is not a regular file";
         return false;
     }
     recording.size = static_cast<uint64_t>(info.st_size);
@@ -76,7 +78,7 @@ bool readRecordingIndex(const std::string& folder, std::vector<Recording>& recor
     recordings.clear();
     const std::string path = folder + "/" + kRecordingIndexFile;
     Json::Value root;
-    if (!readJsonFile(path, root, error)) {
+    if (!readJsonFile(path, kMaxIndexOpenings, root, error)) {
         return false;
     }
     if (!root.isObject() || root.getMemberNames() != std::vector<std::string>{"recordings"} ||
@@ -153,7 +155,7 @@ const Recording* findRecording(const DeviceMedia& media, const RecordingQuery& q
 }
 
 bool MediaLibrary::load(const std::string& mediaFolder, const std::vector<DeviceConfig>& devices, Logger& log,
-                        std::string& error, bool strict)
+                        std::string& error, bool strict, const MediaLibrary* previous)
 {
     m_devices.clear();
     for (const DeviceConfig& device : devices) {
@@ -162,13 +164,20 @@ bool MediaLibrary::load(const std::string& mediaFolder, const std::vector<Device
         const std::string folder = mediaFolder + "/" + device.folder;
         struct stat info;
         const std::string index = folder + "/" + kRecordingIndexFile;
-        if (stat(index.c_str(), &info) != 0) {
+        const DeviceMedia* before = previous != nullptr ? previous->findByIndex(device.devIndex) : nullptr;
+        if (lstat(index.c_str(), &info) != 0) {
+            if (before != nullptr && before->indexed) {
+                error = "device " + device.devIndex + ": " + index + " is gone";
+                return false;
+            }
             log.logf(kLogWarn, "device %s has no recordings: %s does not exist", device.devIndex.c_str(),
                      index.c_str());
         } else {
             std::vector<std::string> skipped;
+            media.indexed = true;
             if (!readRecordingIndex(folder, media.recordings, error, strict ? nullptr : &skipped)) {
-                if (strict) {
+                // A reload that cannot read an index keeps every device as it was.
+                if (strict || previous != nullptr) {
                     return false;
                 }
                 log.logf(kLogError, "device %s has no recordings: %s", device.devIndex.c_str(), error.c_str());

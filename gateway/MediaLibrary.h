@@ -7,6 +7,7 @@
 #ifndef GATEWAY_MEDIA_LIBRARY_H
 #define GATEWAY_MEDIA_LIBRARY_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -28,7 +29,11 @@ struct Recording {
 struct DeviceMedia {
     DeviceConfig device;
     std::vector<Recording> recordings;  // by start time
+    bool indexed = false;               // its folder had an index when it was loaded
 };
+
+// Most '[' and '{' a recordings index may hold: a million recordings.
+constexpr size_t kMaxIndexOpenings = 1000000 + 16;
 
 // What a download asks for; name and size narrow the choice when given.
 struct RecordingQuery {
@@ -58,9 +63,11 @@ public:
     // A device without a folder or index simply has no recordings (logged).
     // A bad entry of an index is logged and skipped, and an index that cannot
     // be read leaves its device without recordings, so one device's mistake
-    // does not stop the others; strict makes either an error instead.
+    // does not stop the others; strict makes either an error instead. A
+    // reload (previous: the library it replaces) is all or nothing: an index
+    // that cannot be read, or that is gone where previous had one, fails it.
     bool load(const std::string& mediaFolder, const std::vector<DeviceConfig>& devices, Logger& log, std::string& error,
-              bool strict = false);
+              bool strict = false, const MediaLibrary* previous = nullptr);
 
     const DeviceMedia* findByIndex(const std::string& devIndex) const;
     const DeviceMedia* findByAddress(const std::string& address, int rtspPort) const;

@@ -46,17 +46,16 @@ std::string PlaybackUri::param(const std::string& name) const
     return found == params.end() ? std::string() : found->second;
 }
 
-bool parsePlaybackUri(const std::string& fullUrl, PlaybackUri& uri, std::string& error)
+bool parsePlaybackUri(const std::string& url, PlaybackUri& uri, std::string& error)
 {
     uri = PlaybackUri();
-    const std::string url = splitForwardedClient(fullUrl, uri.client);
     const std::string scheme = "rtsp://";
     if (url.compare(0, scheme.size(), scheme) != 0) {
         error = "not an rtsp:// URL";
         return false;
     }
-    // The plug-in's suffix starts with "&" even on a URI without a query, and
-    // the rtspPort it appends to the XML form may too.
+    // The rtspPort the plug-in appends to the XML form starts with "&" when the
+    // URI already has a query, "?" otherwise.
     size_t queryStart = url.find('?');
     if (queryStart == std::string::npos) {
         queryStart = url.find('&');
@@ -89,8 +88,10 @@ bool parsePlaybackUri(const std::string& fullUrl, PlaybackUri& uri, std::string&
             error = "badly encoded parameter \"" + piece + "\"";
             return false;
         }
-        // Last value wins: the rtspPort the plug-in appends to the XML form
-        // overrides one the client wrote into its own URI.
+        if (uri.params.count(name) != 0) {
+            error = "parameter \"" + name + "\" appears twice";
+            return false;
+        }
         uri.params[name] = value;
     }
 

@@ -1,32 +1,28 @@
-// What a download names, read from the URL of the RTSP request that the
-// plug-in hands to the filter chain. The plug-in builds that URL from the
-// client's playback URI: "playback" became "download", the XML form turned
-// "camera/<id>/" into "device/<id>/" or appended
-// "indexType=rtspPort&rtspPort=<port>", and "&clientIP=<X-Forwarded-For>" and
-// "&username=..." were appended last. Only the part before that suffix is read
-// for parameters: the forwarded text is the client's and chooses nothing.
+// What a download names, read from the client's own part of the URL the
+// plug-in hands to the filter chain (PluginUrl.h cuts off the rest). The
+// plug-in builds that part from the client's playback URI: "playback" became
+// "download", and the XML form turned "camera/<id>/" into "device/<id>/" or
+// appended "indexType=rtspPort&rtspPort=<port>".
 #ifndef GATEWAY_PLAYBACK_URI_H
 #define GATEWAY_PLAYBACK_URI_H
 
 #include <map>
 #include <string>
 
-#include "ClientAddress.h"
-
 struct PlaybackUri {
-    std::string host;         // address in the authority, without the port
-    std::string deviceIndex;  // "devIndex" parameter, else the "device/<id>/" path segment
-    int rtspPort = 0;         // "rtspPort" parameter when "indexType" is "rtspPort", else 0
-    std::map<std::string, std::string>
-        params;              // decoded query of the client's URI; a repeated name keeps its last value
-    ForwardedClient client;  // from the plug-in's suffix, never from params
+    std::string host;                           // address in the authority, without the port
+    std::string deviceIndex;                    // "devIndex" parameter, else the "device/<id>/" path segment
+    int rtspPort = 0;                           // "rtspPort" parameter when "indexType" is "rtspPort", else 0
+    std::map<std::string, std::string> params;  // decoded query of the client's URI
 
     std::string param(const std::string& name) const;
     bool hasParam(const std::string& name) const { return params.count(name) != 0; }
 };
 
-// False with a reason when the URL has no "rtsp://" authority or a parameter
-// that cannot be decoded.
+// False with a reason when the URL has no "rtsp://" authority, or a parameter
+// that cannot be decoded or that appears twice: which of two values a reader
+// takes is how one reader is played against another (an XML URI that names its
+// own rtspPort meets the one the plug-in appends, and is refused too).
 bool parsePlaybackUri(const std::string& url, PlaybackUri& uri, std::string& error);
 
 #endif  // GATEWAY_PLAYBACK_URI_H

@@ -2,7 +2,14 @@
 
 #include <dlfcn.h>
 
+#include "Logger.h"
+
 namespace {
+
+void writeToLogger(int level, const char* module, const char* text, void* logger)
+{
+    static_cast<Logger*>(logger)->write(level, module, text);
+}
 
 template <typename Function>
 bool resolve(void* handle, const char* name, Function& function, std::string& error)
@@ -19,6 +26,9 @@ bool resolve(void* handle, const char* name, Function& function, std::string& er
 
 PluginLibrary::~PluginLibrary()
 {
+    if (m_setLogOutput) {
+        m_setLogOutput(nullptr, nullptr);  // the Logger may go before the library's last line
+    }
     if (m_handle) {
         dlclose(m_handle);
     }
@@ -40,4 +50,15 @@ bool PluginLibrary::load(const std::string& path, std::string& error)
            resolve(m_handle, "GetServerConnectCount", serverConnectCount, error) &&
            resolve(m_handle, "CreateServer", createServer, error) &&
            resolve(m_handle, "DestroyServer", destroyServer, error);
+}
+
+bool PluginLibrary::routeLogTo(Logger& log)
+{
+    // Looked up through the plug-in's handle, which also searches the libraries it was linked with.
+    m_setLogOutput = m_handle ? reinterpret_cast<SetLogOutput>(dlsym(m_handle, "wlog_set_output")) : nullptr;
+    if (!m_setLogOutput) {
+        return false;
+    }
+    m_setLogOutput(&writeToLogger, &log);
+    return true;
 }

@@ -14,11 +14,13 @@ constexpr int kServiceUnavailable = 0x20000002;  // "serviceUnavailable" (answer
 constexpr int kInternalError = 0x30000014;       // "internalError"
 constexpr int kNotSupport = 0x40000001;          // "notSupport"
 constexpr int kBadAuthorization = 0x40000003;    // "badAuthorization"
+constexpr int kInvalidOperation = 0x40000006;    // "invalidOperation"
 constexpr int kNoRecord = 0x4000109D;            // "noRecord"
 constexpr int kTimeRangeError = 0x400010AC;      // "timeRangeError"
 constexpr int kIsoTimeFormatError = 0x400010ED;  // "ISO 8601TimeFormatError"
 constexpr int kBadDevIndex = 0x4000A001;         // "badDevIndex"
 constexpr int kReachDownloadLimit = 0x4000A009;  // "reachDownloadLimit"
+constexpr int kReachTalkLimit = 0x4000118A;      // the plug-in's "too many talks", also one user's
 constexpr int kBadParameters = 0x60000001;       // "badParameters"
 }  // namespace RestError
 
@@ -29,6 +31,7 @@ constexpr int kTalkAccepted = 0x1930844;
 namespace RtspStatusIndex {
 constexpr int kBadRequest = 9;            // 400
 constexpr int kUnauthorized = 10;         // 401
+constexpr int kForbidden = 12;            // 403
 constexpr int kNotFound = 13;             // 404
 constexpr int kInternalServerError = 36;  // 500
 constexpr int kServiceUnavailable = 39;   // 503

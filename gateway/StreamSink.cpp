@@ -14,6 +14,7 @@
 #include "DownloadResolver.h"
 #include "GatewayMetrics.h"
 #include "Logger.h"
+#include "RegularFile.h"
 #include "RestErrors.h"
 #include "StreamBlocks.h"
 #include "TalkDevices.h"
@@ -106,14 +107,18 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
         m_log.logf(kLogError, "OnOpen: \"%s\" names no recording", text(mediaUrl));
         return RestError::kInternalError;
     }
-    int fd = open(recording->path.c_str(), O_RDONLY | O_CLOEXEC);
+    // The name is a plain file name, and the file itself must be there: never
+    // a link that leads out of the device folder, nor a FIFO that would hold
+    // this thread in open().
+    std::string problem;
+    const int fd = openRegularFile(recording->path, FileLinks::kRefused, problem);
     struct stat info;
     if (fd < 0 || fstat(fd, &info) != 0) {
-        m_log.logf(kLogError, "OnOpen: %s cannot be opened: %s", recording->path.c_str(), strerror(errno));
+        m_log.logf(kLogError, "OnOpen: %s", fd < 0 ? problem.c_str() : strerror(errno));
         if (fd >= 0) {
             close(fd);
         }
-        return RestError::kInternalError;
+        return RestError::kNoRecord;
     }
     DownloadSetup setup;
     setup.id = m_nextId++;
@@ -166,11 +171,19 @@ int StreamSink::openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_W
         m_log.logf(kLogError, "OnOpen: \"%s\" names no talking device", text(mediaUrl));
         return RestError::kInternalError;
     }
-    const TalkRequester requester = m_talks->requester(channel);
+    // The talk belongs to whoever opened it: the open the filter accepted for
+    // this key, which must be waiting.
+    TalkKey key;
+    TalkRequester requester;
+    if (!talkKeyOfDescribe(text(filterUrl), key) || key.first != channel || !m_talks->owners().opened(key, requester)) {
+        m_log.logf(kLogError, "OnOpen: no open request waits for the talk \"%s\"", text(filterUrl));
+        return RestError::kInternalError;
+    }
     TalkStreamSetup setup;
     setup.id = m_nextId++;
     setup.devIndex = device->devIndex;
     setup.channel = channel;
+    setup.httpPort = key.second;
     setup.client = requester.client;
     setup.user = requester.user;
     setup.codec = device->codec;
@@ -207,6 +220,9 @@ std::shared_ptr<TalkStream> StreamSink::findTalk(void* sessionHandle)
 void StreamSink::releaseTalk(const std::shared_ptr<TalkStream>& talk, const char* outcome)
 {
     talk->stop();
+    if (m_talks != nullptr) {
+        m_talks->owners().ended(TalkKey(talk->setup().channel, talk->setup().httpPort));
+    }
     const double seconds = talk->secondsOpen();
     m_metrics.talkFinished(seconds);
     m_log.logf(kLogInfo, "%s", talk->summary(outcome).c_str());

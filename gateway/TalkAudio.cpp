@@ -5,13 +5,15 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <vector>
 
+#include "RegularFile.h"
 #include "WavFile.h"
 
 namespace {
+
+// A device's sound is held in memory for as long as the gateway runs.
+constexpr size_t kMaxTalkSourceBytes = 64 * 1024 * 1024;
 
 const TalkCodec kCodecs[] = {
     {"PCMU", 8000, 160, kWavFormatMulaw, ".wav"},  // 20 ms packets
@@ -64,13 +66,7 @@ std::vector<int16_t> builtInTone()
 
 bool readRawFile(const std::string& path, std::string& bytes, std::string& error)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        error = path + ": " + strerror(errno);
-        return false;
-    }
-    bytes.assign((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    return true;
+    return readRegularFile(path, kMaxTalkSourceBytes, bytes, error);
 }
 
 }  // namespace

@@ -48,16 +48,71 @@ int talkChannelOfUrl(const std::string& url)
     return end == url.size() || url[end] == '?' || url[end] == '&' ? channel : 0;
 }
 
-int talkChannelOfDescribe(const std::string& url)
+namespace {
+
+// "?indexType=httpPort&httpPort=<p>" from at to the end of url: the port, else -1.
+int httpPortQuery(const std::string& url, size_t at)
 {
-    static const std::string kMarker = "/dac/talk/";
-    size_t at = url.compare(0, 7, "rtsp://") == 0 ? url.find(kMarker) : std::string::npos;
-    if (at == std::string::npos) {
-        return 0;
+    static const std::string kQuery = "?indexType=httpPort&httpPort=";
+    if (url.compare(at, kQuery.size(), kQuery) != 0) {
+        return -1;
+    }
+    const size_t digits = at + kQuery.size();
+    if (url.size() == digits || url.size() - digits > 5 ||
+        url.find_first_not_of("0123456789", digits) != std::string::npos) {
+        return -1;
+    }
+    const int port = atoi(url.c_str() + digits);
+    return port <= 65535 ? port : -1;
+}
+
+}  // namespace
+
+bool talkKeyOfUrl(const std::string& url, TalkKey& key)
+{
+    static const std::string kPrefix = "/QUMEX/System/TwoWayAudio/channels/";
+    if (url.compare(0, kPrefix.size(), kPrefix) != 0) {
+        return false;
     }
     size_t end = 0;
-    int channel = leadingChannel(url, at + kMarker.size(), end);
-    return end < url.size() && url[end] == '/' ? channel : 0;
+    const int channel = leadingChannel(url, kPrefix.size(), end);
+    const int port = channel != 0 ? httpPortQuery(url, end) : -1;
+    key = TalkKey(channel, port);
+    return port >= 0;
+}
+
+bool talkKeyOfDescribe(const std::string& url, TalkKey& key)
+{
+    static const std::string kMarker = "/dac/talk/";
+    static const std::string kTransport = "/TCP";
+    const size_t at = url.compare(0, 7, "rtsp://") == 0 ? url.rfind(kMarker) : std::string::npos;
+    if (at == std::string::npos) {
+        return false;
+    }
+    size_t end = 0;
+    const int channel = leadingChannel(url, at + kMarker.size(), end);
+    if (channel == 0 || url.compare(end, kTransport.size(), kTransport) != 0) {
+        return false;
+    }
+    const int port = httpPortQuery(url, end + kTransport.size());
+    key = TalkKey(channel, port);
+    return port >= 0;
+}
+
+TalkVerb talkVerbOfTarget(const std::string& target, int channel)
+{
+    const std::string prefix = "/QUMEX/System/TwoWayAudio/channels/" + std::to_string(channel) + "/";
+    if (channel == 0 || target.compare(0, prefix.size(), prefix) != 0) {
+        return TalkVerb::kNone;
+    }
+    const std::string verb = target.substr(prefix.size(), target.find('?', prefix.size()) - prefix.size());
+    if (verb == "open") {
+        return TalkVerb::kOpen;
+    }
+    if (verb == "close") {
+        return TalkVerb::kClose;
+    }
+    return verb == "audioData" ? TalkVerb::kAudioData : TalkVerb::kNone;
 }
 
 bool TalkDevices::load(const GatewayConfig& config, Logger& log, std::string& error)
@@ -104,17 +159,4 @@ const TalkDevice* TalkDevices::byChannel(int channel) const
         }
     }
     return nullptr;
-}
-
-void TalkDevices::noteRequester(int channel, const TalkRequester& requester)
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    m_requesters[channel] = requester;
-}
-
-TalkRequester TalkDevices::requester(int channel)
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    auto found = m_requesters.find(channel);
-    return found == m_requesters.end() ? TalkRequester() : found->second;
 }

@@ -26,8 +26,9 @@ struct TalkStreamSetup {
     uint64_t id = 0;
     std::string devIndex;
     int channel = 0;
+    int httpPort = 0;    // with the channel, the plug-in's key of the talk
     std::string client;  // the client's address as the plug-in forwarded it; may be empty
-    std::string user;
+    std::string user;    // who opened the talk, and so owns it
     const TalkCodec* codec = nullptr;
     std::shared_ptr<const std::string> audio;  // the device's audio in its codec
     std::string capturePath;                   // empty: what the client says is not kept

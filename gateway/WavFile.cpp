@@ -5,10 +5,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
+#include "RegularFile.h"
 
 namespace {
+
+constexpr size_t kMaxWavFileBytes = 64 * 1024 * 1024;
 
 uint32_t readLe32(const std::string& bytes, size_t at)
 {
@@ -43,12 +44,10 @@ constexpr size_t kCaptureHeaderSize = 12 + 8 + 18 + 12 + 8;
 
 bool readWavFile(const std::string& path, WavAudio& audio, std::string& error)
 {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        error = path + ": " + strerror(errno);
+    std::string bytes;
+    if (!readRegularFile(path, kMaxWavFileBytes, bytes, error)) {
         return false;
     }
-    std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     if (bytes.size() < 12 || bytes.compare(0, 4, "RIFF") != 0 || bytes.compare(8, 4, "WAVE") != 0) {
         error = path + ": not a WAV file";
         return false;

@@ -55,7 +55,8 @@ int main(int argc, char** argv)
             return false;
         }
         applyOverrides(document, commandLine.overrides);
-        if (!parseGatewayConfig(document, config, problem)) {
+        const ConfigSource source = commandLine.configFile.empty() ? ConfigSource::kDefaults : ConfigSource::kFile;
+        if (!parseGatewayConfig(document, source, config, problem)) {
             problem = "configuration refused: " + problem;
             return false;
         }
@@ -67,8 +68,12 @@ int main(int argc, char** argv)
         return true;
     };
     GatewayConfig config;
-    if (!readConfig(config, error)) {
-        return refuse(error, false);
+    try {
+        if (!readConfig(config, error)) {
+            return refuse(error, false);
+        }
+    } catch (const std::exception& failure) {
+        return refuse(std::string("configuration refused: ") + failure.what(), false);
     }
     return runGateway(config, readConfig, signals);
 }

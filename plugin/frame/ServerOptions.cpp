@@ -16,6 +16,10 @@ CServerOptions CServerOptions::fromParams(const ServerParams& params)
 {
     CServerOptions options;
     options.checkTalkBacklog = isOn(params, "checkTalkBacklog");
+    options.checkRequestText = isOn(params, "checkRequestText");
+    options.sendRequestTarget = isOn(params, "sendRequestTarget");
+    options.requireTalkSessionId = isOn(params, "requireTalkSessionId");
+    options.talkGatewayRefusal = isOn(params, "talkGatewayRefusal");
     return options;
 }
 

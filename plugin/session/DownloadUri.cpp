@@ -20,7 +20,7 @@ bool ReadJsonDownloadUri(const char* body, int length, std::string& uri)
     // Checked before the reader, whose own limit (1,000 levels) is deeper than
     // a worker's stack holds: the reader stays the same, and so does what it
     // accepts.
-    if (body == nullptr || length <= 0 || !JsonNestingWithin(body, static_cast<size_t>(length), kMaxRequestNesting)) {
+    if (body == nullptr || length <= 0 || CountJsonOpenings(body, static_cast<size_t>(length)) > kMaxRequestOpenings) {
         return false;
     }
     Json::Value root;

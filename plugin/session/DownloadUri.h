@@ -15,7 +15,7 @@ void RewritePlaybackToDownload(std::string& uri);
 // Reads {"downloadRequest":{"playbackURI":"..."}} from the length bytes of
 // body (no terminator needed) and returns the URI already rewritten to the
 // download URI. False, with uri untouched, when the body is not JSON of that
-// shape or nests deeper than kMaxRequestNesting.
+// shape or holds more than kMaxRequestOpenings brackets.
 bool ReadJsonDownloadUri(const char* body, int length, std::string& uri);
 
 // True when the download URI names a download, a start and an end time and

@@ -8,6 +8,7 @@
 #include "errors/RestErrorCodes.h"
 #include "errors/XmlNamespaces.h"
 #include "frame/ErrorCodes.h"
+#include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
 #include "session/HttpSession.h"
 #include "talk/AudioTalkSessionMgr.h"
@@ -54,8 +55,7 @@ int CHttpSession::checkTalkWithGateway()
     if (result == HPW_ERR_TALK_URL) {
         return 0;
     }
-    m_errorHandler.renderXMLResponseStatus(m_iHttpHandle,
-                                           GetStatusCode() == 401 ? kRestBadAuthorization : kRestInternalError);
+    m_errorHandler.renderXMLResponseStatus(m_iHttpHandle, talkRefusalError());
     return -1;
 }
 

@@ -19,7 +19,7 @@ namespace HttpWrapper {
 namespace {
 const size_t kDevIndexLength = 36;
 // Longer Range values are lists of ranges, which are not served; a longer
-// If-Range is no tag the gateway issued.
+// If-Range is no tag the gateway issued, so it matches nothing.
 const size_t kMaxRangeHeader = 128;
 }  // namespace
 
@@ -27,7 +27,8 @@ void CHttpSession::readDownloadRange()
 {
     // A chunked reply has no length a client could count a range in.
     std::string value;
-    if (m_framing.isChunked() || !m_httpHelper.getRequestHeader(m_iHttpHandle, "Range", kMaxRangeHeader, value)) {
+    if (m_framing.isChunked() ||
+        m_httpHelper.getRequestHeader(m_iHttpHandle, "Range", kMaxRangeHeader, value) != CHttpHelper::HEADER_READ) {
         return;
     }
     CByteRangeRequest range;
@@ -35,8 +36,11 @@ void CHttpSession::readDownloadRange()
         HPW_LOGD("Download request range ignored, Range[%s]", value.c_str());
         return;
     }
+    // A validator too long to keep is still a validator: it cannot match, and
+    // the whole body must come (ifRange stays empty, which matches nothing).
     std::string ifRange;
-    bool hasIfRange = m_httpHelper.getRequestHeader(m_iHttpHandle, "If-Range", kMaxRangeHeader, ifRange);
+    const bool hasIfRange = m_httpHelper.getRequestHeader(m_iHttpHandle, "If-Range", kMaxRangeHeader, ifRange) !=
+                            CHttpHelper::HEADER_ABSENT;
     m_strDownloadRange = DownloadRangeHead(range, hasIfRange, ifRange);
 }
 

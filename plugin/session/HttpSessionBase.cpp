@@ -10,9 +10,11 @@
 #include "errors/RestErrorTable.h"
 #include "errors/XmlNamespaces.h"
 #include "frame/ErrorCodes.h"
+#include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
 #include "session/HttpSessionMgr.h"
 #include "session/RtspStatus.h"
+#include "util/RequestText.h"
 #include "util/StringUtils.h"
 #include "xml/mkTinyXMLConverter.h"
 
@@ -88,8 +90,44 @@ std::string CHttpSessionBase::getHttpXmlResponse(unsigned int errorNo, const std
     return response;
 }
 
+bool CHttpSessionBase::clientTextIsSafe()
+{
+    // The client address needs no check: it is percent-escaped on its way in.
+    const char* field = nullptr;
+    if (!IsSafeRequestText(m_strPlaybackURI, SPACES_REFUSED)) {
+        field = "the playback URI";
+    } else if (!IsSafeRequestText(requestUrl(), SPACES_REFUSED)) {
+        field = "the request target";
+    } else if (!IsSafeRequestText(m_strAuthorization, SPACES_ALLOWED)) {
+        field = "the Authorization value";
+    }
+    if (field == nullptr) {
+        return true;
+    }
+    HPW_LOGE(kRestBadParameters, "Request refused, a control byte or a space in %s", field);
+    SetErrorCode(static_cast<int>(kRestBadParameters));
+    SetStatusCode(400);
+    return false;
+}
+
+unsigned int CHttpSessionBase::talkRefusalError()
+{
+    if (GetStatusCode() == 401) {
+        return kRestBadAuthorization;
+    }
+    const int error = GetErrorCode();
+    const bool restError = (static_cast<unsigned int>(error) >> 28) != 0;
+    return singleton<CHttpServerWrapper>::instance()->options().talkGatewayRefusal && restError
+               ? static_cast<unsigned int>(error)
+               : kRestInternalError;
+}
+
 int CHttpSessionBase::convertToRtspProcess(bool needAuth)
 {
+    const CServerOptions& options = singleton<CHttpServerWrapper>::instance()->options();
+    if (options.checkRequestText && !clientTextIsSafe()) {
+        return static_cast<int>(kRestBadParameters);
+    }
     // "&clientIP=" is appended even without a "?" and with an empty address, and
     // "Download: 0" is sent for downloads too: the gateway's parser expects both.
     // The address is the client's own text (a proxy's list, or anything a
@@ -104,6 +142,9 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
     // After the standard heads, which gateways read as they always have.
     if (!m_strDownloadRange.empty()) {
         text += "Download-Range: " + m_strDownloadRange + "\r\n";
+    }
+    if (options.sendRequestTarget) {
+        text += std::string("Request-Target: ") + requestUrl() + "\r\n";
     }
     text += "\r\n";
 

@@ -68,6 +68,13 @@ public:
 
 protected:
     const char* requestUrl() const { return m_requestParam.szUrl; }
+    // The client's text the RTSP request takes, checked once (checkRequestText);
+    // false, with the error and status set to badParameters, when any is unsafe.
+    bool clientTextIsSafe();
+    // The REST error a refused talk request answers with: badAuthorization
+    // after a 401, else internalError, or (talkGatewayRefusal) the error the
+    // gateway or the conversion left when it is a REST error number.
+    unsigned int talkRefusalError();
 
     std::string m_strFilterURL;
     std::string m_strMediaURL;

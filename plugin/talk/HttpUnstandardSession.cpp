@@ -385,11 +385,16 @@ std::shared_ptr<CQumexAudioTalkSession> CHttpUnstandardSession::findTalk()
     m_strPlaybackURI = talkUrl;
     int result = convertToRtspProcess(true);
     if (result != HPW_ERR_TALK_URL) {
-        replyXml(GetStatusCode() == 401 ? kRestBadAuthorization : kRestInternalError);
+        replyXml(talkRefusalError());
         return nullptr;
     }
+    // The talk accepts a link without an id (its older clients never learnt
+    // one), unless the server URL asks for the id: then any talk of a channel
+    // is reached only by who was told its id.
     CAudioTalkSessionMgr* talks = singleton<CAudioTalkSessionMgr>::instance();
-    if (talks->checkSession(talkUrl, sessionId) != 0) {
+    const bool idMissing =
+        sessionId.empty() && singleton<CHttpServerWrapper>::instance()->options().requireTalkSessionId;
+    if (idMissing || talks->checkSession(talkUrl, sessionId) != 0) {
         replyXml(kRestInvalidOperation);
         return nullptr;
     }

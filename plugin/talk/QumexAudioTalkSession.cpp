@@ -10,6 +10,7 @@
 #include "frame/Log.h"
 #include "session/RtspStatus.h"
 #include "transport/IocpTcpTransmitter.h"
+#include "util/RequestText.h"
 
 namespace HttpWrapper {
 
@@ -97,6 +98,15 @@ int CQumexAudioTalkSession::start()
 
 int CQumexAudioTalkSession::convertToRtspProcess(const std::string& rtspUrl)
 {
+    // The URL carries the client's Host: checked like every client text that
+    // goes into a request for the gateway.
+    if (singleton<CHttpServerWrapper>::instance()->options().checkRequestText &&
+        !IsSafeRequestText(rtspUrl, SPACES_REFUSED)) {
+        HPW_LOGE(HPW_ERR_PARAM, "Talk refused, a control byte in the Host the talk was opened with");
+        SetErrorCode(HPW_ERR_PARAM);
+        SetStatusCode(400);
+        return HPW_ERR_PARAM;
+    }
     // No Authorization is forwarded: the open request was authenticated already.
     std::string text = "DESCRIBE " + rtspUrl + " RTSP/1.0\r\n";
     text += "CSeq: 1\r\n";

@@ -20,6 +20,7 @@ const int kDevIndexLength = 36;
 const int kMaxUrlVariables = 4;
 const int kPrintedUrlSize = 512;
 const int kHostHeaderSize = 32;
+const size_t kHeaderReadSize = 8192 + 1;  // the server's whole header block, and a terminator
 const int kDefaultHttpPort = 80;
 const int kNonceTextSize = 64;
 const unsigned int kNonceRandomMask = 0xFFFF;
@@ -174,16 +175,23 @@ int CHttpHelper::getRecvAddress(int httpHandle, std::string& address, int& port)
     return 0;
 }
 
-bool CHttpHelper::getRequestHeader(int httpHandle, const char* name, size_t maxLength, std::string& value) const
+CHttpHelper::HeaderRead CHttpHelper::getRequestHeader(int httpHandle, const char* name, size_t maxLength,
+                                                      std::string& value) const
 {
-    std::string buffer(maxLength + 1, '\0');
+    // Room for any header the server accepts, so that a value too long for
+    // the caller is seen as such and not taken for a missing one.
+    std::string buffer(kHeaderReadSize, '\0');
     if (NET_HTTPSERVER_GetParamV2(httpHandle, NET_HTTPSERVER_GET_REQUEST, NET_HTTPSERVER_SUB_HEADER, name,
                                   static_cast<int>(std::strlen(name)), &buffer[0],
                                   static_cast<int>(buffer.size())) != 0) {
-        return false;
+        return HEADER_ABSENT;
     }
-    value.assign(buffer.c_str());
-    return true;
+    const size_t length = std::strlen(buffer.c_str());
+    if (length > maxLength) {
+        return HEADER_TOO_LONG;
+    }
+    value.assign(buffer.c_str(), length);
+    return HEADER_READ;
 }
 
 std::string CHttpHelper::getHTTPStatsStringByCode(unsigned int code) const

@@ -37,9 +37,10 @@ public:
     // none. -1 when the header cannot be read.
     int getRecvAddress(int httpHandle, std::string& address, int& port) const;
 
-    // The value of the request's header `name`; false when it is absent or
-    // longer than maxLength bytes.
-    bool getRequestHeader(int httpHandle, const char* name, size_t maxLength, std::string& value) const;
+    // The value of the request's header `name`, when it is there and at most
+    // maxLength bytes long; a longer one is told apart from a missing one.
+    enum HeaderRead { HEADER_ABSENT, HEADER_TOO_LONG, HEADER_READ };
+    HeaderRead getRequestHeader(int httpHandle, const char* name, size_t maxLength, std::string& value) const;
 
     // "200 OK" and the like; empty for codes without a phrase.
     std::string getHTTPStatsStringByCode(unsigned int code) const;

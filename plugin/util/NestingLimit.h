@@ -1,8 +1,14 @@
-// Bounds on how deeply a request body nests, checked before a recursive
-// parser sees it. The JSON and XML libraries parse recursively, one stack frame
-// chain per level; a small body of thousands of levels would overflow the
-// 256 KiB stack of a request worker and end the whole gateway process. No
-// document of the device API nests more than a few levels.
+// Bounds on how deeply a document may nest, checked before a recursive parser
+// sees it. The JSON and XML libraries parse recursively, one chain of stack
+// frames per level; a small body of thousands of levels would overflow the
+// 256 KiB stack of a request worker and end the whole gateway process.
+//
+// The bound counts, it does not parse: every '[' and '{' anywhere (inside
+// strings and comments too), every '<' not followed by '/', over every byte.
+// Nesting can never be deeper than that count, whatever a parser makes of
+// comments, odd bytes or broken markup, so an over-count is the only possible
+// error, and it is a safe one. A scanner that imitated the parsers would have
+// to agree with them on every byte, and each disagreement is a way through.
 #ifndef HTTPWRAPPER_UTIL_NESTINGLIMIT_H
 #define HTTPWRAPPER_UTIL_NESTINGLIMIT_H
 
@@ -10,20 +16,17 @@
 
 namespace HttpWrapper {
 
-// Deepest nesting a request body may have: far below what a worker's stack
-// holds even in instrumented builds, far above any document of the API.
-const int kMaxRequestNesting = 32;
+// Most openings a request body may hold. A download request has three or four;
+// a worker's stack holds the parsers at many times this depth, also in
+// instrumented builds.
+const size_t kMaxRequestOpenings = 64;
 
-// True when no object or array of the JSON text lies deeper than limit.
-// Strings and the comments the JSON reader accepts ("//" and "/* */") are
-// skipped, so brackets inside them do not count; the text need not be valid.
-bool JsonNestingWithin(const char* text, size_t length, int limit);
+// The '[' and '{' bytes of text.
+size_t CountJsonOpenings(const char* text, size_t length);
 
-// True when no element of the XML text lies deeper than limit. Comments,
-// CDATA sections, declarations, processing instructions and quoted attribute
-// values are skipped as the XML library skips them; empty-element tags do not
-// nest. The text need not be well-formed.
-bool XmlNestingWithin(const char* text, size_t length, int limit);
+// The '<' bytes of text that are not followed by '/' (a '<' at the very end
+// counts).
+size_t CountXmlOpenings(const char* text, size_t length);
 
 }  // namespace HttpWrapper
 

@@ -60,6 +60,14 @@ bool ReadTextFile(const char* path, std::string& text)
     return true;
 }
 
+// TinyXML parses recursively and has no depth limit of its own: a text with
+// more openings than the bound is refused before it can exhaust the stack.
+// The parser stops at the first NUL, so that is where the count stops too.
+bool WithinOpenings(const char* text)
+{
+    return CountXmlOpenings(text, strlen(text)) <= kMaxRequestOpenings;
+}
+
 std::string IntText(int value)
 {
     char text[kIntTextSize] = {0};
@@ -142,9 +150,7 @@ bool CmkTinyXMLConverter::SetDoc(const char* text)
     ResetPos();
     m_savedPositions.clear();
     m_bWellFormed = false;
-    // TinyXML parses recursively and has no depth limit of its own: a deep
-    // document from a client is refused before it can exhaust the stack.
-    if (text == nullptr || text[0] == '\0' || !XmlNestingWithin(text, strlen(text), kMaxRequestNesting)) {
+    if (text == nullptr || text[0] == '\0' || !WithinOpenings(text)) {
         return false;
     }
     Parse(ParseableText(text).c_str());
@@ -170,7 +176,7 @@ bool CmkTinyXMLConverter::Load(const char* path)
     // is parsed with the same padding as a text.
     std::string text;
     m_bWellFormed = false;
-    if (path == nullptr || !ReadTextFile(path, text)) {
+    if (path == nullptr || !ReadTextFile(path, text) || !WithinOpenings(text.c_str())) {
         return false;
     }
     Clear();
@@ -408,7 +414,7 @@ bool CmkTinyXMLConverter::PlaceFragment(const char* xml, ADD_TYPE type, TiXmlNod
                                         TiXmlElement*& first)
 {
     first = nullptr;
-    if (xml == nullptr || xml[0] == '\0') {
+    if (xml == nullptr || xml[0] == '\0' || !WithinOpenings(xml)) {
         return false;
     }
     TiXmlDocument fragment;

@@ -40,7 +40,8 @@ class StartRefusals(unittest.TestCase):
             (None, ("--port", free(), "--admin", "127.0.0.1:" + port, "--plugin", h.PLUGIN), 1,
              "admin endpoint cannot listen on 127.0.0.1:%s: Address already in use" % port),
             # Identity tokens on with a key file the identity library cannot use: the path named.
-            ('{"auth": {"supportIdentifyToken": true}}', ("--port", free()), 1, key_file + " is not a 32-byte key file"),
+            ('{"auth": {"supportIdentifyToken": true, "users": [{"name": "a", "password": "b"}]}}', ("--port", free()),
+             1, key_file + " is not a 32-byte key file"),
         ]
         for config, args, code, text in cases:
             with self.subTest(text):

@@ -57,7 +57,7 @@ class Replay(h.GatewayCase):
         self.wait_for_log("a replay")
         other = h.digest_authorization(self.challenge("POST", self.path, body), "POST", "/other")
         self.assertEqual(self.download(other, body)[0], 401, "a response computed for another uri")
-        self.wait_for_log('uri "/other" is not the download path')
+        self.wait_for_log('uri "/other" is not the request target')
 
     def test_clients_that_reuse_a_nonce_count_up_and_keep_working(self):
         # curl reuses its nonce for the second URL with nc=00000002.

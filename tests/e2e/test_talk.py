@@ -111,7 +111,7 @@ class Talks(h.GatewayCase):
         cases = [
             ("a second talk on the channel", ["--channel", "1"], h.PASSWORD, "HTTP 403 invalidOperation"),
             ("a wrong password", ["--channel", "2"], "not-it", "HTTP 403 badAuthorization"),
-            ("a channel no device talks on", ["--channel", "9"], h.PASSWORD, "HTTP 500 internalError"),
+            ("a channel no device talks on", ["--channel", "9"], h.PASSWORD, "HTTP 403 notSupport"),
         ]
         for what, args, password, answer in cases:
             result = self.talk(*args, "--record", os.path.join(self.dir, "b.wav"), password=password)

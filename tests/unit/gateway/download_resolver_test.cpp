@@ -83,51 +83,6 @@ TEST_F(DownloadResolverTest, RefusesWithTheFittingRestError)
     }
 }
 
-// The plug-in's suffix ("&clientIP=...&username=...") is the client's text: it
-// names at most a client address, and only a valid one; it never sets a
-// parameter of the URI.
-TEST(PlaybackUriParsing, TheForwardedClientChoosesNothing)
-{
-    const std::string base = "rtsp://h:554/download?devIndex=dev-1&name=a%20b";
-    struct Case {
-        std::string forwarded;  // as it arrives after "&clientIP="
-        std::string address;
-        bool untrusted;
-    } cases[] = {
-        {"10.1.2.3", "10.1.2.3", false},
-        {"2001:db8::7", "2001:db8::7", false},
-        {"203.0.113.7,%20127.0.0.2", "203.0.113.7", false},  // a proxy's list, escaped by the plug-in
-        {"%20198.51.100.1%20,x", "198.51.100.1", false},
-        {"a%26devIndex%3Dzzz", "", true},
-        {"a", "", true},  // what an older plug-in sent raw: "a&devIndex=zzz"
-        {"%2526", "", true},
-        {"1.2.3.4%0D%0AX:%20y", "", true},
-        {std::string(200, '9'), "", true},
-        {"", "", false},
-    };
-    for (const Case& c : cases) {
-        PlaybackUri uri;
-        std::string error;
-        const std::string raw = c.forwarded == "a" ? "a&devIndex=zzz" : c.forwarded;
-        ASSERT_TRUE(parsePlaybackUri(base + "&clientIP=" + raw + "&username=admi", uri, error)) << error;
-        EXPECT_EQ(uri.client.address, c.address) << c.forwarded;
-        EXPECT_EQ(!uri.client.untrusted.empty(), c.untrusted) << c.forwarded;
-        EXPECT_LE(uri.client.untrusted.size(), 70u);
-        EXPECT_EQ(uri.client.untrusted.find_first_of("\r\n\""), std::string::npos);
-        EXPECT_EQ(uri.deviceIndex, "dev-1") << c.forwarded;
-        EXPECT_FALSE(uri.hasParam("clientIP") || uri.hasParam("username")) << c.forwarded;
-        EXPECT_EQ(uri.param("name"), "a b");
-    }
-
-    // The last "&clientIP=" is the plug-in's; one inside the client's URI is its own text.
-    PlaybackUri uri;
-    std::string error;
-    ASSERT_TRUE(parsePlaybackUri("rtsp://h/download&clientIP=6.6.6.6&clientIP=10.1.2.3&username=admi", uri, error));
-    EXPECT_EQ(uri.client.address, "10.1.2.3");
-    EXPECT_FALSE(parsePlaybackUri("rtsp://h/d?name=%zz&clientIP=", uri, error));
-    EXPECT_FALSE(parsePlaybackUri("rtsp://h/d?indexType=rtspPort&rtspPort=99999", uri, error));
-}
-
 TEST(IsoTimeParsing, AcceptsBasicAndExtendedUtcAndRefusesImpossibleDates)
 {
     int64_t seconds = 0;

@@ -13,7 +13,7 @@ std::string refusalOf(const std::string& json)
     Json::Reader().parse(json, root);
     GatewayConfig config;
     std::string error;
-    return parseGatewayConfig(root, config, error) ? std::string() : error;
+    return parseGatewayConfig(root, ConfigSource::kDefaults, config, error) ? std::string() : error;
 }
 
 }  // namespace
@@ -22,15 +22,17 @@ TEST(GatewayConfigFile, NoDocumentGivesOneUserOneDeviceAndTheServerUrl)
 {
     GatewayConfig config;
     std::string error;
-    ASSERT_TRUE(parseGatewayConfig(Json::Value(), config, error));
+    ASSERT_TRUE(parseGatewayConfig(Json::Value(), ConfigSource::kDefaults, config, error));
     ASSERT_EQ(config.users.size(), 1u);
     ASSERT_EQ(config.devices.size(), 1u);
+    const std::string optIns =
+        "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1"
+        "&talkGatewayRefusal=1";
     EXPECT_EQ(buildServerUrl(config),
-              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&checkTalkBacklog=1");
+              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000" + optIns);
     config.audioTalkPort = 8081;
     EXPECT_EQ(buildServerUrl(config),
-              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081"
-              "&checkTalkBacklog=1");
+              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns);
 }
 
 TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
@@ -61,11 +63,33 @@ TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
         {R"({"admin":{"listen":"127.0.0.1:8080"}})", "admin.listen: port 8080 is the plug-in's"},
         {R"({"server":{"maxDownloads":401}})", "server.maxDownloads:"},
         {R"([1,2])", "(document): must be a JSON object"},
+        {R"({"server":{"maxTalksPerUser":0}})", "server.maxTalksPerUser:"},
     };
     for (const auto& c : cases) {
         const std::string error = refusalOf(c.json);
         EXPECT_EQ(error.compare(0, c.expectedPrefix.size(), c.expectedPrefix), 0) << c.json << " gave: " << error;
     }
+}
+
+// The demo user exists only without a file: a file without users, or one
+// that lost its "auth" section, is refused rather than bringing it back.
+TEST(GatewayConfigFile, AFileMustNameItsUsers)
+{
+    for (const char* json : {R"({})", R"({"auth":{"realm":"r"}})", R"({"server":{"httpPort":9000}})"}) {
+        Json::Value root;
+        Json::Reader().parse(json, root);
+        GatewayConfig config;
+        std::string error;
+        EXPECT_FALSE(parseGatewayConfig(root, ConfigSource::kFile, config, error)) << json;
+        EXPECT_EQ(error.rfind("auth.users: a configuration file must name its users", 0), 0u) << error;
+    }
+    Json::Value root;
+    Json::Reader().parse(R"({"auth":{"users":[{"name":"alice","password":"x"}]}})", root);
+    GatewayConfig config;
+    std::string error;
+    ASSERT_TRUE(parseGatewayConfig(root, ConfigSource::kFile, config, error)) << error;
+    ASSERT_EQ(config.users.size(), 1u);
+    EXPECT_EQ(config.users[0].name, "alice");
 }
 
 TEST(GatewayCommandLine, OverridesLandInTheFieldsTheyNameAndAreCheckedThere)
@@ -78,7 +102,7 @@ TEST(GatewayCommandLine, OverridesLandInTheFieldsTheyNameAndAreCheckedThere)
     Json::Reader().parse(R"({"server":{"work_thread":3},"media":{"blockSize":4096}})", root);
     applyOverrides(root, commandLine.overrides);
     GatewayConfig config;
-    ASSERT_TRUE(parseGatewayConfig(root, config, error)) << error;
+    ASSERT_TRUE(parseGatewayConfig(root, ConfigSource::kDefaults, config, error)) << error;
     EXPECT_EQ(config.httpPort, 9090);
     EXPECT_EQ(config.workThreads, 3);
     EXPECT_EQ(config.mediaFolder, "/tmp/m");
@@ -89,7 +113,7 @@ TEST(GatewayCommandLine, OverridesLandInTheFieldsTheyNameAndAreCheckedThere)
     ASSERT_TRUE(parseCommandLine(3, const_cast<char**>(badPort), commandLine, error));
     Json::Value fromPort;
     applyOverrides(fromPort, commandLine.overrides);
-    EXPECT_FALSE(parseGatewayConfig(fromPort, config, error));
+    EXPECT_FALSE(parseGatewayConfig(fromPort, ConfigSource::kDefaults, config, error));
     EXPECT_EQ(error.compare(0, 16, "server.httpPort:"), 0) << error;
 
     const char* unknown[] = {"media-gateway", "--prot", "1"};

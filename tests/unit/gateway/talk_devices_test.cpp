@@ -54,9 +54,23 @@ TEST(TalkDevices, TheChannelOfEachKindOfTalkUrl)
     for (const Case& c : requests) {
         EXPECT_EQ(talkChannelOfUrl(c.url), c.channel) << c.url;
     }
-    EXPECT_EQ(talkChannelOfDescribe("rtsp://127.0.0.1:8080/dac/talk/3/TCP?indexType=httpPort&httpPort=8080"), 3);
-    EXPECT_EQ(talkChannelOfDescribe("rtsp://127.0.0.1:8080/dac/talk/3"), 0);
-    EXPECT_EQ(talkChannelOfDescribe("/dac/talk/3/TCP"), 0);
+    TalkKey key;
+    ASSERT_TRUE(talkKeyOfDescribe("rtsp://127.0.0.1:8080/dac/talk/3/TCP?indexType=httpPort&httpPort=8080", key));
+    EXPECT_EQ(key, TalkKey(3, 8080));
+    // A Host can say anything; the key is read from the end the plug-in writes.
+    ASSERT_TRUE(
+        talkKeyOfDescribe("rtsp://h/dac/talk/9/TCP?x:8080/dac/talk/3/TCP?indexType=httpPort&httpPort=8080", key));
+    EXPECT_EQ(key, TalkKey(3, 8080));
+    EXPECT_FALSE(talkKeyOfDescribe("rtsp://127.0.0.1:8080/dac/talk/3", key));
+    EXPECT_FALSE(talkKeyOfDescribe("rtsp://h:1/dac/talk/3/TCP?indexType=httpPort&httpPort=1&x", key));
+    EXPECT_FALSE(talkKeyOfDescribe("/dac/talk/3/TCP?indexType=httpPort&httpPort=1", key));
+    ASSERT_TRUE(talkKeyOfUrl("/QUMEX/System/TwoWayAudio/channels/2?indexType=httpPort&httpPort=8080", key));
+    EXPECT_EQ(key, TalkKey(2, 8080));
+    EXPECT_FALSE(talkKeyOfUrl("/QUMEX/System/TwoWayAudio/channels/2?indexType=httpPort&httpPort=80&devIndex=x", key));
+    EXPECT_EQ(talkVerbOfTarget("/QUMEX/System/TwoWayAudio/channels/2/open", 2), TalkVerb::kOpen);
+    EXPECT_EQ(talkVerbOfTarget("/QUMEX/System/TwoWayAudio/channels/2/audioData?sessionId=1", 2), TalkVerb::kAudioData);
+    EXPECT_EQ(talkVerbOfTarget("/QUMEX/System/TwoWayAudio/channels/2/close/open", 2), TalkVerb::kNone);
+    EXPECT_EQ(talkVerbOfTarget("/QUMEX/System/TwoWayAudio/channels/3/open", 2), TalkVerb::kNone);
     TalkDevice device;
     device.devIndex = "8c5b1a2e-0f4d-4e7a-9b3c-6d2e1f0a7b41";
     device.channel = 7;
@@ -72,7 +86,7 @@ TEST(TalkDevices, ConfigurationGivesChannelsByPlaceAndRefusesClashes)
         Json::Value root;
         Json::Reader().parse(R"({"media":{"devices":[)" + devices + "]}}", root);
         std::string error;
-        return parseGatewayConfig(root, config, error) ? std::string() : error;
+        return parseGatewayConfig(root, ConfigSource::kDefaults, config, error) ? std::string() : error;
     };
     GatewayConfig config;
     ASSERT_EQ(parse(a + "}," + b + R"(,"talk":{"codec":"PCMA","capture":false}})", config), "");

@@ -1,6 +1,7 @@
-// Request bodies are bounded in depth before a recursive parser sees them, and
-// every parser that runs on a request worker survives the deepest hostile input
-// on a worker's stack.
+// Request bodies are bounded by a count of their openings before a recursive
+// parser sees them, and every parser that runs on a request worker survives
+// the largest body the bound lets through, and the deepest it refuses, on a
+// worker's stack.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -27,64 +28,88 @@ std::string repeat(const std::string& piece, int times)
     return text;
 }
 
-bool jsonWithin(const std::string& text, int limit = 3)
+size_t jsonCount(const std::string& text)
 {
-    return JsonNestingWithin(text.data(), text.size(), limit);
+    return CountJsonOpenings(text.data(), text.size());
 }
 
-bool xmlWithin(const std::string& text, int limit = 3)
+size_t xmlCount(const std::string& text)
 {
-    return XmlNestingWithin(text.data(), text.size(), limit);
+    return CountXmlOpenings(text.data(), text.size());
 }
 
 }  // namespace
 
-TEST(NestingLimit, JsonCountsOnlyRealBrackets)
+// Whatever the parser would make of strings, comments or odd bytes, every
+// opening counts: the count is never below the depth.
+TEST(NestingLimit, CountsEveryOpeningWhereverItStands)
 {
-    EXPECT_TRUE(jsonWithin(R"({"a":{"b":[1,2]},"c":{}})"));
-    EXPECT_FALSE(jsonWithin(R"({"a":{"b":[[1]]}})"));
-    EXPECT_TRUE(jsonWithin(R"({"a":"{[{[{[","b":"\"{{{{"})"));            // brackets in strings
-    EXPECT_TRUE(jsonWithin("{\"a\":1 // {{{{\n, /* [[[[ */ \"b\":{}}"));  // and in comments
-    EXPECT_TRUE(jsonWithin(repeat("{}", 1000)));                          // wide is not deep
-    EXPECT_FALSE(jsonWithin(repeat("[", kHostileDepth)));                 // unterminated still counts
+    EXPECT_EQ(jsonCount(R"({"a":{"b":[1,2]},"c":{}})"), 4u);
+    EXPECT_EQ(jsonCount(R"({"a":"{[{[","b":"\"{{"})"), 7u);            // inside strings
+    EXPECT_EQ(jsonCount("{\"a\"://\r[[[\n]]]}"), 4u);                  // a comment the reader ends at CR
+    EXPECT_EQ(jsonCount(std::string("{\0[", 3)), 2u);                  // past a NUL
+    EXPECT_EQ(xmlCount("<?xml version=\"1.0\"?><a><b/></a>"), 3u);     // declaration, a, b
+    EXPECT_EQ(xmlCount("<a><!-- <b><c> --><![CDATA[<d>]]></a>"), 6u);  // comments and CDATA too
+    EXPECT_EQ(xmlCount("<a x=\"<>\"><\xe9></\xe9></a>"), 3u);          // quoted, and any byte as a name
+    EXPECT_EQ(xmlCount("</a></b><"), 1u);                              // only "</" is a closing
 }
 
-TEST(NestingLimit, XmlCountsOnlyElements)
+// The reproductions: each was read as shallow by a scanner that imitated the
+// parsers, and crashed the gateway; the count refuses them.
+TEST(NestingLimit, RefusesWhatCrashedTheImitatingScanners)
 {
-    EXPECT_TRUE(xmlWithin("<?xml version=\"1.0\"?><a><b><c/></b></a>"));
-    EXPECT_FALSE(xmlWithin("<a><b><c><d></d></c></b></a>"));
-    EXPECT_TRUE(xmlWithin("<a><b><c><d/></c></b></a>"));  // an empty element does not nest
-    EXPECT_TRUE(xmlWithin("<a><!-- <b><c><d> --><b x=\"<>>\" y='/>'><![CDATA[<c><d><e>]]></b></a>"));
-    EXPECT_TRUE(xmlWithin("<!DOCTYPE a [<!ELEMENT a (b)> <!ENTITY e \"<x>\">]><a><b/></a>"));
-    EXPECT_TRUE(xmlWithin(repeat("<a></a>", 1000)));
-    // Markup the parser reads as elements is counted, however it is disguised.
-    EXPECT_FALSE(xmlWithin("<!DOCTYPE x [" + repeat("<a>", 10)));
-    EXPECT_FALSE(xmlWithin("<a b=x\">" + repeat("<a>", 10)));
-    EXPECT_FALSE(xmlWithin("<?pi " + repeat("<a>", 10)));
-    EXPECT_FALSE(xmlWithin(repeat("<a>", kHostileDepth)));
+    const std::string commentAtCr = "{\"downloadRequest\"://\r" + repeat("[", 900) + repeat("]", 900) + "}";
+    std::string uri = "unchanged";
+    EXPECT_FALSE(ReadJsonDownloadUri(commentAtCr.data(), static_cast<int>(commentAtCr.size()), uri));
+    EXPECT_EQ(uri, "unchanged");
+    const std::string highBytes = "<downloadRequest>" + repeat("<\xe9>", 1500) + repeat("</\xe9>", 1500) +
+                                  "<playbackURI>rtsp://h/</playbackURI></downloadRequest>";
+    EXPECT_FALSE(CmkTinyXMLConverter().SetDoc(highBytes.c_str()));
+    CmkTinyXMLConverter fragment;
+    fragment.AddElem("root");
+    EXPECT_FALSE(fragment.SetElemContent(highBytes.c_str()));
 }
 
-// The parsers a request worker runs, fed the deepest bodies a client can send,
-// on a worker's stack: each refuses or reads them without overflowing it.
+TEST(NestingLimit, ARealDocumentIsFarBelowTheBound)
+{
+    const std::string json = R"({"downloadRequest":{"playbackURI":"rtsp://h/x?starttime=1&endtime=2"}})";
+    std::string uri;
+    EXPECT_TRUE(ReadJsonDownloadUri(json.data(), static_cast<int>(json.size()), uri));
+    const std::string xml =
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?><downloadRequest version=\"2.0\">"
+        "<playbackURI>rtsp://h:554/x</playbackURI></downloadRequest>";
+    EXPECT_TRUE(CmkTinyXMLConverter().SetDoc(xml.c_str()));
+    EXPECT_LE(jsonCount(json) * 16, kMaxRequestOpenings);
+}
+
+// The parsers a request worker runs, fed the deepest bodies the bound lets
+// through and far deeper ones, on a worker's stack: each reads or refuses them
+// without overflowing it.
 TEST(NestingLimit, EveryRequestParserSurvivesHostileDepthOnAWorkerStack)
 {
+    const int allowed = static_cast<int>(kMaxRequestOpenings);
+    const std::string deepestJson = repeat("[", allowed) + repeat("]", allowed);
+    const std::string deepestXml = repeat("<a>", allowed) + repeat("</a>", allowed);
     const std::string deepJson = repeat("{\"a\":", kHostileDepth) + "1" + repeat("}", kHostileDepth);
-    const std::string deepArrays = repeat("[", kHostileDepth) + repeat("]", kHostileDepth);
     const std::string deepXml = repeat("<a>", kHostileDepth) + repeat("</a>", kHostileDepth);
     // The message model reads heads one after another; a long request is long, not deep.
     std::string message = "DESCRIBE rtsp://h/" + std::string(4000, 'u') + " RTSP/1.0\r\n" +
                           repeat("X-A: " + repeat("v;", 50) + "\r\n", 2000) + "\r\n";
     const std::string base64 = repeat("QUJD", 100000);
     std::string uri;
-    bool refusedJson = false, refusedArrays = false, refusedXml = false, readMessage = false, readBase64 = false;
+    bool refusedDeepest = false, readDeepestXml = false, refusedJson = false, refusedXml = false;
+    bool readMessage = false, readBase64 = false;
     ASSERT_TRUE(testsupport::runOnWorkerStack([&] {
+        refusedDeepest = !ReadJsonDownloadUri(deepestJson.data(), static_cast<int>(deepestJson.size()), uri);
+        readDeepestXml = CmkTinyXMLConverter().SetDoc(deepestXml.c_str());
         refusedJson = !ReadJsonDownloadUri(deepJson.data(), static_cast<int>(deepJson.size()), uri);
-        refusedArrays = !ReadJsonDownloadUri(deepArrays.data(), static_cast<int>(deepArrays.size()), uri);
         refusedXml = !CmkTinyXMLConverter().SetDoc(deepXml.c_str());
         readMessage = CProtocolRequest().ParseRequest(&message[0], static_cast<int>(message.size())) == 1;
         std::string out(base64.size(), '\0');
         readBase64 = base64_decode(base64.c_str(), reinterpret_cast<unsigned char*>(&out[0])) == 300000;
     }));
-    EXPECT_TRUE(refusedJson && refusedArrays && refusedXml);
+    EXPECT_TRUE(refusedDeepest);  // parsed (an array, not a download request), without overflow
+    EXPECT_TRUE(readDeepestXml);
+    EXPECT_TRUE(refusedJson && refusedXml);
     EXPECT_TRUE(readMessage && readBase64);
 }

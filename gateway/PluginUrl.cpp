@@ -1,4 +1,4 @@
-#include "ClientAddress.h"
+#include "PluginUrl.h"
 
 #include <arpa/inet.h>
 
@@ -8,6 +8,8 @@
 
 namespace {
 
+const char kClientKey[] = "&clientIP=";
+const char kUserKey[] = "&username=";
 const size_t kMaxLoggedText = 64;
 
 // A "%XX" that is not hexadecimal stays as it is: the text is only inspected.
@@ -49,22 +51,42 @@ std::string forTheLog(const std::string& text)
     return text.size() > kMaxLoggedText ? safe + "..." : safe;
 }
 
+bool endsWith(const std::string& text, const std::string& end)
+{
+    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
 }  // namespace
 
-std::string splitForwardedClient(const std::string& url, ForwardedClient& client)
+std::string pluginUserSuffix(const std::string& user)
 {
-    static const std::string kKey = "&clientIP=";
-    client = ForwardedClient();
-    const size_t suffix = url.rfind(kKey);
-    if (suffix == std::string::npos) {
-        return url;
+    return user.empty() ? std::string() : kUserKey + user.substr(0, user.size() - 1);
+}
+
+bool splitPluginUrl(const std::string& url, const std::string& user, PluginUrl& split, std::string& error)
+{
+    split = PluginUrl();
+    const std::string userSuffix = pluginUserSuffix(user);
+    if (!endsWith(url, userSuffix)) {
+        error = "the user name the plug-in read is not \"" + forTheLog(user) + "\", whose credentials these are";
+        return false;
     }
-    // The plug-in escapes the forwarded text, so its value ends at the next "&"
-    // (where "&username=" follows); an older plug-in's raw text is cut there too.
-    const size_t start = suffix + kKey.size();
-    const size_t end = url.find('&', start);
-    const std::string forwarded =
-        percentDecoded(url.substr(start, end == std::string::npos ? std::string::npos : end - start));
+    const std::string rest = url.substr(0, url.size() - userSuffix.size());
+    // The plug-in escapes the forwarded text, so its value holds no "&".
+    const size_t key = rest.rfind(kClientKey);
+    if (key == std::string::npos || rest.find('&', key + 1) != std::string::npos) {
+        error = "the URL does not end with the plug-in's client address";
+        return false;
+    }
+    split.own = rest.substr(0, key);
+    split.client = readForwardedClient(rest.substr(key + sizeof kClientKey - 1));
+    return true;
+}
+
+ForwardedClient readForwardedClient(const std::string& escaped)
+{
+    ForwardedClient client;
+    const std::string forwarded = percentDecoded(escaped);
     std::string first = forwarded.substr(0, forwarded.find(','));
     const size_t from = first.find_first_not_of(" \t");
     const size_t to = first.find_last_not_of(" \t");
@@ -74,5 +96,5 @@ std::string splitForwardedClient(const std::string& url, ForwardedClient& client
     } else if (!forwarded.empty()) {
         client.untrusted = forTheLog(forwarded);
     }
-    return url.substr(0, suffix);
+    return client;
 }
