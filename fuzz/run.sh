@@ -19,7 +19,7 @@ source_dir=$(cd "$(dirname "$0")/.." && pwd)
 corpus_root=$source_dir/fuzz/corpus
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
-  targets=(request_parser protocol_message base64 xml_converter json_download talk_request)
+  targets=(request_parser protocol_message base64 xml_converter json_download talk_request gateway_files)
 fi
 
 if [ ! -f "$build/CMakeCache.txt" ]; then

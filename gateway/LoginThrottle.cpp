@@ -1,5 +1,8 @@
 #include "LoginThrottle.h"
 
+#include <algorithm>
+#include <vector>
+
 LoginThrottle::LoginThrottle(std::function<int64_t()> now) : m_now(std::move(now))
 {
 }
@@ -57,11 +60,19 @@ void LoginThrottle::bound(std::map<std::string, Failures>& table, int64_t now)
         const bool stale = now - it->second.windowStart >= kWindowSeconds && it->second.lockedUntil <= now;
         it = stale ? table.erase(it) : std::next(it);
     }
-    while (table.size() >= kMaxTracked) {
-        auto oldest = table.begin();
-        for (auto it = table.begin(); it != table.end(); ++it) {
-            oldest = it->second.windowStart < oldest->second.windowStart ? it : oldest;
-        }
-        table.erase(oldest);
+    if (table.size() < kMaxTracked) {
+        return;
+    }
+    // Still full of fresh entries (a guesser naming ever new addresses or
+    // users): the oldest quarter goes at once, so the cost stays small per failure.
+    std::vector<int64_t> starts;
+    starts.reserve(table.size());
+    for (const auto& entry : table) {
+        starts.push_back(entry.second.windowStart);
+    }
+    std::nth_element(starts.begin(), starts.begin() + starts.size() / 4, starts.end());
+    const int64_t cut = starts[starts.size() / 4];
+    for (auto it = table.begin(); it != table.end();) {
+        it = it->second.windowStart <= cut ? table.erase(it) : std::next(it);
     }
 }

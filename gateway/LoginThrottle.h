@@ -21,10 +21,10 @@
 
 class LoginThrottle {
 public:
-    static constexpr int kMaxFailures = 10;          // within the window, then locked
+    static constexpr int kMaxFailures = 10;  // within the window, then locked
     static constexpr int64_t kWindowSeconds = 60;
     static constexpr int64_t kLockSeconds = 60;
-    static constexpr size_t kMaxTracked = 4096;      // addresses, and users, remembered at once
+    static constexpr size_t kMaxTracked = 4096;  // addresses, and users, remembered at once
 
     // now: seconds on a steady clock.
     explicit LoginThrottle(std::function<int64_t()> now);
@@ -44,8 +44,7 @@ private:
         std::set<std::string> addresses;  // for a user: the addresses that failed for it (bounded)
     };
     // Counts one failure in table; true when that starts a lock.
-    bool count(std::map<std::string, Failures>& table, const std::string& key, const std::string& address,
-               int64_t now);
+    bool count(std::map<std::string, Failures>& table, const std::string& key, const std::string& address, int64_t now);
     static void bound(std::map<std::string, Failures>& table, int64_t now);
 
     std::function<int64_t()> m_now;

@@ -76,11 +76,18 @@ bool readRecordingIndex(const std::string& folder, std::vector<Recording>& recor
                         std::vector<std::string>* skipped)
 {
     recordings.clear();
-    const std::string path = folder + "/" + kRecordingIndexFile;
     Json::Value root;
-    if (!readJsonFile(path, kMaxIndexOpenings, root, error)) {
+    if (!readJsonFile(folder + "/" + kRecordingIndexFile, kMaxIndexOpenings, root, error)) {
         return false;
     }
+    return readRecordingEntries(root, folder, recordings, error, skipped);
+}
+
+bool readRecordingEntries(const Json::Value& root, const std::string& folder, std::vector<Recording>& recordings,
+                          std::string& error, std::vector<std::string>* skipped)
+{
+    recordings.clear();
+    const std::string path = folder + "/" + kRecordingIndexFile;
     if (!root.isObject() || root.getMemberNames() != std::vector<std::string>{"recordings"} ||
         !root["recordings"].isArray()) {
         error = path + ": must be an object with one array \"recordings\"";

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <json/json.h>
+
 #include "GatewayConfig.h"
 
 class Logger;
@@ -50,6 +52,10 @@ struct RecordingQuery {
 // instead, and only an index that cannot be read at all fails.
 bool readRecordingIndex(const std::string& folder, std::vector<Recording>& recordings, std::string& error,
                         std::vector<std::string>* skipped = nullptr);
+
+// The same for an index already parsed (the fuzz target's entry point).
+bool readRecordingEntries(const Json::Value& root, const std::string& folder, std::vector<Recording>& recordings,
+                          std::string& error, std::vector<std::string>* skipped = nullptr);
 
 // Writes the index of the given recordings (names and times) into the folder.
 bool writeRecordingIndex(const std::string& folder, const std::vector<Recording>& recordings, std::string& error);

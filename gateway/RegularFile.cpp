@@ -12,8 +12,9 @@ int openRegularFile(const std::string& path, FileLinks links, std::string& error
     const int flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC | (links == FileLinks::kRefused ? O_NOFOLLOW : 0);
     const int fd = open(path.c_str(), flags);
     if (fd < 0) {
-        error = path + (errno == ELOOP && links == FileLinks::kRefused ? ": is a symbolic link, not a file"
-                                                                        : ": cannot be opened: " + std::string(strerror(errno)));
+        error = path + (errno == ELOOP && links == FileLinks::kRefused
+                            ? ": is a symbolic link, not a file"
+                            : ": cannot be opened: " + std::string(strerror(errno)));
         return -1;
     }
     struct stat info;

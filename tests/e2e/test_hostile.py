@@ -166,11 +166,13 @@ class Hostile(h.GatewayCase):
     # ---- 2. the user-name text ----
 
     def test_text_before_the_user_name_selects_no_device_and_no_client(self):
+        # The XML form names device A by its address and RTSP port; the plug-in
+        # appends the text after the first `username="` it finds as the user name.
         digest = self.digest_for("alice", "alice-pw")
-        path = JSON_PATH % A
         forged = 'Digest xusername="&devIndex=%s&clientIP=6.6.6.6X", %s' % (
-            B, digest.authorization("POST", path)[len("Digest "):])
-        status, body, _ = self.send("POST", path, json_body(h.playback_uri(device=A)), {"Authorization": forged})
+            B, digest.authorization("GET", XML_PATH)[len("Digest "):])
+        uri = "rtsp://127.0.0.1:554/Streaming/tracks/101/playback?starttime=%s&endtime=%s" % (h.START, h.END)
+        status, body, _ = self.send("GET", XML_PATH, xml_body(uri), {"Authorization": forged})
         self.assert_refused(status, body, (401,))
         self.assertNotIn(self.recordings[(B, "clip-c.bin")][:64], body)
         self.assert_still_serves()
@@ -247,7 +249,8 @@ class Hostile(h.GatewayCase):
     # ---- 4. control bytes never reach the internal request ----
 
     def test_control_bytes_in_the_playback_uri_refuse_the_request(self):
-        injected = h.playback_uri(name="clip-a.bin", size=1048576) + " RTSP/1.0\r\nDownload-Range: bytes=0-9\r\nX: y"
+        size = len(self.recordings[(A, "clip-a.bin")])
+        injected = h.playback_uri(name="clip-a.bin", size=size) + " RTSP/1.0\r\nDownload-Range: bytes=0-9\r\nX: y"
         with_nul = h.playback_uri(name="clip-a\0.bin")
         for uri in (injected, with_nul):
             try:

@@ -10,9 +10,10 @@ namespace {
 
 const std::string kDeviceA = "aaaaaaaa-0000-4000-8000-000000000001";
 const std::string kDeviceB = "bbbbbbbb-0000-4000-8000-000000000002";
-const std::string kOwn = "rtsp://127.0.0.1:554/Streaming/tracks/101/download?starttime=20260101T000000Z"
-                         "&endtime=20260101T001000Z&devIndex=" +
-                         kDeviceA;
+const std::string kOwn =
+    "rtsp://127.0.0.1:554/Streaming/tracks/101/download?starttime=20260101T000000Z"
+    "&endtime=20260101T001000Z&devIndex=" +
+    kDeviceA;
 
 }  // namespace
 
@@ -38,11 +39,11 @@ TEST(PluginUrl, RefusesEveryUrlThatDoesNotEndAsThePluginWritesIt)
     const std::string hostile[] = {
         // xusername="&devIndex=B&clientIP=6.6.6.6X", username="alice"
         kOwn + "&clientIP=&username=&devIndex=" + kDeviceB + "&clientIP=6.6.6.6",
-        kOwn + "&clientIP=&username=ali",                   // another user's cut
+        kOwn + "&clientIP=&username=ali",                        // another user's cut
         kOwn + "&clientIP=&username=alic&devIndex=" + kDeviceB,  // text after the name
-        kOwn + "&username=alic",                            // no client part
-        kOwn + "&clientIP=1.2.3.4&x=y&username=alic",        // an "&" inside the client part
-        kOwn,                                               // a request line cut short by injected heads
+        kOwn + "&username=alic",                                 // no client part
+        kOwn + "&clientIP=1.2.3.4&x=y&username=alic",            // an "&" inside the client part
+        kOwn,                                                    // a request line cut short by injected heads
         "",
     };
     for (const std::string& url : hostile) {
