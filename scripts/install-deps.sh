@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config clang-format
   libjsoncpp-dev libtinyxml-dev libssl-dev libhttp-parser-dev libspandsp-dev libcpp-httplib-dev libsystemd-dev
   googletest libgtest-dev libgmock-dev
-  curl wget nginx-light python3 sox
+  curl wget nginx-light python3 python3-requests sox  # python3-requests: the end-to-end tests show it still logs in
   prometheus  # for promtool, which the end-to-end tests run over the gateway's /metrics
   systemd     # for systemd-analyze, which checks the service unit in tools/
 )
