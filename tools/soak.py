@@ -319,9 +319,9 @@ class Download:
             self.body = ("<downloadRequest><playbackURI>%s</playbackURI></downloadRequest>"
                          % uri.replace("&", "&amp;")).encode()
 
-    def request(self, authorization):
+    def request(self, authorization, extra_headers=()):
         return request_bytes(self.method, self.path, self.body, [
-            "Content-Type: " + self.content_type, "Authorization: " + authorization])
+            "Content-Type: " + self.content_type, "Authorization: " + authorization, *extra_headers])
 
     def check_head(self, status, headers):
         if status != 200:
@@ -601,13 +601,18 @@ class Load:
         self.challenge(rng)
 
     def run_wrong_digest(self, rng, digest):
+        # A guesser of its own, user and address: the gateway throttles guessing per
+        # user and per address, which must not lock out the soak's real downloads.
         download = self.download(rng)
-        wrong = digest.authorization(download.method, download.path, password="not-" + PASSWORD)
+        guesser = gateway_client.Digest("intruder", "guess")
+        guesser.realm, guesser.nonce = digest.realm, digest.nonce
+        wrong = guesser.authorization(download.method, download.path)
         if download.form.startswith("json"):
             check = lambda headers, body: json.loads(body).get("subStatusCode") == "badAuthorization"
         else:
             check = lambda headers, body: body == b""  # the XML form answers with a bare 401
-        self.expect(download.request(wrong), 401, "wrong-digest " + download.form, check)
+        address = "X-Forwarded-For: 192.0.2.%d" % rng.randrange(1, 255)
+        self.expect(download.request(wrong, [address]), 401, "wrong-digest " + download.form, check)
 
     def run_refused(self, rng, digest):
         if rng.random() < 0.5:

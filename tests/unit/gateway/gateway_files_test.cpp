@@ -13,7 +13,8 @@
 
 namespace {
 const std::string kDevice = "0a1b2c3d-0000-4000-8000-00000000c0de";
-const char kIndex[] = R"({"recordings":[{"name":"a.bin","starttime":"20260101T000000Z","endtime":"20260101T010000Z"}]})";
+const char kIndex[] =
+    R"({"recordings":[{"name":"a.bin","starttime":"20260101T000000Z","endtime":"20260101T010000Z"}]})";
 }  // namespace
 
 TEST_F(MediaFixture, OnlyARegularFileIsOpenedAndNothingWaits)
@@ -52,8 +53,8 @@ TEST(JsonFile, NestingIsAnErrorNeverAnException)
     EXPECT_FALSE(parseJsonText(deep, 100, root, error));
     EXPECT_NE(error.find("more than 100"), std::string::npos) << error;
     EXPECT_FALSE(parseJsonText("{\"a\"://\r[[\n]]}", 100, root, error)) << "no comments";
-    EXPECT_TRUE(parseJsonText(std::string(kMaxJsonDepth - 1, '[') + std::string(kMaxJsonDepth - 1, ']'), 100, root,
-                              error))
+    EXPECT_TRUE(
+        parseJsonText(std::string(kMaxJsonDepth - 1, '[') + std::string(kMaxJsonDepth - 1, ']'), 100, root, error))
         << error;
 }
 

@@ -14,7 +14,7 @@ TEST(LoginThrottle, LocksAGuessingAddressForAWhileAndLogsOnce)
         locks += throttle.failed("192.0.2.1", "alice").empty() ? 0 : 1;
     }
     EXPECT_EQ(locks, 1);
-    EXPECT_TRUE(throttle.locked("192.0.2.1", "bob"));     // the address, whoever it names
+    EXPECT_TRUE(throttle.locked("192.0.2.1", "bob"));        // the address, whoever it names
     EXPECT_FALSE(throttle.locked("198.51.100.2", "alice"));  // the user, from an address that did not fail
     now += LoginThrottle::kLockSeconds;
     EXPECT_FALSE(throttle.locked("192.0.2.1", "alice"));

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "session/DownloadUri.h"
+#include "util/NestingLimit.h"
 
 using namespace HttpWrapper;
 
@@ -15,11 +16,11 @@ bool Read(const std::string& body, std::string& uri)
     return ReadJsonDownloadUri(body.data(), static_cast<int>(body.size()), uri);
 }
 
-// A body that is valid but nests `depth` levels deep.
-std::string nested(int depth)
+// A body that is valid and holds `openings` brackets in all.
+std::string withOpenings(size_t openings)
 {
-    return "{\"downloadRequest\":{\"playbackURI\":\"u\",\"x\":" + std::string(depth - 2, '[') +
-           std::string(depth - 2, ']') + "}}";
+    return "{\"downloadRequest\":{\"playbackURI\":\"u\",\"x\":" + std::string(openings - 2, '[') +
+           std::string(openings - 2, ']') + "}}";
 }
 
 }  // namespace
@@ -32,9 +33,9 @@ TEST(DownloadUri, ReadsThePlaybackUriAndRewritesOnlyItsFirstPlayback)
         {"{\"downloadRequest\":{\"playbackURI\":\"rtsp://h/playback/playback?starttime=1\"}}",
          "rtsp://h/download/playback?starttime=1"},
         {"{\"downloadRequest\":{\"playbackURI\":\"rtsp://h/tracks/101\"}}", "rtsp://h/tracks/101"},
-        // Escapes are decoded, other members ignored, and 32 levels are still read.
+        // Escapes are decoded, other members ignored, and a body of the most openings allowed is read.
         {" { \"downloadRequest\" : { \"other\": 1, \"playbackURI\" : \"a\\u0062c\" } } ", "abc"},
-        {nested(32), "u"},
+        {withOpenings(kMaxRequestOpenings), "u"},
     };
     for (const auto& row : rows) {
         std::string uri;
@@ -61,7 +62,7 @@ TEST(DownloadUri, RefusesBodiesOfAnotherShapeAndLeavesTheUri)
         "{\"downloadRequest\":{\"playbackURI\":42}}",
         "{\"downloadRequest\":{\"playbackURI\":null}}",
         "{\"DownloadRequest\":{\"playbackURI\":\"u\"}}",
-        nested(33),
+        withOpenings(kMaxRequestOpenings + 1),
     };
     for (const std::string& body : bodies) {
         std::string uri = "kept";
