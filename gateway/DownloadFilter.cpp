@@ -5,6 +5,7 @@
 #include "Logger.h"
 #include "PlaybackUri.h"
 #include "RequestOrigin.h"
+#include "SteadyClock.h"
 #include "StatusBoard.h"
 #include "TalkDevices.h"
 
@@ -60,7 +61,7 @@ DownloadFilter::DownloadFilter(const DigestAuthenticator& authenticator, const M
       m_log(log),
       m_limits(limits),
       m_talks(talks),
-      m_throttle(TalkOwners::steadySeconds)
+      m_throttle(steadySeconds)
 {
 }
 

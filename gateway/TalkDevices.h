@@ -11,9 +11,7 @@
 #ifndef GATEWAY_TALK_DEVICES_H
 #define GATEWAY_TALK_DEVICES_H
 
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 

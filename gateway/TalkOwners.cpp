@@ -1,13 +1,5 @@
 #include "TalkOwners.h"
 
-#include <chrono>
-
-int64_t TalkOwners::steadySeconds()
-{
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 TalkOwners::TalkOwners(std::function<int64_t()> now) : m_now(std::move(now))
 {
 }

@@ -15,6 +15,8 @@
 #include <string>
 #include <utility>
 
+#include "SteadyClock.h"
+
 // A talk as the plug-in keys it: the channel and the HTTP port of its Host.
 using TalkKey = std::pair<int, int>;
 
@@ -30,7 +32,6 @@ public:
 
     // now: seconds on a steady clock (by default, the process's).
     explicit TalkOwners(std::function<int64_t()> now = steadySeconds);
-    static int64_t steadySeconds();
 
     enum class Open { kAccepted, kTaken, kUserLimit };
     // An open from who: refused while the key has a talk or an open waiting,

@@ -259,6 +259,13 @@ class Hostile(h.GatewayCase):
                 self.fail("no answer: %r" % failure)
             self.assert_refused(status, body, (400,))
             self.assertIn(b"badParameters", body)
+        # The XML form, its URI with the line break written as character references: a bare 400.
+        uri = "rtsp://127.0.0.1:554/Streaming/tracks/101/playback?starttime=%s&amp;endtime=%s&#13;&#10;X: y" % (
+            h.START, h.END)
+        digest = self.digest_for("alice", "alice-pw")
+        body = "<downloadRequest><playbackURI>%s</playbackURI></downloadRequest>" % uri
+        status, reply, _ = self.send("GET", XML_PATH, body, {"Authorization": digest.authorization("GET", XML_PATH)})
+        self.assert_refused(status, reply, (400,))
         self.assert_still_serves()
         self.assertEqual(self.status().get("openStreams"), 0)
 
