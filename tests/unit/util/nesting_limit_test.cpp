@@ -55,19 +55,23 @@ TEST(NestingLimit, CountsEveryOpeningWhereverItStands)
 }
 
 // The reproductions: each was read as shallow by a scanner that imitated the
-// parsers, and crashed the gateway; the count refuses them.
+// parsers, and overflowed a worker's stack; the count refuses them.
 TEST(NestingLimit, RefusesWhatCrashedTheImitatingScanners)
 {
     const std::string commentAtCr = "{\"downloadRequest\"://\r" + repeat("[", 900) + repeat("]", 900) + "}";
-    std::string uri = "unchanged";
-    EXPECT_FALSE(ReadJsonDownloadUri(commentAtCr.data(), static_cast<int>(commentAtCr.size()), uri));
-    EXPECT_EQ(uri, "unchanged");
     const std::string highBytes = "<downloadRequest>" + repeat("<\xe9>", 1500) + repeat("</\xe9>", 1500) +
                                   "<playbackURI>rtsp://h/</playbackURI></downloadRequest>";
-    EXPECT_FALSE(CmkTinyXMLConverter().SetDoc(highBytes.c_str()));
-    CmkTinyXMLConverter fragment;
-    fragment.AddElem("root");
-    EXPECT_FALSE(fragment.SetElemContent(highBytes.c_str()));
+    std::string uri = "unchanged";
+    bool readJson = true, readXml = true, placedXml = true;
+    ASSERT_TRUE(testsupport::runOnWorkerStack([&] {
+        readJson = ReadJsonDownloadUri(commentAtCr.data(), static_cast<int>(commentAtCr.size()), uri);
+        readXml = CmkTinyXMLConverter().SetDoc(highBytes.c_str());
+        CmkTinyXMLConverter fragment;
+        fragment.AddElem("root");
+        placedXml = fragment.SetElemContent(highBytes.c_str());
+    }));
+    EXPECT_FALSE(readJson || readXml || placedXml);
+    EXPECT_EQ(uri, "unchanged");
 }
 
 TEST(NestingLimit, ARealDocumentIsFarBelowTheBound)
