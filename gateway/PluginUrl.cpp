@@ -11,6 +11,7 @@ namespace {
 const char kClientKey[] = "&clientIP=";
 const char kUserKey[] = "&username=";
 const size_t kMaxLoggedText = 64;
+const size_t kLongestCopiedUser = 64;
 
 // A "%XX" that is not hexadecimal stays as it is: the text is only inspected.
 std::string percentDecoded(const std::string& text)
@@ -60,7 +61,12 @@ bool endsWith(const std::string& text, const std::string& end)
 
 std::string pluginUserSuffix(const std::string& user)
 {
-    return user.empty() ? std::string() : kUserKey + user.substr(0, user.size() - 1);
+    // The plug-in copies a name shorter than 65 characters, less its last one,
+    // and appends nothing for a longer name.
+    if (user.empty() || user.size() >= kLongestCopiedUser + 1) {
+        return std::string();
+    }
+    return kUserKey + user.substr(0, user.size() - 1);
 }
 
 bool splitPluginUrl(const std::string& url, const std::string& user, PluginUrl& split, std::string& error)

@@ -25,7 +25,7 @@ struct PluginUrl {
 };
 
 // What the plug-in appends for a user name: "&username=" and the name without
-// its last character; nothing for an empty name.
+// its last character; nothing for an empty name or one of 65 characters or more.
 std::string pluginUserSuffix(const std::string& user);
 
 // Splits url for the Digest user `user` (as the credentials name it). False

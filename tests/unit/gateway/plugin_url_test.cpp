@@ -29,6 +29,12 @@ TEST(PluginUrl, CutsExactlyWhatThePluginAppendsForTheVerifiedUser)
     EXPECT_EQ(split.own, kOwn);
     ASSERT_TRUE(splitPluginUrl(kOwn + "&clientIP=", "", split, error)) << error;
     EXPECT_EQ(split.client.address, "");
+    // The plug-in copies names of up to 64 characters and appends nothing for longer ones.
+    const std::string longest(64, 'u');
+    ASSERT_TRUE(splitPluginUrl(kOwn + "&clientIP=&username=" + longest.substr(1), longest, split, error)) << error;
+    ASSERT_TRUE(splitPluginUrl(kOwn + "&clientIP=", longest + "u", split, error)) << error;
+    EXPECT_EQ(split.own, kOwn);
+    EXPECT_FALSE(splitPluginUrl(kOwn + "&clientIP=&username=" + longest, longest + "u", split, error));
 }
 
 // Each of these is what a client can make the plug-in append by writing text
