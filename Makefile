@@ -1,6 +1,6 @@
 # Front door of the project. Every target installs what it needs first.
-#   make run            build and start the reference gateway on its defaults
-#   make test           build and run the whole test suite
+#   make run            build the gateway alone and start it on its defaults
+#   make test           build everything and run the whole test suite
 #   make test SAN=address|thread   the same under a sanitizer (own build folder)
 #   make e2e            only the end-to-end tests
 #   make bench          throughput, challenges and first byte against nginx
@@ -8,6 +8,9 @@
 #   make soak           10 minutes of mixed load, then a leak check (SOAK_SECONDS=60 for less)
 #   make format         rewrite every C and C++ file in the house style (.clang-format)
 #   make format-check   fail if a file is not in the house style (CI runs it)
+#   make install        build the gateway and install it under PREFIX (/opt/media-gateway), with its
+#                       service unit, configuration and log rotation (DESTDIR= for a staging root)
+#   make package        build the gateway and make a Debian package of it in the build folder
 JOBS ?= $(shell nproc)
 SAN ?=
 BUILD_TYPE ?= RelWithDebInfo
@@ -18,11 +21,12 @@ else
 BUILD_DIR ?= build-$(SAN)
 endif
 
+PREFIX ?= /opt/media-gateway
 CTEST_ARGS ?=
 SOAK_SECONDS ?= 600
 FUZZ_SECONDS ?= 120
 
-.PHONY: all deps configure build test e2e run bench soak fuzz format format-check clean
+.PHONY: all deps configure build build-gateway test e2e run install package bench soak fuzz format format-check clean
 
 all: build
 
@@ -30,10 +34,18 @@ deps:
 	@./scripts/install-deps.sh
 
 configure: deps
-	@cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DHPW_SANITIZE=$(SAN) >/dev/null
+	@cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DHPW_SANITIZE=$(SAN) \
+	    -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS)
+
+# The gateway, its plug-in and the platform libraries only: what run, install
+# and package need. Its output goes to a file, shown only when the build fails.
+build-gateway: configure
+	@echo "Building media-gateway and its plug-in in $(BUILD_DIR) (output in $(BUILD_DIR)/build-gateway.log)"
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target media-gateway >$(BUILD_DIR)/build-gateway.log 2>&1 || \
+	    { tail -n 40 $(BUILD_DIR)/build-gateway.log; echo "make: the build failed; see $(BUILD_DIR)/build-gateway.log" >&2; exit 1; }
 
 test: build
 	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) $(CTEST_ARGS)
@@ -66,8 +78,14 @@ format: deps
 format-check: deps
 	@$(FORMAT_FILES) | xargs -0 clang-format --dry-run --Werror
 
-run: build
+run: build-gateway
 	@./tools/run-gateway.sh $(BUILD_DIR)
+
+install: build-gateway
+	@DESTDIR=$(DESTDIR) cmake --install $(BUILD_DIR)
+
+package: build-gateway
+	@cd $(BUILD_DIR) && cpack -G DEB
 
 clean:
 	rm -rf build build-address build-thread build-bench build-fuzz

@@ -40,7 +40,7 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools"))
 import gateway_client  # noqa: E402
-from gateway_client import free_port  # noqa: E402
+from gateway_client import free_port, free_port_pair  # noqa: E402
 
 USER, PASSWORD, REALM = "bench", "bench-secret", "bench-realm"
 DEVICE = "be0c0000-0000-4000-8000-000000000001"
@@ -279,7 +279,7 @@ class Bed:
             json.dump(index, out)
 
     def start_gateway(self):
-        port = free_port()
+        port = free_port_pair()  # the audio channel takes the next port
         self.gateway_process = gateway_client.GatewayProcess(
             os.path.join(self.build_dir, "bin", "media-gateway"), self.dir,
             ["--plugin", os.path.join(self.build_dir, "lib", "libHttpProtocolWrapper.so")])

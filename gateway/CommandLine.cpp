@@ -31,6 +31,7 @@ const char* commandLineUsage()
            "                      (creating it); without it a missing media folder is an error\n"
            "  --strict            refuse to start on a bad entry of a recordings index\n"
            "                      (without it the entry is logged and skipped)\n"
+           "  --version           the version (as its package names it) and the build\n"
            "  --help              this text\n";
 }
 
@@ -44,6 +45,10 @@ bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::stri
         const std::string option = argv[i];
         if (option == "--help" || option == "-h") {
             commandLine.showHelp = true;
+            continue;
+        }
+        if (option == "--version") {
+            commandLine.showVersion = true;
             continue;
         }
         if (option == "--sample" || option == "--strict") {

@@ -10,6 +10,7 @@
 
 struct CommandLine {
     bool showHelp = false;
+    bool showVersion = false;  // --version
     bool writeSample = false;  // --sample
     bool strictIndex = false;  // --strict
     std::string configFile;    // empty: defaults only

@@ -107,7 +107,7 @@ void readServer(const Json::Value& server, GatewayConfig& config)
                   {"httpPort", "audioTalkPort", "work_thread", "sendTimeout", "recvTimeout", "maxDownloads",
                    "shutdownGraceSeconds", "maxTalksPerUser"});
     readInt(server, field, "httpPort", 1, 65535, config.httpPort);
-    readInt(server, field, "audioTalkPort", 0, 65535, config.audioTalkPort);
+    readInt(server, field, "audioTalkPort", 1, 65535, config.audioTalkPort);
     // The plug-in takes these modulo 65536, so larger values would wrap around.
     readInt(server, field, "work_thread", 1, 256, config.workThreads);
     readInt(server, field, "sendTimeout", 1, 65535, config.sendTimeoutMs);
@@ -115,6 +115,18 @@ void readServer(const Json::Value& server, GatewayConfig& config)
     readInt(server, field, "maxDownloads", 1, 400, config.maxDownloads);
     readInt(server, field, "shutdownGraceSeconds", 0, 3600, config.shutdownGraceSeconds);
     readInt(server, field, "maxTalksPerUser", 1, 100, config.maxTalksPerUser);
+}
+
+// Every listener has a port known before the start: the audio channel's is the
+// one after the HTTP port unless given, which is where the talk tool looks.
+void settleAudioTalkPort(GatewayConfig& config)
+{
+    if (config.audioTalkPort == 0) {
+        if (config.httpPort == 65535) {
+            throw ConfigProblem{"server.audioTalkPort", "must be given when server.httpPort is 65535"};
+        }
+        config.audioTalkPort = config.httpPort + 1;
+    }
     if (config.audioTalkPort == config.httpPort) {
         throw ConfigProblem{"server.audioTalkPort", "must differ from server.httpPort"};
     }
@@ -291,6 +303,7 @@ bool parseGatewayConfig(const Json::Value& root, ConfigSource source, GatewayCon
         config.users.clear();
     }
     if (root.isNull() && source == ConfigSource::kDefaults) {
+        settleAudioTalkPort(config);  // 8081 beside the default 8080: no refusal possible
         return true;
     }
     try {
@@ -298,6 +311,7 @@ bool parseGatewayConfig(const Json::Value& root, ConfigSource source, GatewayCon
         if (root.isMember("server")) {
             readServer(root["server"], config);
         }
+        settleAudioTalkPort(config);
         if (root.isMember("auth")) {
             readAuth(root["auth"], config);
         }

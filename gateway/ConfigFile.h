@@ -3,7 +3,7 @@
 // start rather than silently ignored. Layout (with the defaults):
 //
 // {
-//   "server": {"httpPort": 8080, "audioTalkPort": 0, "work_thread": 8,
+//   "server": {"httpPort": 8080, "audioTalkPort": <httpPort + 1>, "work_thread": 8,
 //              "sendTimeout": 5000, "recvTimeout": 30000, "maxDownloads": 400,
 //              "shutdownGraceSeconds": 30, "maxTalksPerUser": 4},
 //   "auth":   {"realm": "media-gateway", "nonceLifetimeSeconds": 300,

@@ -13,6 +13,7 @@
 #include "DownloadFilter.h"
 #include "GatewayMetrics.h"
 #include "IdentityKey.h"
+#include "ListenAddress.h"
 #include "Logger.h"
 #include "MediaCatalog.h"
 #include "PluginLibrary.h"
@@ -54,10 +55,12 @@ int nextSignal(const sigset_t& signals, std::chrono::milliseconds interval)
 void publish(Running& run)
 {
     run.status.publishIfChanged();
-    char line[96];
-    snprintf(line, sizeof line, "%s: %lld download(s), %lld talk(s) open",
-             run.status.phase() == GatewayPhase::kStopping ? "stopping" : "ready",
-             static_cast<long long>(run.metrics.openDownloads()), static_cast<long long>(run.metrics.openTalks()));
+    char line[160];
+    // What `systemctl status` shows: the ports too, so that a client's port is found there.
+    snprintf(line, sizeof line, "%s on %d, audio on %d: %lld download(s), %lld talk(s) open",
+             run.status.phase() == GatewayPhase::kStopping ? "stopping" : "ready", run.config.httpPort,
+             run.config.audioTalkPort, static_cast<long long>(run.metrics.openDownloads()),
+             static_cast<long long>(run.metrics.openTalks()));
     run.notifier.status(line);
 }
 
@@ -104,6 +107,23 @@ void drainDownloads(Running& run)
     }
 }
 
+// Why the plug-in could not listen: each of its ports that cannot be had,
+// named with the system's reason. Asked after the plug-in let go of its own.
+std::string whyServerCannotListen(const GatewayConfig& config)
+{
+    std::string reasons;
+    const std::pair<const char*, int> ports[] = {{"HTTP port", config.httpPort},
+                                                 {"two-way audio port", config.audioTalkPort}};
+    for (const auto& port : ports) {
+        const std::string reason = whyCannotListen(ListenAddress{kPluginHost, port.second});
+        if (!reason.empty()) {
+            reasons += (reasons.empty() ? "" : "; ") + std::string(port.first) + " " +
+                       listenAddressText(kPluginHost, port.second) + ": " + reason;
+        }
+    }
+    return reasons.empty() ? "both ports can be had; the plug-in's lines above say what failed" : reasons;
+}
+
 bool offersHttp(PluginLibrary& plugin)
 {
     char** protocols = nullptr;
@@ -139,16 +159,19 @@ int serve(PluginLibrary& plugin, StreamSink& sink, DownloadFilter& filter, Runni
     const std::string url = buildServerUrl(config);
     PROTOCOL_WRAPPER::IServer* server = plugin.createServer(url.c_str(), &sink, &filter);
     if (!server) {
-        run.log.logf(kLogError, "CreateServer(%s) failed (is port %d in use?), plug-in error 0x%08x", url.c_str(),
-                     config.httpPort, static_cast<unsigned>(plugin.lastError()));
-        // What the failed start left behind is released only by DestroyServer.
+        // What the failed start left behind is released only by DestroyServer;
+        // once it is, the ports show which one the plug-in could not have.
         plugin.destroyServer(nullptr);
+        run.log.logf(kLogError, "the plug-in's server did not start: %s", whyServerCannotListen(config).c_str());
         return kExitStartFailed;
     }
     sink.attachServer(server);
     run.status.setPhase(GatewayPhase::kReady, config.httpPort);
     run.notifier.ready("ready");
-    run.log.logf(kLogInfo, "ready on http://127.0.0.1:%d (server URL %s)", config.httpPort, url.c_str());
+    const GatewayListeners listeners = run.status.snapshot().listeners;
+    const std::string admin = listeners.admin.empty() ? "off" : "on http://" + listeners.admin;
+    run.log.logf(kLogInfo, "ready on http://%s, two-way audio on %s, admin endpoint %s (server URL %s)",
+                 listeners.http.c_str(), listeners.audio.c_str(), admin.c_str(), url.c_str());
 
     const int received = serveUntilStopped(run);
     run.log.logf(kLogInfo, "%s received, stopping", strsignal(received));
@@ -159,6 +182,10 @@ int serve(PluginLibrary& plugin, StreamSink& sink, DownloadFilter& filter, Runni
     if (received == SIGTERM) {
         drainDownloads(run);
     }
+    // Downloads still running end with the server: they are counted as stopped,
+    // not as clients that went away, although the plug-in closing their
+    // connections looks like that to the delivery.
+    sink.cutOffDownloads();
     // Returns once the plug-in has closed its connections and joined its threads.
     plugin.destroyServer(server);
     int left = sink.openStreamCount() + sink.openTalkCount();
@@ -220,6 +247,9 @@ int runGateway(const GatewayConfig& config, const ConfigReader& readConfig, cons
     }
     GatewayMetrics metrics;
     StatusBoard status(config.statusFile, metrics, log);
+    status.setListeners(GatewayListeners{
+        listenAddressText(kPluginHost, config.httpPort), listenAddressText(kPluginHost, config.audioTalkPort),
+        config.adminEnabled ? listenAddressText(config.admin.host, config.admin.port) : std::string()});
     if (!status.setPhase(GatewayPhase::kStarting, config.httpPort)) {
         log.logf(kLogError, "statusFile refused: %s cannot be written", config.statusFile.c_str());
         return kExitBadSetup;

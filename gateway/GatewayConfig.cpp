@@ -16,14 +16,19 @@ GatewayConfig defaultGatewayConfig()
 const char* const kPluginOptIns =
     "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1&talkGatewayRefusal=1";
 
+std::string listenAddressText(const std::string& host, int port)
+{
+    return (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
 std::string buildServerUrl(const GatewayConfig& config)
 {
-    std::string url =
-        "http://127.0.0.1:" + std::to_string(config.httpPort) + "?work_thread=" + std::to_string(config.workThreads) +
-        "&sendTimeout=" + std::to_string(config.sendTimeoutMs) + "&recvTimeout=" + std::to_string(config.recvTimeoutMs);
-    if (config.audioTalkPort != 0) {
-        url += "&audioTalkPort=" + std::to_string(config.audioTalkPort);
-    }
+    std::string url = std::string("http://") + kPluginHost + ":" + std::to_string(config.httpPort) +
+                      "?work_thread=" + std::to_string(config.workThreads) +
+                      "&sendTimeout=" + std::to_string(config.sendTimeoutMs) +
+                      "&recvTimeout=" + std::to_string(config.recvTimeoutMs);
+    // Always given: without it the plug-in would listen on a port no client can know.
+    url += "&audioTalkPort=" + std::to_string(config.audioTalkPort);
     // The plug-in's opt-in bounds beyond the interface's defaults, all on here.
     url += kPluginOptIns;
     return url;

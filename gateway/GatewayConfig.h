@@ -12,6 +12,8 @@
 constexpr const char* kDefaultUser = "admin";
 constexpr const char* kDefaultPassword = "gateway-demo";
 constexpr const char* kDefaultDeviceIndex = "8c5b1a2e-0f4d-4e7a-9b3c-6d2e1f0a7b41";
+// The plug-in listens on loopback only, both on the HTTP and the audio port.
+constexpr const char* kPluginHost = "127.0.0.1";
 
 struct UserAccount {
     std::string name;
@@ -39,7 +41,9 @@ struct DeviceConfig {
 struct GatewayConfig {
     // Parameters of the plug-in's server URL.
     int httpPort = 8080;
-    int audioTalkPort = 0;  // 0: not passed, the plug-in picks a free loopback port
+    // The two-way audio channel; 0 until the configuration is read, which makes
+    // it httpPort + 1 when not given (clients look for it there).
+    int audioTalkPort = 0;
     int workThreads = 8;
     int sendTimeoutMs = 5000;
     int recvTimeoutMs = 30000;
@@ -89,7 +93,10 @@ GatewayConfig defaultGatewayConfig();
 // reaches the filter, talks reached only by their id, a bounded talk backlog).
 extern const char* const kPluginOptIns;
 
-// "http://127.0.0.1:<httpPort>?work_thread=..&sendTimeout=..&recvTimeout=..[&audioTalkPort=..]", then
+// "127.0.0.1:8080", or "[::1]:9464" for an IPv6 address.
+std::string listenAddressText(const std::string& host, int port);
+
+// "http://127.0.0.1:<httpPort>?work_thread=..&sendTimeout=..&recvTimeout=..&audioTalkPort=..", then
 // kPluginOptIns.
 std::string buildServerUrl(const GatewayConfig& config);
 

@@ -77,6 +77,16 @@ void RecordingStream::stop()
     }
 }
 
+void RecordingStream::cutOff()
+{
+    {
+        // An ending already set stays: the client did go away before the cut.
+        std::lock_guard<std::mutex> guard(m_outcomeLock);
+        m_cutOff = true;
+    }
+    m_stopRequested = true;
+}
+
 double RecordingStream::secondsOpen() const
 {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_opened).count();
@@ -97,6 +107,10 @@ std::string RecordingStream::outcomeText()
 void RecordingStream::setOutcome(DownloadOutcome outcome, std::string text)
 {
     std::lock_guard<std::mutex> guard(m_outcomeLock);
+    if (m_cutOff && (outcome == DownloadOutcome::kClientGone || outcome == DownloadOutcome::kStopped)) {
+        outcome = DownloadOutcome::kStopped;
+        text = "stopped with the gateway";
+    }
     m_outcome = outcome;
     m_outcomeText = std::move(text);
 }

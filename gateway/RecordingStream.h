@@ -67,6 +67,10 @@ public:
     // Asks the delivery to stop and waits for its thread: no Send follows the return.
     // Safe to call from several threads and more than once.
     void stop();
+    // The gateway stops serving: the delivery ends at its next block without
+    // waiting here, and ends as stopped, even when the plug-in closing the
+    // connection meanwhile makes it look like a client that went away.
+    void cutOff();
     // How the delivery ended, and in words for the log; meaningful after stop().
     DownloadOutcome outcome();
     std::string outcomeText();
@@ -98,6 +102,7 @@ private:
     std::mutex m_outcomeLock;  // separate: the delivery thread writes the outcome while stop() joins it
     DownloadOutcome m_outcome = DownloadOutcome::kNotStarted;
     std::string m_outcomeText = "not started";
+    bool m_cutOff = false;  // under m_outcomeLock
 };
 
 #endif  // GATEWAY_RECORDING_STREAM_H

@@ -19,16 +19,27 @@ const char* phaseName(GatewayPhase phase)
     }
 }
 
+bool GatewayListeners::operator==(const GatewayListeners& other) const
+{
+    return http == other.http && audio == other.audio && admin == other.admin;
+}
+
 bool GatewayStatus::operator==(const GatewayStatus& other) const
 {
     return phase == other.phase && port == other.port && openStreams == other.openStreams &&
            openTalks == other.openTalks && talks == other.talks && opened == other.opened && closed == other.closed &&
-           refused == other.refused && lastClientIP == other.lastClientIP;
+           refused == other.refused && lastClientIP == other.lastClientIP && listeners == other.listeners;
 }
 
 StatusBoard::StatusBoard(std::string path, const GatewayMetrics& metrics, Logger& log)
     : m_metrics(metrics), m_path(std::move(path)), m_log(log)
 {
+}
+
+void StatusBoard::setListeners(GatewayListeners listeners)
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_listeners = std::move(listeners);
 }
 
 bool StatusBoard::setPhase(GatewayPhase phase, int port)
@@ -73,6 +84,7 @@ GatewayStatus StatusBoard::snapshotLocked() const
     status.closed = m_metrics.downloadsFinished();
     status.refused = m_metrics.requestsRefused();
     status.lastClientIP = m_lastClientIP;
+    status.listeners = m_listeners;
     return status;
 }
 
@@ -95,6 +107,12 @@ bool StatusBoard::publishLocked(const GatewayStatus& status)
     root["closed"] = static_cast<Json::UInt64>(status.closed);
     root["refused"] = static_cast<Json::UInt64>(status.refused);
     root["lastClientIP"] = status.lastClientIP;
+    Json::Value& listeners = root["listeners"] = Json::Value(Json::objectValue);
+    listeners["http"] = status.listeners.http;
+    listeners["audio"] = status.listeners.audio;
+    if (!status.listeners.admin.empty()) {
+        listeners["admin"] = status.listeners.admin;
+    }
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     const std::string text = Json::writeString(builder, root) + "\n";

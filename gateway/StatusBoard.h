@@ -6,7 +6,8 @@
 // publishIfChanged, which the gateway's main loop calls a few times a second,
 // so a burst of downloads costs no disk writes on the delivery threads:
 //   {"ready":true,"phase":"ready","port":8080,"pid":1234,"openStreams":0,"opened":3,"closed":3,
-//    "openTalks":0,"talks":1,"refused":1,"lastClientIP":"127.0.0.1"}
+//    "openTalks":0,"talks":1,"refused":1,"lastClientIP":"127.0.0.1",
+//    "listeners":{"http":"127.0.0.1:8080","audio":"127.0.0.1:8081","admin":"127.0.0.1:9464"}}
 #ifndef GATEWAY_STATUS_BOARD_H
 #define GATEWAY_STATUS_BOARD_H
 
@@ -23,6 +24,16 @@ enum class GatewayPhase { kStarting, kReady, kStopping };
 // "starting", "ready" or "stopping", as the status file and the health check show it.
 const char* phaseName(GatewayPhase phase);
 
+// Every address the gateway listens on, as "host:port", so that an operator
+// finds each port where the gateway says it is ready.
+struct GatewayListeners {
+    std::string http;
+    std::string audio;  // the two-way audio channel
+    std::string admin;  // empty: the admin endpoint is off
+
+    bool operator==(const GatewayListeners& other) const;
+};
+
 struct GatewayStatus {
     GatewayPhase phase = GatewayPhase::kStarting;
     int port = 0;
@@ -33,6 +44,7 @@ struct GatewayStatus {
     uint64_t closed = 0;
     uint64_t refused = 0;
     std::string lastClientIP;
+    GatewayListeners listeners;
 
     bool operator==(const GatewayStatus& other) const;
 };
@@ -41,6 +53,8 @@ class StatusBoard {
 public:
     StatusBoard(std::string path, const GatewayMetrics& metrics, Logger& log);
 
+    // Set once, before the first phase.
+    void setListeners(GatewayListeners listeners);
     // Writes the file at once; false when it cannot be written.
     bool setPhase(GatewayPhase phase, int port);
     GatewayPhase phase() const { return m_phase.load(); }
@@ -58,6 +72,7 @@ private:
     std::mutex m_lock;  // guards the fields below and the file, so writes never interleave
     int m_port = 0;
     std::string m_lastClientIP;
+    GatewayListeners m_listeners;
     GatewayStatus m_published;
     bool m_everPublished = false;
     const std::string m_path;

@@ -76,6 +76,14 @@ void StreamSink::closeAll()
     }
 }
 
+void StreamSink::cutOffDownloads()
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    for (auto& entry : m_streams) {
+        entry.second->cutOff();
+    }
+}
+
 int StreamSink::OnOpen(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
                        void** sessionHandle)
 {

@@ -38,6 +38,8 @@ public:
     int openTalkCount();
     // Stops and releases every stream the plug-in left open; for shutdown.
     void closeAll();
+    // The server is about to stop: running downloads end as stopped (RecordingStream::cutOff).
+    void cutOffDownloads();
 
     int OnOpen(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
                void** sessionHandle) override;

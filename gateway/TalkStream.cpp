@@ -1,5 +1,7 @@
 #include "TalkStream.h"
 
+#include <unistd.h>
+
 #include <cstring>
 
 #include "GatewayMetrics.h"
@@ -86,6 +88,12 @@ void TalkStream::stop()
     }
     std::lock_guard<std::mutex> guard(m_captureLock);
     m_capture.close();
+    // A talk in which the client said nothing (it only listened, or its link
+    // was refused) keeps no file: an empty capture reads like a lost recording.
+    if (!m_captureDropped && !m_capture.path().empty() && m_capture.bytes() == 0) {
+        m_captureDropped = true;
+        unlink(m_capture.path().c_str());
+    }
 }
 
 void TalkStream::play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
@@ -148,6 +156,11 @@ void TalkStream::input(const void* data, int length)
 std::string TalkStream::summary(const char* outcome)
 {
     const double seconds = secondsOpen();
+    bool kept = false;
+    {
+        std::lock_guard<std::mutex> guard(m_captureLock);
+        kept = !m_setup.capturePath.empty() && !m_captureDropped;
+    }
     char line[512];
     snprintf(line, sizeof line,
              "talk %llu closed: device %s channel %d client \"%s\" user \"%s\" codec %s, %.1f s, %llu bytes to the "
@@ -155,7 +168,7 @@ std::string TalkStream::summary(const char* outcome)
              static_cast<unsigned long long>(m_setup.id), m_setup.devIndex.c_str(), m_setup.channel,
              m_setup.client.c_str(), m_setup.user.c_str(), m_setup.codec->name, seconds,
              static_cast<unsigned long long>(m_bytesToClient.load()),
-             static_cast<unsigned long long>(m_bytesFromClient.load()), m_setup.capturePath.empty() ? "" : " kept in ",
-             m_setup.capturePath.c_str(), outcome);
+             static_cast<unsigned long long>(m_bytesFromClient.load()), kept ? " kept in " : "",
+             kept ? m_setup.capturePath.c_str() : "", outcome);
     return line;
 }

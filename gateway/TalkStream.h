@@ -76,6 +76,7 @@ private:
     std::mutex m_captureLock;  // input arrives on the plug-in's completion threads
     CaptureFile m_capture;
     bool m_captureFailed = false;
+    bool m_captureDropped = false;  // nothing was said: the empty file is gone
 
     std::mutex m_controlLock;  // guards the thread and the stop request
     std::condition_variable m_wake;

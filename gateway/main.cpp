@@ -10,6 +10,7 @@
 #include "CommandLine.h"
 #include "ConfigFile.h"
 #include "Gateway.h"
+#include "MetricsText.h"
 
 namespace {
 
@@ -44,6 +45,12 @@ int main(int argc, char** argv)
     }
     if (commandLine.showHelp) {
         fputs(commandLineUsage(), stdout);
+        return 0;
+    }
+    if (commandLine.showVersion) {
+        const BuildInfo build = currentBuildInfo();
+        printf("media-gateway %s\nrevision %s, built with %s\n", build.version.c_str(), build.revision.c_str(),
+               build.compiler.c_str());
         return 0;
     }
     const std::string programDir = executableDir();

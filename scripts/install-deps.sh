@@ -8,6 +8,9 @@ packages=(
   libjsoncpp-dev libtinyxml-dev libssl-dev libhttp-parser-dev libspandsp-dev libcpp-httplib-dev libsystemd-dev
   googletest libgtest-dev libgmock-dev
   curl wget nginx-light python3 python3-requests sox  # python3-requests: the end-to-end tests show it still logs in
+  libnginx-mod-stream  # nginx's stream module: the group recipe carries talks' audio ports through it
+  logrotate            # checks the shipped log rotation file
+  dpkg-dev             # dpkg-shlibdeps: make package computes the package's library dependencies
   prometheus  # for promtool, which the end-to-end tests run over the gateway's /metrics
   systemd     # for systemd-analyze, which checks the service unit in tools/
 )

@@ -27,6 +27,20 @@ def free_port():
         return probe.getsockname()[1]
 
 
+def free_port_pair():
+    """A loopback port P, free at the time of asking together with P + 1: a gateway's HTTP port, whose
+    two-way audio channel takes the next port unless told otherwise."""
+    while True:
+        port = free_port()
+        if port < 65535:
+            with socket.socket() as probe:
+                try:
+                    probe.bind(("127.0.0.1", port + 1))
+                    return port
+                except OSError:
+                    pass
+
+
 def challenge_params(header):
     """The quoted parameters of a WWW-Authenticate value (realm, nonce, qop, ...)."""
     return dict(re.findall(r'(\w+)="([^"]*)"', header or ""))

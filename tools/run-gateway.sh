@@ -84,13 +84,17 @@ curl --digest -u admin:gateway-demo -X GET '$base' \\
 # The body is a 40-byte stream head followed by the recording:
 tail -c +41 out.bin | cmp - '$media/$device/$sample' && echo identical
 
-# Resume a broken download: ask for the rest with Range and append it (416 when nothing is missing):
+# Resume a broken download: one broken off after 1 MB, then the rest asked for with Range and appended:
+curl -s --digest -u admin:gateway-demo -X POST '$base?format=json&devIndex=$device' \\
+  -d '{"downloadRequest":{"playbackURI":"$json_uri"}}' | head -c 1000000 > part.bin
 curl --digest -u admin:gateway-demo -X POST '$base?format=json&devIndex=$device' \\
-  -d '{"downloadRequest":{"playbackURI":"$json_uri"}}' -H "Range: bytes=\$(stat -c %s out.bin)-" >> out.bin
+  -d '{"downloadRequest":{"playbackURI":"$json_uri"}}' -H "Range: bytes=\$(stat -c %s part.bin)-" >> part.bin
+tail -c +41 part.bin | cmp - '$media/$device/$sample' && echo identical
 
 # Or let the download client resume by itself (--no-stream-head writes the recording alone):
 python3 '$tools/fetch-recording' --user admin:gateway-demo --device $device --name $sample \\
-  --start 20260101T000000Z --end 20260101T001000Z -o sample.bin http://127.0.0.1:$port
+  --start 20260101T000000Z --end 20260101T001000Z --no-stream-head -o sample.bin http://127.0.0.1:$port
+cmp sample.bin '$media/$device/$sample' && echo identical
 
 # Talk to the sample device (channel 1, PCMU): play a sound, record what it plays back
 # (make a voice with: espeak-ng -w hello.wav "hello" && sox hello.wav -r 8000 -c 1 -e mu-law voice.wav):

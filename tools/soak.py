@@ -129,7 +129,7 @@ class Gateway(gateway_client.GatewayProcess):
             if not os.path.exists(required):
                 sys.exit("soak: %s is missing; build first" % required)
         super().__init__(binary, workdir)
-        self.port = gateway_client.free_port()
+        self.port = gateway_client.free_port_pair()  # the audio channel takes the next port
 
     def start(self, media):
         super().start({

@@ -51,6 +51,28 @@ class TalkError(Exception):
     pass
 
 
+# What a refusal's subStatusCode means for a talk, said where the tool reports it.
+REASONS = {
+    "badAuthorization": "the user name or password was refused",
+    "badParameters": "no talk is open on this channel",
+    "internalError": "no device talks on this channel, or the gateway failed (its log says which)",
+    "serviceUnavailable": "the gateway is stopping",
+    "reachAudioTalkLimit": "the gateway runs as many talks as it can",
+}
+OPEN_REASONS = dict(REASONS, invalidOperation="a talk is open on this channel already")
+LINK_REASONS = dict(REASONS, invalidOperation="no open talk has this session id on the port the Host header names: "
+                                              "it ended, or the open went to another gateway or port")
+
+
+def refusal(status, document, reasons=REASONS):
+    """'HTTP 403 invalidOperation (what it means)' from a refusal's status and ResponseStatus document."""
+    found = re.search(r"<subStatusCode>([^<]*)<", document)
+    if not found:
+        return "HTTP %d %s" % (status, document.strip()[:200] or "(no reason given)")
+    reason = found.group(1)
+    return "HTTP %d %s" % (status, reason) + (" (%s)" % reasons[reason] if reason in reasons else "")
+
+
 # ---- the standard port: open and close ----
 
 def talk_request(host, port, digest, channel, verb):
@@ -69,9 +91,8 @@ def talk_request(host, port, digest, channel, verb):
         if reply.status == 401 and attempt == 0 and digest.learn(challenge):
             continue
         if reply.status != 200:
-            status = re.search(r"<subStatusCode>([^<]*)<", body)
-            raise TalkError("%s of channel %d refused: HTTP %d %s" %
-                            (verb, channel, reply.status, status.group(1) if status else body.strip()[:200]))
+            raise TalkError("%s of channel %d refused: %s" %
+                            (verb, channel, refusal(reply.status, body, OPEN_REASONS if verb == "open" else REASONS)))
         return body
     raise TalkError("%s of channel %d: the credentials were refused" % (verb, channel))
 
@@ -82,7 +103,11 @@ def open_link(host, audio_port, http_port, digest, method, channel, session_id):
     """Connects one link of the audio channel; returns (socket, audio that came with the head)."""
     target = TALK_PATH % channel + "/audioData?sessionId=" + session_id
     for attempt in range(2):
-        link = socket.create_connection((host, audio_port), timeout=10)
+        try:
+            link = socket.create_connection((host, audio_port), timeout=10)
+        except OSError as failure:
+            raise TalkError("%s link: the audio port %s:%d: %s (the gateway's server.audioTalkPort, --audio-port)" %
+                            (method, host, audio_port, failure.strerror or failure))
         # The talk was keyed by the standard port, which the Host header names;
         # the channel reads the head's fields only when the length is given.
         request = "%s %s HTTP/1.1\r\nHost: %s:%d\r\n" % (method, target, host, http_port)
@@ -95,13 +120,15 @@ def open_link(host, audio_port, http_port, digest, method, channel, session_id):
         if status == 200:
             link.settimeout(None)
             return link, rest
+        document = read_refusal(link, head, rest)
         link.close()
         challenge = re.search(rb"WWW-Authenticate: ([^\r\n]*)", head)
         if status == 401 and challenge and attempt == 0 and digest.learn(challenge.group(1).decode()):
             continue
-        detail = re.search(rb"<subStatusCode>([^<]*)<", head + rest)
-        raise TalkError("%s link refused: %s" % (method, head.split(b"\r\n")[0].decode(errors="replace") +
-                                                  (" (%s)" % detail.group(1).decode() if detail else "")))
+        if not head:
+            raise TalkError("%s link: the audio port closed without an answer" % method)
+        raise TalkError("%s link refused: %s" %
+                        (method, refusal(status, document.decode("utf-8", "replace"), LINK_REASONS)))
     raise TalkError("%s link: the credentials were refused" % method)
 
 
@@ -117,6 +144,23 @@ def read_head(link):
         return data, b""
     # One request per connection: a refusal's document follows and the server closes.
     return data[:end + 4], data[end + 4:]
+
+
+def read_refusal(link, head, rest):
+    """The document of a refusal: the bytes after the head, up to its Content-Length or the close
+    (which may come in later packets than the head)."""
+    length = re.search(rb"\r\nContent-Length: *(\d+)", head, re.IGNORECASE)
+    wanted = min(int(length.group(1)), 65536) if length else 65536
+    link.settimeout(2)
+    try:
+        while len(rest) < wanted:
+            piece = link.recv(wanted - len(rest))
+            if not piece:
+                break
+            rest += piece
+    except OSError:
+        pass  # what came is all there is to show
+    return rest
 
 
 # ---- sound files ----

@@ -22,7 +22,7 @@ import unittest
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
 import gateway_client  # noqa: E402
-from gateway_client import free_port, md5  # noqa: E402,F401  (the tests' own names for them)
+from gateway_client import free_port, free_port_pair, md5  # noqa: E402,F401  (the tests' own names for them)
 
 GATEWAY = None
 PLUGIN = None
@@ -87,7 +87,7 @@ class GatewayCase(unittest.TestCase):
         self.media = os.path.join(self.dir, "media")
         self.gateway = gateway_client.GatewayProcess(GATEWAY, self.dir)
         self.status_path, self.log_path = self.gateway.status_path, self.gateway.log_path
-        self.port = free_port()
+        self.port = free_port_pair()  # the audio channel takes the next port
         self.recordings = {}
         self.prepare_media()
         self.process = self.start_gateway(self.config())

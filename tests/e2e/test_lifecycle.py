@@ -26,7 +26,7 @@ class StartRefusals(unittest.TestCase):
         taken.bind(("127.0.0.1", 0))
         taken.listen()
         port = str(taken.getsockname()[1])
-        free = lambda: str(h.free_port())  # noqa: E731
+        free = lambda: str(h.free_port_pair())  # noqa: E731  (the audio channel takes the next port)
         cases = [  # configuration, arguments, exit code, what stderr says
             ('{"logging":{}}', (), 2, "logging: unknown field"),
             ('{"server":', (), 2, "not valid JSON"),
@@ -36,7 +36,11 @@ class StartRefusals(unittest.TestCase):
             # Demo data only where asked: a media folder that is missing is an error, not created.
             (None, ("--port", free(), "--media", missing_media), 2, missing_media + " is not a folder"),
             (None, ("--port", free(), "--plugin", os.path.join(folder.name, "none.so")), 1, "cannot load the plug-in"),
-            (None, ("--port", port, "--plugin", h.PLUGIN), 1, "CreateServer"),
+            # A port the plug-in cannot have is named with the reason, and only that port.
+            (None, ("--port", port, "--plugin", h.PLUGIN), 1,
+             "the plug-in's server did not start: HTTP port 127.0.0.1:%s: Address already in use" % port),
+            (None, ("--port", free(), "--audio-port", port, "--plugin", h.PLUGIN), 1,
+             "the plug-in's server did not start: two-way audio port 127.0.0.1:%s: Address already in use" % port),
             (None, ("--port", free(), "--admin", "127.0.0.1:" + port, "--plugin", h.PLUGIN), 1,
              "admin endpoint cannot listen on 127.0.0.1:%s: Address already in use" % port),
             # Identity tokens on with a key file the identity library cannot use: the path named.
@@ -54,6 +58,7 @@ class StartRefusals(unittest.TestCase):
                                         env=dict(os.environ, IDENTIFY_KEY_FILE=key_file))
                 self.assertEqual(result.returncode, code, result.stderr)
                 self.assertIn(text, result.stderr)
+                self.assertNotIn("plug-in error 0x00000000", result.stderr)
         self.assertFalse(os.path.exists(missing_media))
 
 

@@ -1,28 +1,101 @@
 """Two gateways behind nginx, as README.md's recipe sets them up: nginx picks a gateway by the hash of
 the devIndex, so each device's downloads land on one gateway; a gateway that stops answers new
 downloads with 503 and nginx hands them to the other, while the downloads it runs finish; a Digest
-nonce one gateway gave is accepted by the other."""
+nonce one gateway gave is accepted by the other. Talks go by the client's address, on the HTTP port
+and, through nginx's stream module, on the audio port alike, so both links of a talk reach the
+gateway that opened it."""
+import functools
+import glob
 import http.client
 import json
 import os
+import re
 import signal
+import socket
 import subprocess
 import sys
 import time
+from unittest import mock
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import gateway_harness as h  # noqa: E402
 import gateway_client  # noqa: E402
 
+TOOLS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools")
+sys.path.insert(0, TOOLS)
+import talk  # noqa: E402
+
 # Enough devices that both gateways get some, whatever ports the ring is built from.
 DEVICES = ["e2e00000-0000-4000-8000-%012d" % i for i in range(16)]
 BIG = 24 * 1024 * 1024
+# Clients of their own loopback addresses, enough that both gateways get talks.
+CLIENTS = ["127.0.0.%d" % i for i in range(2, 10)]
+STREAM_MODULE = "/usr/lib/nginx/modules/ngx_stream_module.so"  # Debian's libnginx-mod-stream
 
-UPSTREAM = """upstream gateways {{
+# README.md's recipe ("Several gateways behind nginx"), with this case's ports and folders.
+GROUP_CONFIG = """
+load_module {module};
+daemon off;
+master_process off;
+worker_processes 1;
+pid {dir}/nginx.pid;
+error_log {dir}/error.log info;
+events {{ worker_connections 256; }}
+http {{
+    access_log off;
+    client_body_temp_path {dir}/body;
+    proxy_temp_path {dir}/proxy;
+    fastcgi_temp_path {dir}/fastcgi;
+    uwsgi_temp_path {dir}/uwsgi;
+    scgi_temp_path {dir}/scgi;
+    upstream media_gateways {{
         hash $arg_devIndex consistent;
         server 127.0.0.1:{first} max_fails=1 fail_timeout=10s;
         server 127.0.0.1:{second} max_fails=1 fail_timeout=10s;
-    }}"""
+    }}
+    upstream media_gateways_talk {{
+        hash $remote_addr;
+        server 127.0.0.1:{first} max_fails=1 fail_timeout=10s;
+        server 127.0.0.1:{second} max_fails=1 fail_timeout=10s;
+    }}
+    server {{
+        listen 127.0.0.1:{port};
+        location /QUMEX/ {{
+            proxy_pass http://media_gateways;
+            proxy_http_version 1.1;
+            proxy_set_header X-Forwarded-For $remote_addr;
+            proxy_buffering off;
+            proxy_next_upstream error timeout http_503 non_idempotent;
+        }}
+        location /QUMEX/System/TwoWayAudio/ {{
+            proxy_pass http://media_gateways_talk;
+            proxy_http_version 1.1;
+            proxy_set_header X-Forwarded-For $remote_addr;
+            proxy_set_header Host $http_host;
+            proxy_next_upstream error timeout http_503 non_idempotent;
+        }}
+    }}
+}}
+stream {{
+    upstream media_gateways_audio {{
+        hash $remote_addr;
+        server 127.0.0.1:{first_audio} max_fails=1 fail_timeout=10s;
+        server 127.0.0.1:{second_audio} max_fails=1 fail_timeout=10s;
+    }}
+    server {{
+        listen 127.0.0.1:{audio_port};
+        proxy_pass media_gateways_audio;
+    }}
+}}
+"""
+
+
+CREATE_CONNECTION = socket.create_connection
+
+
+def connect_from(source, address, timeout=socket._GLOBAL_DEFAULT_TIMEOUT, source_address=None, **options):
+    """socket.create_connection from the given local address: a client of its own to nginx."""
+    return CREATE_CONNECTION(address, timeout, (source, 0), **options)
 
 
 class GatewayGroup(h.GatewayCase):
@@ -42,15 +115,19 @@ class GatewayGroup(h.GatewayCase):
         return config
 
     def setUp(self):
-        self.second_port = h.free_port()
+        self.second_port = h.free_port_pair()  # each gateway's audio channel is on its HTTP port + 1
         super().setUp()
         self.second = gateway_client.GatewayProcess(h.GATEWAY, os.path.join(self.dir, "second"))
         self.second.start(self.config(second=True))
         self.addCleanup(lambda: self.assertEqual(self.second.stop(), 0, self.second.log_tail()))
         self.wait_for_second(lambda status: status.get("ready"), "ready")
-        self.proxy_port = h.start_nginx(self, "gateways", upstream=UPSTREAM.format(first=self.port,
-                                                                                   second=self.second_port),
-                                        extra="proxy_next_upstream error timeout http_503 non_idempotent;")
+        self.proxy_port, self.audio_proxy_port = h.free_port(), h.free_port()
+        folder = os.path.join(self.dir, "nginx")
+        nginx = gateway_client.start_nginx(folder, GROUP_CONFIG.format(
+            module=STREAM_MODULE, dir=folder, port=self.proxy_port, audio_port=self.audio_proxy_port,
+            first=self.port, second=self.second_port, first_audio=self.port + 1, second_audio=self.second_port + 1),
+            [self.proxy_port, self.audio_proxy_port])
+        self.addCleanup(lambda: nginx.terminate() or nginx.wait(timeout=10))
 
     def wait_for_second(self, condition, what):
         self.assertIsNotNone(self.second.wait_for_status(condition), "the second gateway never got %s" % what)
@@ -127,6 +204,46 @@ class GatewayGroup(h.GatewayCase):
         served = self.served(2 * len(DEVICES) + 2 + len(others))
         self.assertEqual(sorted(entry["device"] for entry in served["first"][-len(others):]), others)
         self.assertEqual((served["second"][-1]["recording"], served["second"][-1]["outcome"]), ("big.bin", "complete"))
+
+
+    def test_talks_through_nginx_reach_the_gateway_that_opened_them(self):
+        # The README's talk command, through nginx: both ports are nginx's.
+        voice = os.path.join(self.dir, "voice.wav")
+        subprocess.run(["sox", "-n", "-r", "8000", "-c", "1", "-e", "mu-law", voice, "synth", "1", "sine", "300-900"],
+                       check=True)
+        result = subprocess.run([sys.executable, os.path.join(TOOLS, "talk.py"), "--quiet", "--user",
+                                 "%s:%s" % (h.USER, h.PASSWORD), "--channel", "1", "--audio-port",
+                                 str(self.audio_proxy_port), "--send", voice, "--record",
+                                 os.path.join(self.dir, "heard.wav"), "http://127.0.0.1:%d" % self.proxy_port],
+                                capture_output=True, timeout=60)
+        self.assertEqual(result.returncode, 0, result.stderr.decode() + self.log_tail())
+        (capture,) = glob.glob(os.path.join(self.media, DEVICES[0], "talk-ch1-*.wav"))
+        self.assertEqual(talk.read_wav(capture)[4], talk.read_wav(voice)[4], "the device kept what was said")
+        self.assertGreater(os.path.getsize(os.path.join(self.dir, "heard.wav")), 4000)
+
+        # Clients of many addresses: each one's audio link meets the talk it opened, on either gateway.
+        for client in CLIENTS:
+            with self.subTest(client=client), mock.patch("socket.create_connection",
+                                                         functools.partial(connect_from, client)):
+                digest = talk.Digest(h.USER, h.PASSWORD)
+                opened = talk.talk_request("127.0.0.1", self.proxy_port, digest, 2, "open")
+                session = re.search(r"<sessionId>([0-9]+)<", opened).group(1)
+                try:
+                    link, heard = talk.open_link("127.0.0.1", self.audio_proxy_port, self.proxy_port, digest, "GET",
+                                                 2, session)
+                    while len(heard) < 320:  # the device's audio flows
+                        heard += link.recv(4096)
+                    link.close()
+                finally:
+                    talk.talk_request("127.0.0.1", self.proxy_port, digest, 2, "close")
+        deadline = time.monotonic() + 10  # the status files follow within a fifth of a second
+        while True:
+            talks = [self.status().get("talks", 0), self.second.status().get("talks", 0)]
+            if sum(talks) == 1 + len(CLIENTS) or time.monotonic() > deadline:
+                break
+            time.sleep(0.05)
+        self.assertEqual(sum(talks), 1 + len(CLIENTS))
+        self.assertTrue(all(talks), "one gateway got every talk: %s" % talks)
 
 
 if __name__ == "__main__":

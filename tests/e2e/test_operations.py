@@ -17,7 +17,9 @@ BIG = 24 * 1024 * 1024  # read slowly, it keeps a download open for seconds
 PATH = "/QUMEX/ContentMgmt/download?format=json&devIndex=" + h.CAMERA
 
 
-class Operated(h.GatewayCase):
+class OperatedGateway(h.GatewayCase):
+    """A gateway with its admin endpoint, access log and audio port, as a service runs it."""
+
     def setUp(self):
         self.admin_port, self.audio_port = h.free_port(), h.free_port()
         super().setUp()
@@ -73,8 +75,16 @@ class Operated(h.GatewayCase):
         with open(out, "rb") as source:
             self.assert_recording_body(source.read(), device, name)
 
+
+class Operated(OperatedGateway):
     def test_counters_listing_and_access_log_follow_a_scripted_run(self):
         self.assertEqual(h.http_get(self.admin_port, "/healthz"), (200, "ready\n"))
+        # Every port a client or an operator needs, where the gateway says it is ready.
+        self.assertEqual(self.status()["listeners"], {"http": "127.0.0.1:%d" % self.port,
+                                                      "audio": "127.0.0.1:%d" % self.audio_port,
+                                                      "admin": "127.0.0.1:%d" % self.admin_port})
+        self.wait_for_log(r"ready on http://127\.0\.0\.1:%d, two-way audio on 127\.0\.0\.1:%d, admin endpoint on "
+                          r"http://127\.0\.0\.1:%d " % (self.port, self.audio_port, self.admin_port))
         listing = {device["devIndex"]: device for device in json.loads(h.http_get(self.admin_port, "/recordings")[1])
                    ["devices"]}
         (clip,) = listing[h.DEVICE]["recordings"]
@@ -198,6 +208,23 @@ class Operated(h.GatewayCase):
         self.wait_for_log(r"1 download\(s\) running get up to 20 s to finish")
         said = self.notifications()
         self.assertTrue(said[0].startswith("READY=1") and any(n.startswith("STOPPING=1") for n in said), said)
+
+
+class GracePeriodRunsOut(OperatedGateway):
+    def config(self):
+        config = super().config()
+        config["server"]["shutdownGraceSeconds"] = 1
+        return config
+
+    def test_a_download_the_grace_period_cuts_counts_as_stopped(self):
+        slow, _ = self.slow_download(h.CAMERA, "big.bin")
+        self.process.send_signal(signal.SIGTERM)
+        self.assertEqual(self.process.wait(timeout=30), 0, self.log_tail())
+        self.assertNotEqual(slow.wait(timeout=30), 0, "the download was cut")
+        log = self.wait_for_log(r"stream 1 closed: stopped with the gateway")
+        self.assertIn("1 download(s) still running after 1 s; stopping them", log)
+        with open(self.access_log) as source:
+            self.assertRegex(source.read(), r'"download %s big\.bin" - \d+ 0 \d+\.\d{3} stopped\n$' % h.CAMERA)
 
 
 if __name__ == "__main__":

@@ -3,8 +3,12 @@ gateway, with curl, wget -c and tools/fetch-recording, broken inside the stream
 head, mid-file and one byte before the end."""
 import os
 import re
+import signal
+import socket
 import subprocess
 import sys
+import tempfile
+import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import gateway_harness as h  # noqa: E402
@@ -101,6 +105,27 @@ class LargeResume(ResumeCase):
         self.fetch(proxy.port, output, "--no-stream-head", "--form", "xml", name="large.bin")
         self.assert_same_file(output, content)
         self.assertEqual(proxy.cuts, [], "every break happened")
+
+
+class Interrupted(unittest.TestCase):
+    def test_ctrl_c_stops_the_client_with_a_word_not_a_traceback(self):
+        server = socket.create_server(("127.0.0.1", 0))  # takes the request and never answers
+        self.addCleanup(server.close)
+        server.settimeout(30)
+        folder = tempfile.TemporaryDirectory(prefix="gateway-e2e-")
+        self.addCleanup(folder.cleanup)
+        output = os.path.join(folder.name, "clip.bin")
+        client = subprocess.Popen([sys.executable, FETCH, "--user", "%s:%s" % (h.USER, h.PASSWORD), "--device",
+                                   h.DEVICE, "--name", "clip.bin", "--start", h.START, "--end", h.END, "-o", output,
+                                   "http://127.0.0.1:%d" % server.getsockname()[1]], stderr=subprocess.PIPE)
+        connection, _ = server.accept()
+        self.addCleanup(connection.close)
+        connection.recv(65536)  # the request came: the client waits for the answer
+        client.send_signal(signal.SIGINT)
+        errors = client.communicate(timeout=30)[1].decode()
+        self.assertEqual(client.returncode, 130, errors)
+        self.assertNotIn("Traceback", errors)
+        self.assertIn("fetch-recording: stopped; 0 bytes kept in %s.part, the same command resumes" % output, errors)
 
 
 if __name__ == "__main__":

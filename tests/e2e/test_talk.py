@@ -5,9 +5,12 @@ side kept is compared byte for byte and read back by sox.
 import glob
 import os
 import signal
+import socket
 import subprocess
 import sys
+import threading
 import time
+import unittest
 import warnings
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -51,9 +54,9 @@ class Talks(h.GatewayCase):
         devices[1]["talk"] = {"codec": "PCMA", "source": self.camera_source, "channel": 2}
         return config
 
-    def talk(self, *args, password=h.PASSWORD, wait=True):
+    def talk(self, *args, password=h.PASSWORD, wait=True, audio_port=None):
         command = [sys.executable, TALK, "--quiet", "--user", "%s:%s" % (h.USER, password),
-                   "--audio-port", str(self.audio_port), *args, "http://127.0.0.1:%d" % self.port]
+                   "--audio-port", str(audio_port or self.audio_port), *args, "http://127.0.0.1:%d" % self.port]
         if not wait:
             return subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         return subprocess.run(command, capture_output=True, timeout=60)
@@ -126,6 +129,21 @@ class Talks(h.GatewayCase):
             talk.talk_request("127.0.0.1", self.port, digest, 1, "close")
         self.assertEqual(self.status()["talks"], 1)
 
+    def test_a_talk_that_says_nothing_keeps_no_capture_and_a_failed_link_is_explained(self):
+        heard = os.path.join(self.dir, "heard.wav")
+        result = self.talk("--channel", "1", "--record", heard, "--seconds", "1")
+        self.assertEqual(result.returncode, 0, result.stderr.decode() + self.log_tail())
+        self.assertGreater(os.path.getsize(heard), 58, "what the device played was recorded")
+        # The talk opens, but its audio link finds no channel on that port.
+        result = self.talk("--channel", "1", "--record", os.path.join(self.dir, "lost.wav"), audio_port=h.free_port())
+        self.assertEqual(result.returncode, 1)
+        self.assertRegex(result.stderr.decode(), r"GET link: the audio port 127\.0\.0\.1:\d+: Connection refused")
+        self.assertFalse(os.path.exists(os.path.join(self.dir, "lost.wav")))
+        self.wait_for_status(lambda s: s.get("openTalks") == 0 and s.get("talks") == 2, "both talks closed")
+        self.assertEqual(glob.glob(os.path.join(self.media, h.DEVICE, "talk-ch1-*")), [],
+                         "an empty capture was left behind")
+        self.wait_for_log(r"talk 2 closed: .* 0 bytes from the client, closed")
+
     def test_a_client_that_vanishes_leaves_no_talk_and_a_playable_capture(self):
         voice = os.path.join(self.dir, "long.wav")
         sox("-n", "-r", "8000", "-c", "1", "-e", "mu-law", voice, "synth", "20", "sine", "330")
@@ -140,6 +158,47 @@ class Talks(h.GatewayCase):
         self.assertGreater(duration(capture), 0.5)
         data = talk.read_wav(capture)[4]
         self.assertEqual(data, talk.read_wav(voice)[4][:len(data)])
+
+
+class DefaultAudioPort(h.GatewayCase):
+    """A configuration that names no audio port, as the service's: the channel is on the HTTP port + 1,
+    where the talk tool looks by default."""
+
+    def test_the_talk_tool_finds_the_audio_channel_without_being_told(self):
+        self.assertEqual(self.status()["listeners"]["audio"], "127.0.0.1:%d" % (self.port + 1))
+        self.wait_for_log(r"ready on http://127\.0\.0\.1:%d, two-way audio on 127\.0\.0\.1:%d"
+                          % (self.port, self.port + 1))
+        result = subprocess.run([sys.executable, TALK, "--quiet", "--user", "%s:%s" % (h.USER, h.PASSWORD),
+                                 "--channel", "1", "--seconds", "1", "--record", os.path.join(self.dir, "h.wav"),
+                                 "http://127.0.0.1:%d" % self.port], capture_output=True, timeout=60)
+        self.assertEqual(result.returncode, 0, result.stderr.decode() + self.log_tail())
+
+
+class RefusedLinks(unittest.TestCase):
+    """The talk tool says why an audio link was refused, though the document follows the head later."""
+
+    def test_the_reason_in_a_late_document_is_named(self):
+        server = socket.create_server(("127.0.0.1", 0))
+        self.addCleanup(server.close)
+        document = (b'<ResponseStatus version="2.0"><statusCode>4</statusCode>'
+                    b'<subStatusCode>invalidOperation</subStatusCode></ResponseStatus>\n')
+
+        def refuse():
+            connection, _ = server.accept()
+            with connection:
+                connection.recv(4096)
+                connection.sendall(b"HTTP/1.1 403 403 Forbidden\r\nContent-Length: %d\r\n"
+                                   b"Content-Type: application/xml\r\n\r\n" % len(document))
+                time.sleep(0.3)
+                connection.sendall(document)
+
+        thread = threading.Thread(target=refuse)
+        thread.start()
+        self.addCleanup(thread.join)
+        digest = talk.Digest(h.USER, h.PASSWORD)
+        with self.assertRaisesRegex(talk.TalkError, r"^GET link refused: HTTP 403 invalidOperation \(no open talk "
+                                                    r"has this session id on the port the Host header names"):
+            talk.open_link("127.0.0.1", server.getsockname()[1], 8080, digest, "GET", 1, "42")
 
 
 if __name__ == "__main__":

@@ -29,10 +29,32 @@ TEST(GatewayConfigFile, NoDocumentGivesOneUserOneDeviceAndTheServerUrl)
         "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1"
         "&talkGatewayRefusal=1";
     EXPECT_EQ(buildServerUrl(config),
-              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000" + optIns);
-    config.audioTalkPort = 8081;
-    EXPECT_EQ(buildServerUrl(config),
               "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns);
+}
+
+// Clients must know the audio port: it is never left for the plug-in to pick.
+TEST(GatewayConfigFile, TheAudioPortIsTheNextOneUnlessGiven)
+{
+    const struct {
+        std::string json;
+        int http;
+        int audio;
+    } cases[] = {
+        {"{}", 8080, 8081},
+        {R"({"server":{"work_thread":2}})", 8080, 8081},
+        {R"({"server":{"httpPort":9090}})", 9090, 9091},
+        {R"({"server":{"httpPort":9090,"audioTalkPort":7000}})", 9090, 7000},
+    };
+    for (const auto& c : cases) {
+        Json::Value root;
+        Json::Reader().parse(c.json, root);
+        GatewayConfig config;
+        std::string error;
+        ASSERT_TRUE(parseGatewayConfig(root, ConfigSource::kFile, config, error)) << c.json << ": " << error;
+        EXPECT_EQ(config.httpPort, c.http) << c.json;
+        EXPECT_EQ(config.audioTalkPort, c.audio) << c.json;
+        EXPECT_NE(buildServerUrl(config).find("&audioTalkPort=" + std::to_string(c.audio) + "&"), std::string::npos);
+    }
 }
 
 TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
@@ -47,6 +69,9 @@ TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
         {R"({"server":{"httpPort":70000}})", "server.httpPort: must be an integer"},
         {R"({"server":{"httpPort":"8080"}})", "server.httpPort: must be an integer"},
         {R"({"server":{"httpPort":9000,"audioTalkPort":9000}})", "server.audioTalkPort:"},
+        {R"({"server":{"audioTalkPort":0}})", "server.audioTalkPort: must be an integer from 1"},
+        {R"({"server":{"httpPort":65535}})", "server.audioTalkPort: must be given"},
+        {R"({"admin":{"listen":"127.0.0.1:8081"}})", "admin.listen: port 8081 is the plug-in's"},
         {R"({"auth":{"users":[]}})", "auth.users: must be a non-empty array"},
         {R"({"auth":{"users":[{"name":"a:b","password":"x"}]}})", "auth.users[0].name:"},
         {R"({"auth":{"users":[{"name":"a","password":"x"},{"name":"a","password":"y"}]}})", "auth.users[1].name:"},

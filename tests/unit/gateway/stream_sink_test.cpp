@@ -31,6 +31,9 @@ public:
     int Send(PROTOCOL_WRAPPER::IServerData* data, int index, int dataType, void* buffer, int length) override
     {
         std::this_thread::sleep_for(delayPerSend);
+        if (connectionsClosed) {
+            return -1;  // as the plug-in answers once the client's connection is gone
+        }
         std::lock_guard<std::mutex> guard(lock);
         types.push_back(dataType);
         if (dataType == PROTOCOL_WRAPPER::STREAM_INFO) {
@@ -51,6 +54,7 @@ public:
     std::vector<int> types;
     std::string info, body;
     std::atomic<bool> closed{false};
+    std::atomic<bool> connectionsClosed{false};
     int sendsAfterClose = 0;
     std::chrono::milliseconds delayPerSend{0};
 };
@@ -156,6 +160,35 @@ TEST_F(StreamSinkTest, NoSendAfterOnCloseReturnsMidStream)
     EXPECT_EQ(server.sendsAfterClose, 0);
     EXPECT_LT(server.sentTypes().size(), 12u) << "delivery ended early";
     EXPECT_EQ(sink.openStreamCount(), 0);
+}
+
+// When the gateway stops, the plug-in closes the connections of the downloads
+// still running, which the delivery sees as clients that went away; they were
+// stopped. A client that leaves on its own still counts as gone.
+TEST_F(StreamSinkTest, DownloadsCutOffByTheStopCountAsStopped)
+{
+    RecordingServer server;
+    server.delayPerSend = std::chrono::milliseconds(5);
+    StreamSink sink(catalog, 1024, metrics, nullptr, log);
+    sink.attachServer(&server);
+    void* handle = openAndStart(sink);
+    ASSERT_TRUE(waitForSends(server, 3));
+    sink.cutOffDownloads();
+    server.connectionsClosed = true;
+    EXPECT_EQ(sink.OnStop(handle, 0), 0);
+    EXPECT_EQ(sink.OnClose(handle), 0);
+    EXPECT_EQ(metrics.downloadsFinished(DownloadOutcome::kStopped), 1u);
+    EXPECT_EQ(metrics.downloadsFinished(DownloadOutcome::kClientGone), 0u);
+
+    server.connectionsClosed = false;
+    const size_t sent = server.sentTypes().size();
+    handle = openAndStart(sink);
+    ASSERT_TRUE(waitForSends(server, sent + 3));
+    server.connectionsClosed = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the delivery meets the closed connection
+    EXPECT_EQ(sink.OnStop(handle, 0), 0);
+    EXPECT_EQ(sink.OnClose(handle), 0);
+    EXPECT_EQ(metrics.downloadsFinished(DownloadOutcome::kClientGone), 1u);
 }
 
 TEST_F(StreamSinkTest, RefusesUnknownHandlesAndMediaWithoutCrashing)
