@@ -48,6 +48,8 @@ TEST(GatewayConfigFile, TheAudioPortIsTheNextOneUnlessGiven)
     for (const auto& c : cases) {
         Json::Value root;
         Json::Reader().parse(c.json, root);
+        root["auth"]["users"][0]["name"] = "operator";  // a file must name its users
+        root["auth"]["users"][0]["password"] = "secret";
         GatewayConfig config;
         std::string error;
         ASSERT_TRUE(parseGatewayConfig(root, ConfigSource::kFile, config, error)) << c.json << ": " << error;
