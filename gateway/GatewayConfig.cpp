@@ -23,6 +23,11 @@ std::string buildServerUrl(const GatewayConfig& config)
     }
     // The plug-in's opt-in bounds beyond the interface's defaults, all on here.
     url += "&checkTalkBacklog=1";
+    url += "&headTimeout=" + std::to_string(config.headTimeoutMs) +
+           "&maxConnections=" + std::to_string(config.maxConnections) +
+           "&maxConnectionsPerAddress=" + std::to_string(config.maxConnectionsPerAddress) +
+           "&reserveFds=" + std::to_string(config.reserveFds);
+    url += "&strictSendTimeout=1&streamAbort=1";
     return url;
 }
 

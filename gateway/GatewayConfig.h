@@ -36,6 +36,8 @@ struct DeviceConfig {
     TalkConfig talk;
 };
 
+constexpr int kMaxBlockSize = 1024 * 1024;
+
 struct GatewayConfig {
     // Parameters of the plug-in's server URL.
     int httpPort = 8080;
@@ -48,9 +50,28 @@ struct GatewayConfig {
     int maxDownloads = 400;
     // On SIGTERM, running downloads get this long to finish before the server stops.
     int shutdownGraceSeconds = 30;
+    // What every client may hold, on both of the plug-in's ports: a request head
+    // must be whole this long after connecting (the body then has recvTimeout);
+    // each port holds at most maxConnections connections, maxConnectionsPerAddress
+    // of one client address; reserveFds descriptors stay free of connections, for
+    // recordings being sent, talk captures, logs and the admin endpoint. Fewer
+    // connections are held when the process's descriptor limit is lower (see
+    // DescriptorBudget.h).
+    int headTimeoutMs = 10000;
+    int maxConnections = 2048;
+    int maxConnectionsPerAddress = 512;
+    int reserveFds = 256;
+    // A download that delivers less than minDeliveryRate bytes per second,
+    // averaged over minDeliveryRateSeconds, ends ("too_slow"); 0: no minimum.
+    int minDeliveryRate = 8192;
+    int minDeliveryRateSeconds = 30;
 
     bool adminEnabled = false;  // the admin endpoint (/metrics, /healthz, /recordings)
     ListenAddress admin;
+    // Clients of the admin endpoint must send "Authorization: Bearer <token>" when one is
+    // given (inline or as a file read at start); required for a listen address other than loopback.
+    std::string adminToken;
+    std::string adminTokenFile;
 
     std::string realm = "media-gateway";
     std::vector<UserAccount> users;
@@ -67,7 +88,8 @@ struct GatewayConfig {
     // Each open stream holds one block resident until the client has taken it, so
     // the block size is most of the memory a download costs: 32 KiB keeps a
     // download near 75 KiB in all (nginx's own default output buffers are
-    // 2 x 32 KiB) while one download still fills a loopback link.
+    // 2 x 32 KiB) while one download still fills a loopback link. At most
+    // kMaxBlockSize, so that 400 downloads cannot hold more than 400 MiB.
     int blockSize = 32 * 1024;
     std::vector<DeviceConfig> devices;
 
@@ -82,7 +104,8 @@ struct GatewayConfig {
 GatewayConfig defaultGatewayConfig();
 
 // "http://127.0.0.1:<httpPort>?work_thread=..&sendTimeout=..&recvTimeout=..[&audioTalkPort=..]", then the
-// plug-in's opt-in bounds ("&checkTalkBacklog=1").
+// plug-in's opt-in bounds ("&checkTalkBacklog=1&headTimeout=..&maxConnections=..&maxConnectionsPerAddress=..
+// &reserveFds=..&strictSendTimeout=1&streamAbort=1").
 std::string buildServerUrl(const GatewayConfig& config);
 
 // Paths left empty become their places beside the executable's folder

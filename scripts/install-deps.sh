@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config clang-format
-  libjsoncpp-dev libtinyxml-dev libssl-dev libhttp-parser-dev libspandsp-dev libcpp-httplib-dev libsystemd-dev
+  libjsoncpp-dev libtinyxml-dev libssl-dev node-llhttp libboost1.81-dev libspandsp-dev libsystemd-dev
   googletest libgtest-dev libgmock-dev
   curl wget nginx-light python3 sox
   prometheus  # for promtool, which the end-to-end tests run over the gateway's /metrics
