@@ -22,6 +22,8 @@ const ZRT_UINT32 kMaxWaitMs = 100;
 const ZRT_UINT64 kExpireRetryMs = 1000;
 // Out of descriptors or memory, accepting again at once would fail again.
 const ZRT_UINT64 kAcceptRetryMs = 100;
+// Connections accepted per turn, so that the ones held are looked at between the bursts of a flood.
+const int kAcceptBurst = 16;
 const ZRT_UINT64 kRefusalLogEveryMs = 5000;
 const char kHeadEnd[] = "\r\n\r\n";
 
@@ -71,16 +73,20 @@ bool CRawConnectionGate::serve(int listenSocket, const std::atomic<int>& running
         return false;
     }
     ZRT_UINT64 keys[kWaitBatch];
-    ZRT_UINT64 acceptRetryAt = acceptAll(listenSocket) ? 0 : ZRT_GetTimeTick64() + kAcceptRetryMs;
+    // The listener is edge-triggered: what is left to accept after a burst, or for want of descriptors,
+    // is accepted on the next turn or on a timer, as no new event may come for it.
+    AcceptResult accepting = acceptSome(listenSocket);
+    ZRT_UINT64 acceptRetryAt = 0;
     while (running != 0) {
-        ZRT_UINT32 wait = waitMs();
+        if (accepting == kAcceptShort) {
+            acceptRetryAt = ZRT_GetTimeTick64() + kAcceptRetryMs;
+        }
+        ZRT_UINT32 wait = accepting == kAcceptMore ? 0 : waitMs();
         if (acceptRetryAt != 0 && wait > kAcceptRetryMs) {
             wait = kAcceptRetryMs;
         }
         int count = ZRT_Poller_Wait(m_poller, keys, kWaitBatch, wait);
-        // The listener is edge-triggered: connections left waiting for a descriptor are tried again
-        // on a timer, as no new event may come for them.
-        bool acceptNow = acceptRetryAt != 0 && ZRT_GetTimeTick64() >= acceptRetryAt;
+        bool acceptNow = accepting == kAcceptMore || (acceptRetryAt != 0 && ZRT_GetTimeTick64() >= acceptRetryAt);
         for (int i = 0; i < count; ++i) {
             if (keys[i] == kListenKey) {
                 acceptNow = true;
@@ -88,24 +94,28 @@ bool CRawConnectionGate::serve(int listenSocket, const std::atomic<int>& running
                 look(static_cast<int>(keys[i]));
             }
         }
+        // After the connections' own news: a head that has arrived counts before newcomers make room.
+        accepting = kAcceptDone;
         if (acceptNow) {
-            acceptRetryAt = acceptAll(listenSocket) ? 0 : ZRT_GetTimeTick64() + kAcceptRetryMs;
+            acceptRetryAt = 0;
+            accepting = acceptSome(listenSocket);
         }
         expireDeadlines();
     }
     return true;
 }
 
-bool CRawConnectionGate::acceptAll(int listenSocket)
+CRawConnectionGate::AcceptResult CRawConnectionGate::acceptSome(int listenSocket)
 {
-    for (;;) {
+    for (int accepted = 0; accepted < kAcceptBurst; ++accepted) {
         ZRT_ADDR_T peer;
         int socket = Accept(listenSocket, &peer, 0);
         if (socket == -1) {
             // None left, or the listener is closing (the running flag says so), or no descriptor is free.
-            return !isTransientAcceptError(ZRT_GetSystemLastError());
+            return isTransientAcceptError(ZRT_GetSystemLastError()) ? kAcceptShort : kAcceptDone;
         }
         bool refused = false;
+        bool watched = false;
         {
             ZRT_Guard guard(m_lock);
             if (m_held.count(socket) != 0) {
@@ -132,14 +142,21 @@ bool CRawConnectionGate::acceptAll(int listenSocket)
                 }
                 if (ZRT_Poller_Add(m_poller, socket, static_cast<ZRT_UINT64>(socket)) != 0) {
                     dropLocked(socket, m_held[socket]);
+                } else {
+                    watched = true;
                 }
             }
         }
         if (refused) {
             CloseSocket(socket);
             logRefusal();
+        } else if (watched) {
+            // A client sends its head with its connection: seen now, it is no longer evictable by the
+            // connections queued behind it, however many a flood has put there.
+            look(socket);
         }
     }
+    return kAcceptMore;
 }
 
 void CRawConnectionGate::look(int socket)

@@ -61,8 +61,10 @@ private:
         bool waiting;         // still at the door (the gate owns the socket)
     };
 
-    // Accepts every waiting connection; false when one had to be left for want of descriptors.
-    bool acceptAll(int listenSocket);
+    enum AcceptResult { kAcceptDone, kAcceptMore, kAcceptShort };
+    // Accepts a burst of waiting connections: all there were (done), a burst with perhaps more waiting,
+    // or short of descriptors with some left waiting.
+    AcceptResult acceptSome(int listenSocket);
     void look(int socket);
     // Closes a waiting connection, or forgets a session's; with the lock held.
     void dropLocked(int socket, Held& held);

@@ -33,6 +33,7 @@ constexpr int kLingerMs = 2000;
 // Out of descriptors, accepting again at once would spin: wait this long first.
 constexpr int kAcceptPauseMs = 100;
 constexpr int kMaxEvents = 64;
+constexpr int kAcceptBurst = 16;
 // Reads of dropped input per wake-up, so that one chatty client cannot hold the thread.
 constexpr int kMaxDiscardReads = 4;
 
@@ -175,15 +176,20 @@ void Listener::run()
     epoll_event events[kMaxEvents];
     while (!m_stopping.load()) {
         const int count = epoll_wait(m_epollFd, events, kMaxEvents, waitTimeoutMs());
+        bool accept = false;
         for (int i = 0; i < count; ++i) {
             const uint64_t key = events[i].data.u64;
             if (key == kListenKey) {
-                acceptAll();
+                accept = true;
             } else if (key == kMailboxKey) {
                 onNotes();
             } else {
                 onConnectionEvent(key, events[i].events);
             }
+        }
+        // After the connections' own events: what has arrived on them counts before newcomers make room.
+        if (accept) {
+            acceptSome();
         }
         expireDeadlines();
     }
@@ -215,9 +221,11 @@ void Listener::pauseAccepting()
     m_acceptPausedUntil = Clock::now() + std::chrono::milliseconds(kAcceptPauseMs);
 }
 
-void Listener::acceptAll()
+void Listener::acceptSome()
 {
-    for (;;) {
+    // A bounded number per wake-up (the listening socket is level-triggered: the rest come next time), so
+    // that the connections already held are read between bursts of a flood.
+    for (int accepted = 0; accepted < kAcceptBurst; ++accepted) {
         sockaddr_in peer{};
         socklen_t peerLength = sizeof(peer);
         const int fd =
@@ -263,7 +271,11 @@ void Listener::acceptAll()
         event.data.u64 = id;
         if (epoll_ctl(m_epollFd, EPOLL_CTL_ADD, fd, &event) != 0) {
             remove(id);
+            continue;
         }
+        // A client sends its request with its connection: read now, it stops being evictable before the
+        // connections queued behind it are taken, however many a flood has put there.
+        onConnectionEvent(id, EPOLLIN);
     }
 }
 

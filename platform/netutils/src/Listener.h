@@ -69,7 +69,7 @@ private:
     int open(const NET_HTTPSERVER_LISTEN_PARAM& param);
     void run();
 
-    void acceptAll();
+    void acceptSome();
     // Takes the new connection unless the listener is at a bound; false when it was refused.
     bool admit(int fd, uint32_t address);
     void onConnectionEvent(uint64_t id, uint32_t events);
