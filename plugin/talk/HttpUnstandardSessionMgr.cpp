@@ -95,7 +95,13 @@ int CHttpUnstandardSessionMgr::stopListen()
         return 0;
     }
     m_iRunning = 0;
-    // Closing the listener is what wakes the accept thread.
+    // Without a gate, closing the listener is what wakes the accept thread. The gate looks at the running
+    // flag every 100 ms and watches the listener with its poller: it is joined first, so that the listener
+    // is not closed under its use.
+    if (m_pGate && m_acceptThread != ZRT_INVALID_THREAD) {
+        ZRT_Thread_Wait(m_acceptThread);
+        m_acceptThread = ZRT_INVALID_THREAD;
+    }
     int listenSocket = m_iListenSocket.exchange(-1);
     if (listenSocket != -1) {
         CloseSocket(listenSocket);
