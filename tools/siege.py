@@ -9,7 +9,8 @@ Starts the gateway from DIR (default: build) on free loopback ports, and for N s
   - 500 idle connections and 50 slowloris connections (a header line every few seconds) on the HTTP port,
   - 20 authenticated downloads read at 1 KiB/s,
   - 50 slow clients on the admin endpoint (a header line every two seconds),
-each connection opened again whenever the gateway closes it, all from the legitimate client's own address.
+each connection opened again a second after the gateway closes it, all from the legitimate client's
+own address.
 Meanwhile the legitimate client, one request after the other, downloads a recording, opens a talk (its
 listening link included) and closes it, and reads /healthz. It checks that
   - every download is whole within 2 s of its start, every talk opens, /healthz answers within 1 s;
@@ -50,7 +51,7 @@ MIB = 1024 * 1024
 LEGIT = ("legit.bin", 8 * MIB, "20260101T000000Z", "20260101T001000Z")
 CRAWLED = ("crawled.bin", 64 * MIB, "20260101T010000Z", "20260101T011000Z")
 DOWNLOAD_PATH = "/QUMEX/ContentMgmt/download?format=json&devIndex=" + DEVICE
-RECONNECT_S = 0.5       # a hostile connection the gateway closed is opened again after this
+RECONNECT_S = 1.0       # a hostile connection the gateway closed is opened again after this
 QUIESCE_S = 40          # after the siege, for descriptors and threads to come back
 RSS_SETTLE_MIB = 16     # RSS after the siege may stay this far above the idle level (allocator caches)
 
