@@ -5,7 +5,8 @@
 #   make e2e            only the end-to-end tests
 #   make bench          throughput, challenges and first byte against nginx
 #   make fuzz           each fuzz target for FUZZ_SECONDS (default 120)
-#   make soak           10 minutes of mixed load, then a leak check (SOAK_SECONDS=60 for less)
+#   make soak           10 minutes of mixed load, then a leak check (SOAK_SECONDS=60 for less), then the
+#                       siege for SIEGE_SECONDS (default 120) twice, the second time with 512 descriptors
 #   make format         rewrite every C and C++ file in the house style (.clang-format)
 #   make format-check   fail if a file is not in the house style (CI runs it)
 #   make install        build the gateway and install it under PREFIX (/opt/media-gateway), with its
@@ -24,6 +25,7 @@ endif
 PREFIX ?= /opt/media-gateway
 CTEST_ARGS ?=
 SOAK_SECONDS ?= 600
+SIEGE_SECONDS ?= 120
 FUZZ_SECONDS ?= 120
 
 .PHONY: all deps configure build build-gateway test e2e run install package bench soak fuzz format format-check clean
@@ -60,9 +62,12 @@ bench: build
 	@./bench/run.sh $(BUILD_DIR)
 
 # Mixed hostile load against the gateway, then checks that nothing was left
-# behind. Use a build without sanitizers.
+# behind; then everything an attacker can hold at once, while a client is
+# served in time. Use a build without sanitizers.
 soak: build
 	@python3 tools/soak.py --build $(BUILD_DIR) --seconds $(SOAK_SECONDS)
+	@python3 tools/siege.py --build $(BUILD_DIR) --seconds $(SIEGE_SECONDS)
+	@python3 tools/siege.py --build $(BUILD_DIR) --seconds $(SIEGE_SECONDS) --descriptors 512
 
 # libFuzzer targets (clang) over the parsers, each for FUZZ_SECONDS, in build-fuzz.
 fuzz:

@@ -3,7 +3,7 @@
 // The first input byte chooses how the rest is cut into reads; the same bytes are
 // also fed in one piece. TCP may deliver a request in any cut, so both parsers must
 // come to the same decision, and a complete request must read the same either way.
-// Which refusal (400 or 413) comes first may depend on where a read ends, so
+// Which refusal (400, 413 or 505) comes first may depend on where a read ends, so
 // refusals only have to agree on being refusals.
 #include "FuzzCheck.h"
 #include "OnWorkerStack.h"
@@ -21,7 +21,7 @@ namespace {
 
 bool refused(Result result)
 {
-    return result == Result::BadRequest || result == Result::TooLarge;
+    return result == Result::BadRequest || result == Result::TooLarge || result == Result::VersionNotSupported;
 }
 
 // The header lookups the server and the plug-in make.

@@ -4,20 +4,19 @@
 //                    503 "starting" or "stopping" otherwise, so a balancer or an
 //                    orchestrator sends clients elsewhere
 //   GET /recordings  the devices and their recordings as JSON (RecordingsListing.h)
-// It answers without credentials: keep it on loopback, or behind a proxy that
-// decides who may see the device list.
+// It is served by the gateway's own HttpService, not by the plug-in's server:
+// it must keep answering, with its own threads and bounds, while the plug-in's
+// server is starting, saturated or stopping. Without a token it answers anyone
+// who reaches it, which the configuration allows on loopback only; with one,
+// only requests that carry it.
 #ifndef GATEWAY_ADMIN_SERVER_H
 #define GATEWAY_ADMIN_SERVER_H
 
 #include <memory>
 #include <string>
-#include <thread>
 
+#include "HttpService.h"
 #include "ListenAddress.h"
-
-namespace httplib {
-class Server;
-}
 
 class GatewayMetrics;
 class Logger;
@@ -32,20 +31,20 @@ public:
     AdminServer& operator=(const AdminServer&) = delete;
 
     // Binds and starts serving; false with a message naming the address and the
-    // reason (the port is taken, the address is not this host's, ...).
-    bool start(const ListenAddress& address, std::string& error);
+    // reason (the port is taken, the address is not this host's, ...). token: "" for none.
+    bool start(const ListenAddress& address, const std::string& token, std::string& error);
     // Stops accepting, ends the connections and joins the serving threads.
     void stop();
+    int port() const { return m_service.port(); }
 
 private:
-    void route();
+    void handle(const HttpService::Request& request, HttpService::Response& response);
 
     const GatewayMetrics& m_metrics;
     StatusBoard& m_status;
     const MediaCatalog& m_catalog;
     Logger& m_log;
-    std::unique_ptr<httplib::Server> m_server;
-    std::thread m_thread;
+    HttpService m_service;
 };
 
 #endif  // GATEWAY_ADMIN_SERVER_H

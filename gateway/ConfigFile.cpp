@@ -3,6 +3,7 @@
 #include <set>
 #include <utility>
 
+#include "BearerToken.h"
 #include "JsonFile.h"
 #include "Logger.h"
 
@@ -105,7 +106,8 @@ void readServer(const Json::Value& server, GatewayConfig& config)
     const std::string field = "server";
     requireObject(server, field,
                   {"httpPort", "audioTalkPort", "work_thread", "sendTimeout", "recvTimeout", "maxDownloads",
-                   "shutdownGraceSeconds", "maxTalksPerUser"});
+                   "shutdownGraceSeconds", "maxTalksPerUser", "headTimeout", "maxConnections", "maxConnectionsPerAddress",
+                   "reserveFds", "minDeliveryRate", "minDeliveryRateSeconds"});
     readInt(server, field, "httpPort", 1, 65535, config.httpPort);
     readInt(server, field, "audioTalkPort", 1, 65535, config.audioTalkPort);
     // The plug-in takes these modulo 65536, so larger values would wrap around.
@@ -115,6 +117,12 @@ void readServer(const Json::Value& server, GatewayConfig& config)
     readInt(server, field, "maxDownloads", 1, 400, config.maxDownloads);
     readInt(server, field, "shutdownGraceSeconds", 0, 3600, config.shutdownGraceSeconds);
     readInt(server, field, "maxTalksPerUser", 1, 100, config.maxTalksPerUser);
+    readInt(server, field, "headTimeout", 100, 65535, config.headTimeoutMs);
+    readInt(server, field, "maxConnections", 16, 1000000, config.maxConnections);
+    readInt(server, field, "maxConnectionsPerAddress", 1, 1000000, config.maxConnectionsPerAddress);
+    readInt(server, field, "reserveFds", 16, 1000000, config.reserveFds);
+    readInt(server, field, "minDeliveryRate", 0, 1 << 30, config.minDeliveryRate);
+    readInt(server, field, "minDeliveryRateSeconds", 5, 3600, config.minDeliveryRateSeconds);
 }
 
 // Every listener has a port known before the start: the audio channel's is the
@@ -246,7 +254,12 @@ void readMedia(const Json::Value& media, GatewayConfig& config)
     const std::string field = "media";
     requireObject(media, field, {"folder", "blockSize", "devices"});
     readString(media, field, "folder", config.mediaFolder);
-    readInt(media, field, "blockSize", 1024, 16 * 1024 * 1024, config.blockSize);
+    if (media.isMember("blockSize") && media["blockSize"].isInt() && media["blockSize"].asInt() > kMaxBlockSize) {
+        // Every running download holds a block: a larger one multiplies the memory clients can make us hold.
+        throw ConfigProblem{"media.blockSize", "must be at most " + std::to_string(kMaxBlockSize) +
+                                                   " (1 MiB): every running download holds one block in memory"};
+    }
+    readInt(media, field, "blockSize", 1024, kMaxBlockSize, config.blockSize);
     if (media.isMember("devices")) {
         readDevices(media["devices"], config);
     }
@@ -274,7 +287,7 @@ void readLog(const Json::Value& log, GatewayConfig& config)
 void readAdmin(const Json::Value& admin, GatewayConfig& config)
 {
     const std::string field = "admin";
-    requireObject(admin, field, {"listen"});
+    requireObject(admin, field, {"listen", "token", "tokenFile"});
     if (!admin.isMember("listen")) {
         throw ConfigProblem{"admin.listen", "is required to turn the admin endpoint on"};
     }
@@ -282,6 +295,19 @@ void readAdmin(const Json::Value& admin, GatewayConfig& config)
     readString(admin, field, "listen", listen);
     if (!parseListenAddress(listen, config.admin, error)) {
         throw ConfigProblem{"admin.listen", error};
+    }
+    readString(admin, field, "token", config.adminToken);
+    readString(admin, field, "tokenFile", config.adminTokenFile);
+    if (admin.isMember("token") && !isUsableBearerToken(config.adminToken)) {
+        throw ConfigProblem{"admin.token", kBearerTokenRule};
+    }
+    if (admin.isMember("token") && admin.isMember("tokenFile")) {
+        throw ConfigProblem{"admin.tokenFile", "give admin.token or admin.tokenFile, not both"};
+    }
+    // The endpoint lists devices, their addresses and ready playback URIs: off the loopback
+    // interface nobody may read it without the token.
+    if (!isLoopbackAddress(config.admin.host) && config.adminToken.empty() && config.adminTokenFile.empty()) {
+        throw ConfigProblem{"admin.listen", listen + " is not a loopback address: set admin.token or admin.tokenFile"};
     }
     if (config.admin.port == config.httpPort || config.admin.port == config.audioTalkPort) {
         throw ConfigProblem{"admin.listen", "port " + std::to_string(config.admin.port) + " is the plug-in's"};

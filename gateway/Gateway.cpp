@@ -9,6 +9,8 @@
 
 #include "AccessLog.h"
 #include "AdminServer.h"
+#include "BearerToken.h"
+#include "DescriptorBudget.h"
 #include "DigestAuthenticator.h"
 #include "DownloadFilter.h"
 #include "GatewayMetrics.h"
@@ -232,13 +234,23 @@ sigset_t blockStopSignals()
     return signals;
 }
 
-int runGateway(const GatewayConfig& config, const ConfigReader& readConfig, const sigset_t& signals)
+int runGateway(const GatewayConfig& configured, const ConfigReader& readConfig, const sigset_t& signals)
 {
+    GatewayConfig config = configured;
     Logger log;
     log.setLevel(config.logLevel);
     std::string error;
     if (!config.logFile.empty() && !log.openFile(config.logFile, error)) {
         log.logf(kLogError, "log file refused: %s", error.c_str());
+        return kExitBadSetup;
+    }
+    const DescriptorBudget descriptors = applyDescriptorBudget(config);
+    if (!descriptors.note.empty()) {
+        log.logf(kLogWarn, "%s", descriptors.note.c_str());
+    }
+    if (config.adminEnabled && !config.adminTokenFile.empty() &&
+        !readBearerTokenFile(config.adminTokenFile, config.adminToken, error)) {
+        log.logf(kLogError, "admin.tokenFile refused: %s", error.c_str());
         return kExitBadSetup;
     }
     MediaCatalog catalog;
@@ -275,11 +287,12 @@ int runGateway(const GatewayConfig& config, const ConfigReader& readConfig, cons
     DownloadFilter filter(authenticator, catalog, metrics, status, log,
                           FilterLimits{config.maxDownloads, config.maxTalksPerUser}, &talks);
     StreamSink sink(catalog, static_cast<size_t>(config.blockSize), metrics, &accessLog, log, &talks);
+    sink.setMinimumRate(static_cast<uint64_t>(config.minDeliveryRate), config.minDeliveryRateSeconds);
     UtilitySink utility(config, metrics, log);
 
     // Up before the plug-in, so that /healthz says "starting" while it loads.
     AdminServer admin(metrics, status, catalog, log);
-    if (config.adminEnabled && !admin.start(config.admin, error)) {
+    if (config.adminEnabled && !admin.start(config.admin, config.adminToken, error)) {
         log.logf(kLogError, "%s", error.c_str());
         return kExitStartFailed;
     }

@@ -14,7 +14,8 @@ GatewayConfig defaultGatewayConfig()
 }
 
 const char* const kPluginOptIns =
-    "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1&talkGatewayRefusal=1";
+    "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1&talkGatewayRefusal=1"
+    "&strictSendTimeout=1&streamAbort=1";
 
 std::string listenAddressText(const std::string& host, int port)
 {
@@ -29,8 +30,12 @@ std::string buildServerUrl(const GatewayConfig& config)
                       "&recvTimeout=" + std::to_string(config.recvTimeoutMs);
     // Always given: without it the plug-in would listen on a port no client can know.
     url += "&audioTalkPort=" + std::to_string(config.audioTalkPort);
-    // The plug-in's opt-in bounds beyond the interface's defaults, all on here.
+    // The plug-in's opt-in behaviour beyond the interface's defaults, all on here.
     url += kPluginOptIns;
+    url += "&headTimeout=" + std::to_string(config.headTimeoutMs) +
+           "&maxConnections=" + std::to_string(config.maxConnections) +
+           "&maxConnectionsPerAddress=" + std::to_string(config.maxConnectionsPerAddress) +
+           "&reserveFds=" + std::to_string(config.reserveFds);
     return url;
 }
 

@@ -38,6 +38,8 @@ struct DeviceConfig {
     TalkConfig talk;
 };
 
+constexpr int kMaxBlockSize = 1024 * 1024;
+
 struct GatewayConfig {
     // Parameters of the plug-in's server URL.
     int httpPort = 8080;
@@ -55,9 +57,28 @@ struct GatewayConfig {
     // Talks one user may have open at once, so that no user holds every
     // channel (the plug-in's own ceiling is 100 talks in all).
     int maxTalksPerUser = 4;
+    // What every client may hold, on both of the plug-in's ports: a request head
+    // must be whole this long after connecting (the body then has recvTimeout);
+    // each port holds at most maxConnections connections, maxConnectionsPerAddress
+    // of one client address; reserveFds descriptors stay free of connections, for
+    // recordings being sent, talk captures, logs and the admin endpoint. Fewer
+    // connections are held when the process's descriptor limit is lower (see
+    // DescriptorBudget.h).
+    int headTimeoutMs = 10000;
+    int maxConnections = 2048;
+    int maxConnectionsPerAddress = 512;
+    int reserveFds = 256;
+    // A download that delivers less than minDeliveryRate bytes per second,
+    // averaged over minDeliveryRateSeconds, ends ("too_slow"); 0: no minimum.
+    int minDeliveryRate = 8192;
+    int minDeliveryRateSeconds = 30;
 
     bool adminEnabled = false;  // the admin endpoint (/metrics, /healthz, /recordings)
     ListenAddress admin;
+    // Clients of the admin endpoint must send "Authorization: Bearer <token>" when one is
+    // given (inline or as a file read at start); required for a listen address other than loopback.
+    std::string adminToken;
+    std::string adminTokenFile;
 
     std::string realm = "media-gateway";
     std::vector<UserAccount> users;
@@ -74,7 +95,8 @@ struct GatewayConfig {
     // Each open stream holds one block resident until the client has taken it, so
     // the block size is most of the memory a download costs: 32 KiB keeps a
     // download near 75 KiB in all (nginx's own default output buffers are
-    // 2 x 32 KiB) while one download still fills a loopback link.
+    // 2 x 32 KiB) while one download still fills a loopback link. At most
+    // kMaxBlockSize, so that 400 downloads cannot hold more than 400 MiB.
     int blockSize = 32 * 1024;
     std::vector<DeviceConfig> devices;
 
@@ -90,14 +112,16 @@ GatewayConfig defaultGatewayConfig();
 
 // The plug-in's opt-in parameters, every one on: the gateway relies on each
 // (the Request-Target head, a talk's own refusals, text checked before it
-// reaches the filter, talks reached only by their id, a bounded talk backlog).
+// reaches the filter, talks reached only by their id, a bounded talk backlog,
+// downloads ended at the send time-out, and aborted at once when they must end).
 extern const char* const kPluginOptIns;
 
 // "127.0.0.1:8080", or "[::1]:9464" for an IPv6 address.
 std::string listenAddressText(const std::string& host, int port);
 
 // "http://127.0.0.1:<httpPort>?work_thread=..&sendTimeout=..&recvTimeout=..&audioTalkPort=..", then
-// kPluginOptIns.
+// kPluginOptIns and the connection bounds ("&headTimeout=..&maxConnections=..&maxConnectionsPerAddress=..
+// &reserveFds=..").
 std::string buildServerUrl(const GatewayConfig& config);
 
 // Paths left empty become their places beside the executable's folder

@@ -28,6 +28,8 @@ const char* downloadOutcomeName(DownloadOutcome outcome)
     case DownloadOutcome::kStopped: return "stopped";
     case DownloadOutcome::kReadError: return "read_error";
     case DownloadOutcome::kNotStarted: return "not_started";
+    case DownloadOutcome::kSendTimeout: return "send_timeout";
+    case DownloadOutcome::kTooSlow: return "too_slow";
     }
     return "unknown";
 }

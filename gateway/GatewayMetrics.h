@@ -11,13 +11,15 @@
 
 // How a download ended, as /metrics and the access log name it.
 enum class DownloadOutcome {
-    kComplete,    // the whole recording reached the plug-in
-    kClientGone,  // the plug-in refused a block: the client went away
-    kStopped,     // the plug-in stopped the delivery (client gone, or the server stopping)
-    kReadError,   // the recording could not be read to its end
-    kNotStarted,  // closed before its delivery started
+    kComplete,     // the whole recording reached the plug-in
+    kClientGone,   // the plug-in refused a block: the client went away
+    kStopped,      // the plug-in stopped the delivery (client gone, or the server stopping)
+    kReadError,    // the recording could not be read to its end
+    kNotStarted,   // closed before its delivery started
+    kSendTimeout,  // the client took nothing for the send time-out
+    kTooSlow,      // the client took less than the minimum delivery rate
 };
-constexpr size_t kDownloadOutcomeCount = 5;
+constexpr size_t kDownloadOutcomeCount = 7;
 const char* downloadOutcomeName(DownloadOutcome outcome);
 
 // Why the gateway refused a request.

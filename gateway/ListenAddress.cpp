@@ -38,6 +38,16 @@ bool parseListenAddress(const std::string& text, ListenAddress& address, std::st
     return true;
 }
 
+bool isLoopbackAddress(const std::string& host)
+{
+    struct in_addr v4;
+    struct in6_addr v6;
+    if (inet_pton(AF_INET, host.c_str(), &v4) == 1) {
+        return (ntohl(v4.s_addr) >> 24) == 127;
+    }
+    return inet_pton(AF_INET6, host.c_str(), &v6) == 1 && IN6_IS_ADDR_LOOPBACK(&v6);
+}
+
 std::string whyCannotListen(const ListenAddress& address)
 {
     const bool v6 = address.host.find(':') != std::string::npos;

@@ -14,6 +14,9 @@ struct ListenAddress {
 // False with a reason when text is not of that form or the port is not 1 to 65535.
 bool parseListenAddress(const std::string& text, ListenAddress& address, std::string& error);
 
+// True for 127.0.0.0/8 and ::1: addresses only this host reaches.
+bool isLoopbackAddress(const std::string& host);
+
 // Why a listening socket cannot be had at the address (the bind or listen error
 // text), or "" when one can: the reason named when the admin server cannot start.
 std::string whyCannotListen(const ListenAddress& address);

@@ -5,8 +5,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <thread>
+
+#include <HttpProtocolWrapper.h>
 
 #include "Logger.h"
 #include "StreamBlocks.h"
@@ -54,8 +57,7 @@ bool RecordingStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& serve
     // empty socket buffer, so the caller is not held up.
     PROTOCOL_WRAPPER::IServer* known = server.load();
     if (known && !sendOpening(known)) {
-        setOutcome(DownloadOutcome::kClientGone, "client went away");
-        m_started = true;
+        m_started = true;  // sendOpening set how it ended
         return true;
     }
     setOutcome(DownloadOutcome::kStopped, "running");
@@ -127,8 +129,6 @@ void RecordingStream::deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* ser
         setOutcome(DownloadOutcome::kStopped, "stopped before delivery");
     } else if (openingSent || sendOpening(server)) {
         deliverFile(server);
-    } else {
-        setOutcome(DownloadOutcome::kClientGone, "client went away");
     }
 }
 
@@ -141,16 +141,24 @@ bool RecordingStream::sendOpening(PROTOCOL_WRAPPER::IServer* server)
     }
     auto head =
         buildStreamHead(m_setup.fileLength, recording.start, recording.end, static_cast<uint32_t>(m_setup.blockSize));
+    int result = sendBlock(server, PROTOCOL_WRAPPER::STREAM_INFO, info.data(), info.size());
     // A part that starts past the stream head gets none of it.
-    return sendBlock(server, PROTOCOL_WRAPPER::STREAM_INFO, info.data(), info.size()) &&
-           (m_slices.headLength == 0 ||
-            sendBlock(server, PROTOCOL_WRAPPER::STREAM_HEAD, head.data() + m_slices.headOffset, m_slices.headLength));
+    if (result == 0 && m_slices.headLength != 0) {
+        result =
+            sendBlock(server, PROTOCOL_WRAPPER::STREAM_HEAD, head.data() + m_slices.headOffset, m_slices.headLength);
+    }
+    if (result != 0) {
+        setSendFailure(result);
+    }
+    return result == 0;
 }
 
 void RecordingStream::deliverFile(PROTOCOL_WRAPPER::IServer* server)
 {
     uint64_t offset = m_slices.fileOffset;
     const uint64_t end = m_slices.fileOffset + m_slices.fileLength;
+    DeliveryRate rate(m_setup.minRate, m_setup.minRateSeconds);
+    rate.start(DeliveryRate::Clock::now(), m_bytesSent);
     while (offset < end) {
         if (m_stopRequested) {
             return setOutcome(DownloadOutcome::kStopped, "stopped by the plug-in");
@@ -166,31 +174,77 @@ void RecordingStream::deliverFile(PROTOCOL_WRAPPER::IServer* server)
                 std::string("recording cannot be read: ") + (got < 0 ? strerror(errno) : "file shrank");
             m_log.logf(kLogError, "stream %llu: %s at byte %llu of %s", static_cast<unsigned long long>(id()),
                        reason.c_str(), static_cast<unsigned long long>(offset), m_setup.recording.path.c_str());
-            return setOutcome(DownloadOutcome::kReadError, reason);
+            setOutcome(DownloadOutcome::kReadError, reason);
+            return endShort(server);
         }
-        if (!sendBlock(server, PROTOCOL_WRAPPER::STREAM_DATA, m_buffer, static_cast<size_t>(got))) {
-            return setOutcome(DownloadOutcome::kClientGone, "client went away");
+        if (!sendFileBlock(server, static_cast<size_t>(got), rate)) {
+            return;
         }
         offset += static_cast<uint64_t>(got);
     }
-    if (sendBlock(server, PROTOCOL_WRAPPER::STREAM_END, m_buffer, 0)) {
+    const int result = sendBlock(server, PROTOCOL_WRAPPER::STREAM_END, m_buffer, 0);
+    if (result == 0) {
         setOutcome(DownloadOutcome::kComplete, "complete");
+    } else {
+        setSendFailure(result);
+    }
+}
+
+bool RecordingStream::sendFileBlock(PROTOCOL_WRAPPER::IServer* server, size_t length, DeliveryRate& rate)
+{
+    // A block goes in one Send while the client keeps up; while it is slow, in pieces, so that a
+    // Send never carries much more than the minimum rate allows per second and the rate is looked
+    // at between them, however large the block.
+    static constexpr auto kSlowSend = std::chrono::seconds(1);
+    size_t done = 0;
+    while (done < length) {
+        const size_t piece = m_slowClient ? std::min(length - done, rate.slowPieceBytes()) : length - done;
+        const auto before = DeliveryRate::Clock::now();
+        const int result = sendBlock(server, PROTOCOL_WRAPPER::STREAM_DATA, m_buffer + done, piece);
+        if (result != 0) {
+            setSendFailure(result);
+            return false;
+        }
+        const auto after = DeliveryRate::Clock::now();
+        m_slowClient = rate.enabled() && after - before >= kSlowSend;
+        if (rate.tooSlow(after, m_bytesSent)) {
+            char reason[128];
+            snprintf(reason, sizeof reason, "client too slow: under %llu bytes/s for %d s",
+                     static_cast<unsigned long long>(m_setup.minRate), m_setup.minRateSeconds);
+            setOutcome(DownloadOutcome::kTooSlow, reason);
+            endShort(server);
+            return false;
+        }
+        done += piece;
+    }
+    return true;
+}
+
+void RecordingStream::endShort(PROTOCOL_WRAPPER::IServer* server)
+{
+    server->Send(m_data, 0, HPW_STREAM_ABORT, m_buffer, 0);
+}
+
+void RecordingStream::setSendFailure(int result)
+{
+    if (result == HPW_SEND_TIMEOUT) {
+        setOutcome(DownloadOutcome::kSendTimeout, "client took nothing for the send time-out");
     } else {
         setOutcome(DownloadOutcome::kClientGone, "client went away");
     }
 }
 
-bool RecordingStream::sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length)
+int RecordingStream::sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length)
 {
-    int result = server->Send(m_data, 0, dataType, data, static_cast<int>(length));
+    const int result = server->Send(m_data, 0, dataType, data, static_cast<int>(length));
     if (result != 0) {
         m_log.logf(kLogDebug, "stream %llu: Send of type %d returned %d", static_cast<unsigned long long>(id()),
                    dataType, result);
-        return false;
+        return result;
     }
     if (dataType == PROTOCOL_WRAPPER::STREAM_DATA || dataType == PROTOCOL_WRAPPER::STREAM_HEAD) {
         m_bytesSent += length;
         m_metrics.addSentBytes(length);
     }
-    return true;
+    return 0;
 }

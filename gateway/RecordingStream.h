@@ -1,7 +1,11 @@
 // One opened download: the recording file and the thread that delivers it to
 // the plug-in through IServer::Send as STREAM_INFO, STREAM_HEAD, the file in
 // blocks, then STREAM_END. The plug-in's Send blocks while the client is slow,
-// so the socket paces the thread; a non-zero result means the client is gone.
+// so the socket paces the thread; a non-zero result means the client is gone,
+// or (HPW_SEND_TIMEOUT) took nothing for the send time-out. A client that takes
+// less than the minimum delivery rate, or a recording that cannot be read to
+// its end, ends the download short (HPW_STREAM_ABORT): the plug-in then closes
+// the connection rather than leave the client waiting for bytes that will not come.
 #ifndef GATEWAY_RECORDING_STREAM_H
 #define GATEWAY_RECORDING_STREAM_H
 
@@ -14,6 +18,7 @@
 #include <string>
 
 #include "BlockPool.h"
+#include "DeliveryRate.h"
 #include "DeliveryThread.h"
 #include "DownloadRange.h"
 #include "GatewayMetrics.h"
@@ -39,6 +44,8 @@ struct DownloadSetup {
     uint64_t fileLength = 0;  // the file's length when it was opened
     size_t blockSize = 0;
     StreamPart part;
+    uint64_t minRate = 0;  // bytes per second the client must take, 0: no minimum
+    int minRateSeconds = 30;
 };
 
 class RecordingStream {
@@ -82,7 +89,13 @@ private:
     bool sendOpening(PROTOCOL_WRAPPER::IServer* server);
     // The file in blocks, then STREAM_END; sets how the delivery ended.
     void deliverFile(PROTOCOL_WRAPPER::IServer* server);
-    bool sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length);
+    // One block of the file, in several Sends while the client is slow (see DeliveryRate.h); false
+    // when the delivery ended (its outcome is set).
+    bool sendFileBlock(PROTOCOL_WRAPPER::IServer* server, size_t length, DeliveryRate& rate);
+    // The plug-in's result of Send (0: taken).
+    int sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length);
+    void endShort(PROTOCOL_WRAPPER::IServer* server);
+    void setSendFailure(int result);
     void setOutcome(DownloadOutcome outcome, std::string text);
 
     const DownloadSetup m_setup;
@@ -94,6 +107,7 @@ private:
 
     BlockPool& m_blocks;
     unsigned char* m_buffer = nullptr;  // a block of m_blocks; used by the delivery thread only, once started
+    bool m_slowClient = false;          // the last Send took a second or more: the delivery thread's
     std::atomic<bool> m_stopRequested;
     std::atomic<uint64_t> m_bytesSent;
     std::mutex m_controlLock;  // guards m_thread and m_started; held while joining

@@ -32,6 +32,13 @@ public:
                Logger& log, TalkDevices* talks = nullptr);
     ~StreamSink() override;
 
+    // Downloads opened from now on end when their client takes less than bytesPerSecond over
+    // each window of seconds (0: no minimum, the default).
+    void setMinimumRate(uint64_t bytesPerSecond, int seconds)
+    {
+        m_minRate = bytesPerSecond;
+        m_minRateSeconds = seconds;
+    }
     // The server that CreateServer returned; deliveries wait for it.
     void attachServer(PROTOCOL_WRAPPER::IServer* server) { m_server = server; }
     int openStreamCount();
@@ -77,6 +84,8 @@ private:
     std::map<void*, std::shared_ptr<RecordingStream>> m_streams;
     std::map<void*, std::shared_ptr<TalkStream>> m_talkStreams;  // under m_lock too
     TalkDevices* m_talks;
+    uint64_t m_minRate = 0;  // set before the server starts
+    int m_minRateSeconds = 30;
 };
 
 #endif  // GATEWAY_STREAM_SINK_H

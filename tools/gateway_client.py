@@ -8,6 +8,7 @@ import hashlib
 import json
 import os
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -141,17 +142,21 @@ class GatewayProcess:
         self.output_path = os.path.join(workdir, "stderr.txt")
         self.process = None
 
-    def start(self, config=None, *args, env=None):
+    def start(self, config=None, *args, env=None, descriptors=None):
         """Starts the gateway with the configuration (None: its built-in defaults), extra arguments and
-        environment; the status file and log are always the folder's."""
+        environment, and with at most `descriptors` open files when given (soft and hard limit); the status
+        file and log are always the folder's."""
         command = [self.binary]
         if config is not None:
             with open(self.config_path, "w") as out:
                 json.dump(config, out)
             command += ["--config", self.config_path]
         command += ["--status-file", self.status_path, "--log-file", self.log_path, *self.extra_args, *args]
+        limit = None
+        if descriptors is not None:
+            limit = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))  # noqa: E731
         with open(self.output_path, "ab") as output:
-            self.process = subprocess.Popen(command, stdout=output, stderr=output, env=env)
+            self.process = subprocess.Popen(command, stdout=output, stderr=output, env=env, preexec_fn=limit)
         return self.process
 
     @property

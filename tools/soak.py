@@ -14,14 +14,14 @@ The load, per client thread, is a random mix of:
   downloads     JSON POST (Content-Length with name and size, chunked without),
                 XML GET with a body (addressed by RTSP port or by camera path);
                 every body is checked byte for byte against the recording
-  stalls        a download read in part, then left unread for seconds (past the
-                plug-in's 5 s reply wait), then finished and checked, or dropped;
-                rarely left unread past the 60 s send-stall limit, when the
-                gateway must give up and close (unless the kernel let bytes
-                trickle through meanwhile)
+  stalls        a download read in part, then left unread for seconds (within
+                the 5 s send time-out), then finished and checked, or dropped;
+                rarely left unread past the send time-out, when the gateway
+                must give up and close (unless the kernel let bytes trickle
+                through meanwhile)
   hang-ups      mid-download (FIN or RST), right after the request, and
                 mid-request (partial head or body), or a partial head held until
-                the server drops it after its receive time-out
+                the server drops it at the head's deadline
   refusals      garbage, oversized head, bad chunked framing, wrong Digest,
                 no credentials (401 challenge), unknown device, no recording
 Any reply other than the expected one, a wrong body, or a gateway that dies ends
@@ -54,8 +54,8 @@ DOWNLOAD_PATH = "/QUMEX/ContentMgmt/download"
 JSON_PATH = DOWNLOAD_PATH + "?format=json&devIndex=%s"
 
 READ_TIMEOUT = 30          # no reply may take longer than this (the plug-in's own limits are 5 s per send)
-RECV_TIMEOUT_S = 30        # the server's default time-out for a request that is not whole
-SEND_STALL_LIMIT_S = 60    # the plug-in gives up on a client that takes nothing for this long
+HEAD_TIMEOUT_S = 10        # the gateway's time for a whole request head (server.headTimeout)
+SEND_STALL_LIMIT_S = 5     # the gateway ends a download whose client takes nothing for this long (sendTimeout)
 NONCE_REFRESH_S = 120      # well inside the gateway's default nonce lifetime of 300 s
 PROGRESS_EVERY_S = 10
 WARMUP_S = 20
@@ -478,10 +478,10 @@ class Load:
         return download, client, headers
 
     def run_stall_resume(self, rng, digest):
-        # Longer than the 5 s one reply may wait for the socket, shorter than the 60 s limit.
+        # Within the send time-out, counted from when the socket's buffers are full.
         download, client, headers = self.start_stalled(rng, digest)
         try:
-            if self.pause(rng.uniform(1, 15)):
+            if self.pause(rng.uniform(1, SEND_STALL_LIMIT_S * 0.7)):
                 download.check_body(client.read_body(headers))
         finally:
             client.close()
@@ -541,7 +541,7 @@ class Load:
         client.close(reset=rng.random() < 0.5)
 
     def run_hold_request(self, rng, digest):
-        # A partial head held open: the server must drop it, without a reply, after its receive time-out.
+        # A partial head held open: the server must drop it, without a reply, at the head's deadline.
         download = self.download(rng)
         whole = download.request(digest.authorization(download.method, download.path))
         client = self.connect()
@@ -549,7 +549,7 @@ class Load:
             client.send(whole[:rng.randrange(1, whole.index(b"\r\n\r\n"))])
             started = time.monotonic()
             client.sock.settimeout(1)
-            while time.monotonic() - started < RECV_TIMEOUT_S + 10:
+            while time.monotonic() - started < HEAD_TIMEOUT_S + 10:
                 if self.stop_event.is_set():
                     return
                 try:
@@ -561,7 +561,7 @@ class Load:
                 if data:
                     raise Failure("reply %r to a request that never ended" % data[:80])
                 return
-            raise Failure("a partial request was held open for %d s" % (RECV_TIMEOUT_S + 10))
+            raise Failure("a partial request was held open for %d s" % (HEAD_TIMEOUT_S + 10))
         finally:
             client.close()
 

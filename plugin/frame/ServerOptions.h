@@ -43,8 +43,39 @@ struct CServerOptions {
     // instead of internalError; a 401 still answers badAuthorization.
     bool talkGatewayRefusal = false;
 
-    // Reads the options from the server URL's parameters; a parameter counts as
-    // on when its value is exactly "1".
+    // "headTimeout=<ms>": a request head must be whole this long after the
+    // connection, on the HTTP port (its body then has the receive time-out)
+    // and on the audio port (where the connection must have become a talk's
+    // link by then). 0: the interface's time-outs only.
+    int headTimeoutMs = 0;
+    // "maxConnections=<n>", "maxConnectionsPerAddress=<n>": connections each
+    // port holds at once, in total and per client address; at a bound the
+    // oldest connection that has not sent its request makes room, or the new
+    // one is refused. "reserveFds=<n>": no connection is held on a descriptor
+    // numbered within n of the process's limit, which stays for the gateway's
+    // files and the other port. 0: no bound.
+    int maxConnections = 0;
+    int maxConnectionsPerAddress = 0;
+    int reserveFds = 0;
+
+    // "strictSendTimeout=1": a download whose client takes nothing for the
+    // send time-out ends at once, and Send tells the gateway so with
+    // HPW_ERR_SEND_TIMEOUT, instead of the reply being retried for 60 s.
+    bool strictSendTimeout = false;
+    // "streamAbort=1": the gateway may end a download short with data type
+    // HPW_STREAM_ABORT (HttpProtocolWrapper.h); the client's connection is
+    // reset at once, instead of waiting for the session to age out.
+    bool streamAbort = false;
+
+    // Whether either port bounds its connections (the audio port then admits
+    // them through its gate, see CRawConnectionGate).
+    bool boundsConnections() const
+    {
+        return headTimeoutMs != 0 || maxConnections != 0 || maxConnectionsPerAddress != 0 || reserveFds != 0;
+    }
+
+    // Reads the options from the server URL's parameters; a switch counts as on
+    // when its value is exactly "1", a bound is a decimal number (anything else: 0).
     static CServerOptions fromParams(const ServerParams& params);
 };
 

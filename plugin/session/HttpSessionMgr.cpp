@@ -70,6 +70,12 @@ int CHttpSessionMgr::init(ServerParams& params)
     listen.wPort = static_cast<uint16_t>(CHttpServerWrapper::getIntParam(params, "httpPort"));
     listen.dwSendTimeout = static_cast<uint32_t>(timeoutParam(params, "sendTimeout", kDefaultSendTimeoutMs));
     listen.dwRecvTimeout = static_cast<uint32_t>(timeoutParam(params, "recvTimeout", kDefaultRecvTimeoutMs));
+    // The bounds a gateway asks for in the server URL; zero (none) unless it does.
+    const CServerOptions& options = singleton<CHttpServerWrapper>::instance()->options();
+    listen.dwHeadTimeout = static_cast<uint32_t>(options.headTimeoutMs);
+    listen.dwMaxConnections = static_cast<uint32_t>(options.maxConnections);
+    listen.dwMaxPerAddress = static_cast<uint32_t>(options.maxConnectionsPerAddress);
+    listen.dwReserveFds = static_cast<uint32_t>(options.reserveFds);
     listen.fnCallback = fnHttpServerDataCB;
     listen.pUser = this;
 

@@ -8,8 +8,11 @@
 // sleep below only runs after a reply that made partial progress.
 #include <string.h>
 
+#include <HttpProtocolWrapper.h>
+
 #include "frame/Clock.h"
 #include "frame/ErrorCodes.h"
+#include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
 #include "session/HttpSession.h"
 
@@ -82,6 +85,14 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
         }
         return 0;
     }
+    case HPW_STREAM_ABORT:
+        if (!singleton<CHttpServerWrapper>::instance()->options().streamAbort) {
+            return 0;  // an unknown type to a gateway that did not ask
+        }
+        // No end is written: the client sees the body cut short, not complete.
+        HPW_LOGI("Http download aborted by the gateway, httpHandle[%d]", m_iHttpHandle.load());
+        pushDestroyReq();
+        return 0;
     default: return 0;
     }
 }
@@ -97,6 +108,9 @@ int CHttpSession::sendStream(void* data, int length)
         m_httpHelper.response(handle, prefix.data(), static_cast<int>(prefix.size()));
     }
 
+    // A reply returns short only when the socket took nothing for the send time-out: with
+    // strictSendTimeout that ends the download there and then.
+    const bool strict = singleton<CHttpServerWrapper>::instance()->options().strictSendTimeout;
     int result = 0;
     int written = 0;
     bool stalled = false;
@@ -125,6 +139,11 @@ int CHttpSession::sendStream(void* data, int length)
         if (sent >= remaining) {
             m_iTimeoutCount.store(0);
             result = 0;
+            break;
+        }
+        if (strict) {
+            HPW_LOGE(HPW_ERR_SEND_TIMEOUT, "[download error], send data timeout!httpHandle[%d]", handle);
+            result = HPW_SEND_TIMEOUT;
             break;
         }
         if (sent > 0) {

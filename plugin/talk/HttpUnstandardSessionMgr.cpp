@@ -25,6 +25,24 @@ bool isTransientAcceptError(int error)
 {
     return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
+
+void pushCreate(int socket)
+{
+    tagAsyncReq req;
+    req.iCmdType = ASYNC_UNSTANDARD_CREATE;
+    req.iSocket = socket;
+    singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
+}
+
+// The gate's deadline passed for a connection that became a session: whichever session holds the
+// socket now (the gate knows the socket is still that connection's).
+void pushExpiredDestroy(int socket)
+{
+    tagAsyncReq req;
+    req.iCmdType = ASYNC_UNSTANDARD_DESTROY;
+    req.iSocket = socket;
+    singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
+}
 }  // namespace
 
 CHttpUnstandardSessionMgr::CHttpUnstandardSessionMgr() = default;
@@ -50,6 +68,19 @@ int CHttpUnstandardSessionMgr::startListen(const char* url, PROTOCOL_WRAPPER::IS
     if (m_iListenSocket == -1) {
         return HPW_ERR_LISTEN;  // Listen logged why
     }
+    const CServerOptions& options = singleton<CHttpServerWrapper>::instance()->options();
+    if (options.boundsConnections()) {
+        CRawConnectionGate::Limits limits;
+        limits.headTimeoutMs = options.headTimeoutMs;
+        limits.maxConnections = options.maxConnections;
+        limits.maxPerAddress = options.maxConnectionsPerAddress;
+        limits.reserveFds = options.reserveFds;
+        m_pGate.reset(new (std::nothrow) CRawConnectionGate(limits, pushCreate, pushExpiredDestroy));
+        if (!m_pGate) {
+            HPW_LOGE(HPW_ERR_NO_MEMORY, "Qumex talk gate cannot be made, errcode:%d", ZRT_GetSystemLastError());
+            return HPW_ERR_NO_MEMORY;  // the listener stays open until stopListen
+        }
+    }
     m_acceptThread = ZRT_Thread_Create(fnAcceptThread, this, 0);
     if (m_acceptThread == ZRT_INVALID_THREAD) {
         HPW_LOGE(HPW_ERR_THREAD, "fnAcceptThread Create fail, errCode<%d>", ZRT_GetSystemLastError());
@@ -64,7 +95,13 @@ int CHttpUnstandardSessionMgr::stopListen()
         return 0;
     }
     m_iRunning = 0;
-    // Closing the listener is what wakes the accept thread.
+    // Without a gate, closing the listener is what wakes the accept thread. The gate looks at the running
+    // flag every 100 ms and watches the listener with its poller: it is joined first, so that the listener
+    // is not closed under its use.
+    if (m_pGate && m_acceptThread != ZRT_INVALID_THREAD) {
+        ZRT_Thread_Wait(m_acceptThread);
+        m_acceptThread = ZRT_INVALID_THREAD;
+    }
     int listenSocket = m_iListenSocket.exchange(-1);
     if (listenSocket != -1) {
         CloseSocket(listenSocket);
@@ -95,6 +132,10 @@ void* CHttpUnstandardSessionMgr::fnAcceptThread(void* manager)
     }
     // Read once: stopListen forgets the listener when it closes it.
     const int listenSocket = self->m_iListenSocket;
+    if (self->m_pGate && self->m_pGate->serve(listenSocket, self->m_iRunning)) {
+        HPW_LOGD("Accept thread exit!");
+        return nullptr;
+    }
     ZRT_UINT64 lastBackoffLog = 0;
     while (self->m_iRunning != 0) {
         ZRT_ADDR_T peer;
@@ -113,10 +154,7 @@ void* CHttpUnstandardSessionMgr::fnAcceptThread(void* manager)
             HPW_LOGW(HPW_ERR_ACCEPT, "Qumex talk listen socket may have closed,systemerr=%d", error);
             break;
         }
-        tagAsyncReq req;
-        req.iCmdType = ASYNC_UNSTANDARD_CREATE;
-        req.iSocket = socket;
-        singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
+        pushCreate(socket);
     }
     HPW_LOGD("Accept thread exit!");
     return nullptr;
@@ -139,14 +177,17 @@ int CHttpUnstandardSessionMgr::processHttpUnstandardCreate(tagAsyncReq* req)
     if (!session) {
         HPW_LOGE(HPW_ERR_NO_MEMORY, "new CHttpSession failed, errcode:%d", ZRT_GetSystemLastError());
         int socket = req->iSocket;
+        releaseAtGate(socket);
         CloseSocket(socket);
         return HPW_ERR_NO_MEMORY;
     }
     if (session->init(req->iSocket) != 0) {
+        releaseAtGate(req->iSocket);
         session->fini();
         return HPW_ERR_SESSION_INIT;
     }
     if (addSession(req->iSocket, session) != 0) {
+        releaseAtGate(req->iSocket);
         session->fini();
         return HPW_ERR_SESSION_NOT_FOUND;
     }
@@ -197,6 +238,8 @@ int CHttpUnstandardSessionMgr::processHttpUnstandardDestroy(tagAsyncReq* req)
         HPW_LOGE(HPW_ERR_SESSION_NOT_FOUND, "Http unstandard session not found!");
         return HPW_ERR_SESSION_NOT_FOUND;
     }
+    // Before fini, which may close the socket: its number must not be reused while the gate knows it.
+    releaseAtGate(req->iSocket);
     return session->fini();
 }
 
@@ -265,6 +308,14 @@ void CHttpUnstandardSessionMgr::closeAll()
     }
     for (auto& entry : sessions) {
         entry.second->fini();
+    }
+    m_pGate.reset();
+}
+
+void CHttpUnstandardSessionMgr::releaseAtGate(int socket)
+{
+    if (m_pGate) {
+        m_pGate->release(socket);
     }
 }
 

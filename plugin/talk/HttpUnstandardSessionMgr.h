@@ -1,6 +1,9 @@
 // The raw two-way audio channel: its own TCP listener on the loopback address
 // at "audioTalkPort", an accept thread that turns each connection into a
-// queued create job, and the registry of raw sessions by socket.
+// queued create job, and the registry of raw sessions by socket. When the
+// server URL bounds connections, the accept thread admits them through a gate
+// (CRawConnectionGate) that holds each one without a session until its request
+// head is there, and closes it at its deadline.
 #ifndef HTTPWRAPPER_TALK_HTTPUNSTANDARDSESSIONMGR_H
 #define HTTPWRAPPER_TALK_HTTPUNSTANDARDSESSIONMGR_H
 
@@ -16,6 +19,7 @@
 #include "frame/AsyncRequest.h"
 #include "frame/HttpServerWrapper.h"
 #include "frame/singleton.h"
+#include "talk/RawConnectionGate.h"
 
 namespace HttpWrapper {
 
@@ -50,7 +54,8 @@ public:
     // when "audioTalkPort" is absent); -1 without a listener.
     int getListenPort();
 
-    // Finishes every session still registered: the server is going away.
+    // Finishes every session still registered and closes the connections at the
+    // gate: the server is going away (its workers have stopped).
     void closeAll();
 
     static const int kIdlePasses = 1;
@@ -59,6 +64,8 @@ private:
     // The session registered under the job's socket, when it is the one the job
     // was made for (sockets are reused once closed).
     std::shared_ptr<CHttpUnstandardSession> findJobSession(tagAsyncReq* req, bool remove);
+    // The gate forgets the socket's connection: its session is gone or was never made.
+    void releaseAtGate(int socket);
 
     int m_iStarted = 0;
     std::atomic<int> m_iRunning{0};
@@ -67,6 +74,9 @@ private:
     int m_iListenPort = 0;
     std::atomic<int> m_iListenSocket{-1};
     ZRT_THREAD_T m_acceptThread = ZRT_INVALID_THREAD;
+    // Made by startListen when connections are bounded, before the accept thread; freed by closeAll once
+    // no worker runs.
+    std::unique_ptr<CRawConnectionGate> m_pGate;
     std::map<int, std::shared_ptr<CHttpUnstandardSession>> m_sessions;
     ZRT_Mutex m_mutex{1};  // guards m_sessions
 };

@@ -33,6 +33,12 @@ class StartRefusals(unittest.TestCase):
             (None, ("--port", "http"), 2, "server.httpPort"),
             (None, ("--status-file", os.path.join(folder.name, "no", "status.json")), 2, "statusFile"),
             (None, ("--port", free(), "--admin", "::1:9464"), 2, "admin.listen: "),
+            # The admin endpoint lists devices and playback URIs: off loopback only with a token.
+            (None, ("--port", free(), "--admin", "0.0.0.0:9464"), 2,
+             "admin.listen: 0.0.0.0:9464 is not a loopback address: set admin.token or admin.tokenFile"),
+            ('{"admin": {"listen": "0.0.0.0:9464", "tokenFile": "%s"}}' % key_file, ("--port", free()), 2,
+             "admin.tokenFile refused: the token in %s must be" % key_file),
+            ('{"media": {"blockSize": 16777216}}', ("--port", free()), 2, "media.blockSize: must be at most 1048576"),
             # Demo data only where asked: a media folder that is missing is an error, not created.
             (None, ("--port", free(), "--media", missing_media), 2, missing_media + " is not a folder"),
             (None, ("--port", free(), "--plugin", os.path.join(folder.name, "none.so")), 1, "cannot load the plug-in"),
@@ -60,6 +66,29 @@ class StartRefusals(unittest.TestCase):
                 self.assertIn(text, result.stderr)
                 self.assertNotIn("plug-in error 0x00000000", result.stderr)
         self.assertFalse(os.path.exists(missing_media))
+
+
+class AdminPortTaken(h.GatewayCase):
+    def setUp(self):
+        self.admin_port = h.free_port()
+        super().setUp()
+
+    def config(self):
+        config = super().config()
+        config["admin"] = {"listen": "127.0.0.1:%d" % self.admin_port}
+        return config
+
+    def test_a_second_gateway_on_the_same_admin_port_does_not_start(self):
+        # Two listeners share a port only by accident: the second gateway must not take the first's.
+        second = h.gateway_client.GatewayProcess(h.GATEWAY, os.path.join(self.dir, "second"))
+        config = self.config()
+        config["server"]["httpPort"] = h.free_port()
+        process = second.start(config)
+        self.addCleanup(second.stop, 10)  # when it did start after all
+        self.assertEqual(second.wait_for_status(lambda status: False, 10) or process.poll(), 1, second.log_tail())
+        self.assertIn("admin endpoint cannot listen on 127.0.0.1:%d: Address already in use" % self.admin_port,
+                      second.log_tail())
+        self.assertEqual(h.http_get(self.admin_port, "/healthz"), (200, "ready\n"), "the first one still answers")
 
 
 class DefaultsWithoutConfigFile(h.GatewayCase):

@@ -154,11 +154,16 @@ void FakeServerSink::deliver(Stream* stream)
     std::string block = streamHead;
     int result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_HEAD, &block[0], 40);
     for (unsigned long long offset = 0; result == 0 && !stream->stop && offset < recordingSize; offset += blockSize) {
+        if (abortAfter >= 0 && offset >= static_cast<unsigned long long>(abortAfter.load())) {
+            m_server->Send(stream->data, 0, HPW_STREAM_ABORT, nullptr, 0);
+            return;
+        }
         block = recordingBytes(offset,
                                static_cast<size_t>(std::min<unsigned long long>(blockSize, recordingSize - offset)));
         result =
             m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], static_cast<int>(block.size()));
     }
+    lastDeliveryResult = result;
     if (result == 0 && !stream->stop) {
         m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0);
     }

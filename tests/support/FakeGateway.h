@@ -91,6 +91,9 @@ public:
     std::atomic<int> openResult{0};
     std::atomic<int> pushResult{0};
     std::atomic<bool> silent{false};  // accepts the stream, then sends nothing at all
+    // After this many bytes of data, ends the download short (HPW_STREAM_ABORT); -1: never.
+    std::atomic<long long> abortAfter{-1};
+    std::atomic<int> lastDeliveryResult{0};  // Send's result that ended the last delivery (0: it ran to its end)
 
     // A talk stream first gets the stream header naming talkCodec, then
     // talkAudioBytes of deviceAudio in 160-byte packets, one every

@@ -21,12 +21,21 @@ class TestClient {
 public:
     ~TestClient() { close(); }
 
-    // receiveBuffer > 0 shrinks the receive window before connecting (a slow reader).
-    bool connectTo(int port, int receiveBuffer = 0)
+    // receiveBuffer > 0 shrinks the receive window before connecting (a slow reader); source: another
+    // loopback address to come from (127.0.0.2, ...), as a second client host would.
+    bool connectTo(int port, int receiveBuffer = 0, const char* source = nullptr)
     {
         m_fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         if (receiveBuffer > 0) {
             setsockopt(m_fd, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof(receiveBuffer));
+        }
+        if (source != nullptr) {
+            sockaddr_in local{};
+            local.sin_family = AF_INET;
+            if (inet_pton(AF_INET, source, &local.sin_addr) != 1 ||
+                bind(m_fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) != 0) {
+                return false;
+            }
         }
         sockaddr_in address{};
         address.sin_family = AF_INET;

@@ -4,11 +4,13 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/epoll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -31,8 +33,28 @@ constexpr int kLingerMs = 2000;
 // Out of descriptors, accepting again at once would spin: wait this long first.
 constexpr int kAcceptPauseMs = 100;
 constexpr int kMaxEvents = 64;
+constexpr int kAcceptBurst = 16;
 // Reads of dropped input per wake-up, so that one chatty client cannot hold the thread.
 constexpr int kMaxDiscardReads = 4;
+
+int millisecondsOrDefault(uint32_t value, int fallback)
+{
+    return value != 0 ? static_cast<int>(std::min<uint32_t>(value, INT32_MAX)) : fallback;
+}
+
+ConnectionBudget::Limits budgetLimits(const NET_HTTPSERVER_LISTEN_PARAM& param)
+{
+    ConnectionBudget::Limits limits;
+    limits.maxConnections = param.dwMaxConnections;
+    limits.maxPerAddress = param.dwMaxPerAddress;
+    struct rlimit descriptors;
+    if (param.dwReserveFds != 0 && getrlimit(RLIMIT_NOFILE, &descriptors) == 0 &&
+        descriptors.rlim_cur != RLIM_INFINITY && descriptors.rlim_cur <= static_cast<rlim_t>(INT_MAX)) {
+        limits.fdCeiling = static_cast<int>(descriptors.rlim_cur) -
+                           static_cast<int>(std::min<uint32_t>(param.dwReserveFds, INT_MAX / 2));
+    }
+    return limits;
+}
 
 void sendSmall(int fd, const char* text, size_t length)
 {
@@ -66,13 +88,13 @@ std::unique_ptr<Listener> Listener::start(const NET_HTTPSERVER_LISTEN_PARAM& par
 
 Listener::Listener(const NET_HTTPSERVER_LISTEN_PARAM& param, ConnectionTable& handles)
     : m_handles(handles),
-      m_recvTimeoutMs(param.dwRecvTimeout != 0 ? static_cast<int>(std::min<uint32_t>(param.dwRecvTimeout, INT32_MAX))
-                                               : kDefaultRecvTimeoutMs),
-      m_sendTimeoutMs(param.dwSendTimeout != 0 ? static_cast<int>(std::min<uint32_t>(param.dwSendTimeout, INT32_MAX))
-                                               : kDefaultSendTimeoutMs),
+      m_headTimeoutMs(millisecondsOrDefault(param.dwHeadTimeout, 0)),
+      m_recvTimeoutMs(millisecondsOrDefault(param.dwRecvTimeout, kDefaultRecvTimeoutMs)),
+      m_sendTimeoutMs(millisecondsOrDefault(param.dwSendTimeout, kDefaultSendTimeoutMs)),
       m_callback(param.fnCallback),
       m_user(param.pUser),
       m_mailbox(std::make_shared<LoopMailbox>()),
+      m_budget(budgetLimits(param)),
       m_nextId(kMailboxKey + 1)
 {
 }
@@ -154,15 +176,20 @@ void Listener::run()
     epoll_event events[kMaxEvents];
     while (!m_stopping.load()) {
         const int count = epoll_wait(m_epollFd, events, kMaxEvents, waitTimeoutMs());
+        bool accept = false;
         for (int i = 0; i < count; ++i) {
             const uint64_t key = events[i].data.u64;
             if (key == kListenKey) {
-                acceptAll();
+                accept = true;
             } else if (key == kMailboxKey) {
                 onNotes();
             } else {
                 onConnectionEvent(key, events[i].events);
             }
+        }
+        // After the connections' own events: what has arrived on them counts before newcomers make room.
+        if (accept) {
+            acceptSome();
         }
         expireDeadlines();
     }
@@ -194,10 +221,15 @@ void Listener::pauseAccepting()
     m_acceptPausedUntil = Clock::now() + std::chrono::milliseconds(kAcceptPauseMs);
 }
 
-void Listener::acceptAll()
+void Listener::acceptSome()
 {
-    for (;;) {
-        const int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    // A bounded number per wake-up (the listening socket is level-triggered: the rest come next time), so
+    // that the connections already held are read between bursts of a flood.
+    for (int accepted = 0; accepted < kAcceptBurst; ++accepted) {
+        sockaddr_in peer{};
+        socklen_t peerLength = sizeof(peer);
+        const int fd =
+            accept4(m_listenFd, reinterpret_cast<sockaddr*>(&peer), &peerLength, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) {
                 continue;
@@ -206,6 +238,9 @@ void Listener::acceptAll()
                 pauseAccepting();
             }
             return;
+        }
+        if (!admit(fd, peer.sin_addr.s_addr)) {
+            continue;
         }
         // Streamed replies go out block by block, and chunk-size lines are small: Nagle's
         // delay would stall them behind the client's delayed acknowledgements.
@@ -223,9 +258,10 @@ void Listener::acceptAll()
         try {
             Entry entry;
             entry.connection = std::move(connection);
-            entry.parser.reset(new RequestParser());
             Entry& stored = m_entries.emplace(id, std::move(entry)).first->second;
-            setDeadline(id, stored, Clock::now() + std::chrono::milliseconds(m_recvTimeoutMs));
+            m_budget.add(id, peer.sin_addr.s_addr);
+            const int firstDeadlineMs = m_headTimeoutMs != 0 ? m_headTimeoutMs : m_recvTimeoutMs;
+            setDeadline(id, stored, Clock::now() + std::chrono::milliseconds(firstDeadlineMs));
         } catch (const std::bad_alloc&) {
             remove(id);
             continue;
@@ -235,8 +271,30 @@ void Listener::acceptAll()
         event.data.u64 = id;
         if (epoll_ctl(m_epollFd, EPOLL_CTL_ADD, fd, &event) != 0) {
             remove(id);
+            continue;
         }
+        // A client sends its request with its connection: read now, it stops being evictable before the
+        // connections queued behind it are taken, however many a flood has put there.
+        onConnectionEvent(id, EPOLLIN);
     }
+}
+
+bool Listener::admit(int fd, uint32_t address)
+{
+    const ConnectionBudget::Decision decision = m_budget.decide(address, fd);
+    if (!decision.admit) {
+        // Every connection held is being served: the client learns so, and may try again later
+        // (a proxy in front tries another server).
+        static const char kBusy[] =
+            "HTTP/1.1 503 Service Unavailable\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
+        sendSmall(fd, kBusy, sizeof(kBusy) - 1);
+        ::close(fd);
+        return false;
+    }
+    if (decision.evict) {
+        remove(decision.victim);  // it had not delivered its request: nobody knows it
+    }
+    return true;
 }
 
 void Listener::onConnectionEvent(uint64_t id, uint32_t events)
@@ -277,12 +335,20 @@ void Listener::readRequest(uint64_t id, Entry& entry)
     for (;;) {
         const ssize_t got = recv(fd, m_readBuffer, sizeof(m_readBuffer), 0);
         if (got > 0) {
+            if (!entry.parser) {
+                entry.parser.reset(new RequestParser());  // an idle connection costs no parser
+            }
             switch (entry.parser->feed(m_readBuffer, static_cast<size_t>(got))) {
             case RequestParser::Result::Complete: publish(id, entry); return;
             case RequestParser::Result::BadRequest: refuse(id, entry, 400); return;
             case RequestParser::Result::TooLarge: refuse(id, entry, 413); return;
             case RequestParser::Result::MethodNotAllowed: refuse(id, entry, 405); return;
+            case RequestParser::Result::VersionNotSupported: refuse(id, entry, 505); return;
             case RequestParser::Result::Incomplete:
+                if (m_headTimeoutMs != 0 && !entry.bodyTimed && entry.parser->headComplete()) {
+                    entry.bodyTimed = true;
+                    setDeadline(id, entry, Clock::now() + std::chrono::milliseconds(m_recvTimeoutMs));
+                }
                 if (entry.parser->takeContinueRequest()) {
                     static const char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
                     sendSmall(fd, kContinue, sizeof(kContinue) - 1);
@@ -314,6 +380,7 @@ void Listener::publish(uint64_t id, Entry& entry)
     }
     entry.handle = handle;
     entry.phase = Phase::Reported;
+    m_budget.setEvictable(id, false);
     clearDeadline(id, entry);
 
     const std::string& body = connection->request().body();
@@ -387,6 +454,7 @@ void Listener::reportEnd(Entry& entry)
 void Listener::linger(uint64_t id, Entry& entry)
 {
     entry.phase = Phase::Lingering;
+    m_budget.setEvictable(id, true);
     setDeadline(id, entry, Clock::now() + std::chrono::milliseconds(kLingerMs));
 }
 
@@ -398,6 +466,7 @@ void Listener::remove(uint64_t id)
     }
     epoll_ctl(m_epollFd, EPOLL_CTL_DEL, it->second.connection->fd(), nullptr);
     clearDeadline(id, it->second);
+    m_budget.remove(id);
     // The socket closes here unless the owner still holds the handle or a call is using it.
     m_entries.erase(it);
 }

@@ -3,15 +3,16 @@
 // The thread waits on one epoll set holding the listening socket, every
 // connection that is still reading its request or still watched for the
 // client's hang-up, and the mailbox through which owner calls report ended
-// connections. All callbacks of the listener run on this thread, with no lock
-// of the library held, so the owner may call any API function from them
-// (except DestroyListen of this listener, which would have to join the
-// thread it runs on).
+// connections. Every connection has a deadline until the owner has its
+// request, and counts against the listener's bounds until it is removed. All callbacks of the listener run on this
+// thread, with no lock of the library held, so the owner may call any API function from them (except DestroyListen of
+// this listener, which would have to join the thread it runs on).
 #ifndef NETUTILS_LISTENER_H
 #define NETUTILS_LISTENER_H
 
 #include "Connection.h"
 #include "HandleTable.h"
+#include "netutils/ConnectionBudget.h"
 #include "LoopMailbox.h"
 #include "RequestParser.h"
 
@@ -55,8 +56,9 @@ private:
 
     struct Entry {
         std::shared_ptr<Connection> connection;
-        std::unique_ptr<RequestParser> parser;  // while Reading
+        std::unique_ptr<RequestParser> parser;  // while Reading, once the first bytes came
         Phase phase = Phase::Reading;
+        bool bodyTimed = false;  // the head is whole: the deadline is the body's now
         bool hasDeadline = false;
         Clock::time_point deadline;
         int handle = -1;
@@ -67,7 +69,9 @@ private:
     int open(const NET_HTTPSERVER_LISTEN_PARAM& param);
     void run();
 
-    void acceptAll();
+    void acceptSome();
+    // Takes the new connection unless the listener is at a bound; false when it was refused.
+    bool admit(int fd, uint32_t address);
     void onConnectionEvent(uint64_t id, uint32_t events);
     void readRequest(uint64_t id, Entry& entry);
     void publish(uint64_t id, Entry& entry);
@@ -86,6 +90,7 @@ private:
     void shutdownAll();
 
     ConnectionTable& m_handles;
+    const int m_headTimeoutMs;  // 0: the receive time-out bounds the whole request
     const int m_recvTimeoutMs;
     const int m_sendTimeoutMs;
     const NET_HTTPSERVER_CB m_callback;
@@ -100,6 +105,7 @@ private:
     // I/O thread only.
     std::unordered_map<uint64_t, Entry> m_entries;
     std::set<std::pair<Clock::time_point, uint64_t>> m_deadlines;
+    ConnectionBudget m_budget;
     Clock::time_point m_acceptPausedUntil;
     bool m_acceptPaused = false;
     uint64_t m_nextId;

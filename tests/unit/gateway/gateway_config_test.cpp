@@ -27,9 +27,11 @@ TEST(GatewayConfigFile, NoDocumentGivesOneUserOneDeviceAndTheServerUrl)
     ASSERT_EQ(config.devices.size(), 1u);
     const std::string optIns =
         "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1"
-        "&talkGatewayRefusal=1";
+        "&talkGatewayRefusal=1&strictSendTimeout=1&streamAbort=1";
+    const std::string bounds = "&headTimeout=10000&maxConnections=2048&maxConnectionsPerAddress=512&reserveFds=256";
     EXPECT_EQ(buildServerUrl(config),
-              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns);
+              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns +
+                  bounds);
 }
 
 // Clients must know the audio port: it is never left for the plug-in to pick.
@@ -57,6 +59,24 @@ TEST(GatewayConfigFile, TheAudioPortIsTheNextOneUnlessGiven)
         EXPECT_EQ(config.audioTalkPort, c.audio) << c.json;
         EXPECT_NE(buildServerUrl(config).find("&audioTalkPort=" + std::to_string(c.audio) + "&"), std::string::npos);
     }
+
+TEST(GatewayConfigFile, TheAdminEndpointOffLoopbackNeedsAToken)
+{
+    const std::string token = "0123456789abcdef0123";
+    EXPECT_EQ(refusalOf(R"({"admin":{"listen":"127.0.0.2:9464"}})"), "");
+    EXPECT_EQ(refusalOf(R"({"admin":{"listen":"[::1]:9464"}})"), "");
+    EXPECT_EQ(refusalOf(R"({"admin":{"listen":"0.0.0.0:9464","token":")" + token + R"("}})"), "");
+    EXPECT_EQ(refusalOf(R"({"admin":{"listen":"[::]:9464","tokenFile":"/etc/token"}})"), "");
+    EXPECT_EQ(refusalOf(R"({"admin":{"listen":"0.0.0.0:9464"}})"),
+              "admin.listen: 0.0.0.0:9464 is not a loopback address: set admin.token or admin.tokenFile");
+    EXPECT_EQ(refusalOf(R"({"admin":{"listen":"[::]:9464"}})").compare(0, 13, "admin.listen:"), 0);
+    EXPECT_EQ(refusalOf(R"({"admin":{"listen":"10.0.0.1:9464","token":"short"}})").compare(0, 12, "admin.token:"), 0);
+    EXPECT_EQ(refusalOf(R"({"admin":{"listen":"0.0.0.0:9464","token":"0123456789abcdef\"x"}})")
+                  .compare(0, 12, "admin.token:"),
+              0);
+    EXPECT_EQ(refusalOf(R"({"admin":{"listen":"0.0.0.0:9464","token":")" + token + R"(","tokenFile":"/t"}})")
+                  .compare(0, 16, "admin.tokenFile:"),
+              0);
 }
 
 TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
@@ -82,6 +102,10 @@ TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
         {R"({"media":{"devices":[)" + device + R"(,"folder":"../etc"}]}})", "media.devices[0].folder:"},
         {R"({"media":{"devices":[)" + device + "}," + device + R"(,"folder":"b"}]}})", "media.devices[1].devIndex:"},
         {R"({"media":{"blockSize":10}})", "media.blockSize:"},
+        {R"({"media":{"blockSize":16777216}})", "media.blockSize: must be at most 1048576 (1 MiB)"},
+        {R"({"server":{"headTimeout":50}})", "server.headTimeout:"},
+        {R"({"server":{"maxConnections":1}})", "server.maxConnections:"},
+        {R"({"server":{"minDeliveryRateSeconds":1}})", "server.minDeliveryRateSeconds:"},
         {R"({"log":{"level":"loud"}})", "log.level:"},
         {R"({"log":{"format":"xml"}})", "log.format:"},
         {R"({"admin":{}})", "admin.listen:"},

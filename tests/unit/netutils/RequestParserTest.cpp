@@ -86,6 +86,54 @@ TEST(RequestParser, MalformedRequestsAreBadForGood)
     }
 }
 
+TEST(RequestParser, FormsAProxyCouldReadOtherwiseAreRefusedWhateverTheCut)
+{
+    // Each of these has been read one way by a lenient parser and another way by some proxy in front:
+    // a smuggled request, or a header that one side sees and the other does not.
+    const std::string post = "POST / HTTP/1.1\r\nHost: h\r\n";
+    const std::string chunked = post + "Transfer-Encoding: chunked\r\n\r\n";
+    const struct {
+        std::string request;
+        Result expected;
+    } cases[] = {
+        {post + "Content-Length : 5\r\n\r\nhello", Result::BadRequest},
+        {post + "Content-Length\t: 5\r\n\r\nhello", Result::BadRequest},
+        {chunked + "3\r\nabcXX0\r\n\r\n", Result::BadRequest},
+        {chunked + "3\r\nabc\n0\r\n\r\n", Result::BadRequest},
+        {post + "Transfer-Encoding: chunked, identity\r\n\r\n3\r\nabc\r\n0\r\n\r\n", Result::BadRequest},
+        {post + "Content-Length: 3\r\nContent-Length: 5\r\n\r\nhello", Result::BadRequest},
+        // Folded lines, with and without a value on the first line.
+        {post + "X-A: a\r\n b\r\n\r\n", Result::BadRequest},
+        {post + "Transfer-Encoding:\r\n chunked\r\n\r\n0\r\n\r\n", Result::BadRequest},
+        {post + "Content-Length:\r\n\t5\r\n\r\nhello", Result::BadRequest},
+        {post + "X-A: a\rb\r\n\r\n", Result::BadRequest},
+        {post + "X-A: a\nX-B: b\r\n\r\n", Result::BadRequest},
+        // Versions: another one is answered 505, no version or a malformed one 400.
+        {"GET / HTTP/9.9\r\nHost: h\r\n\r\n", Result::VersionNotSupported},
+        {"GET / HTTP/2.0\r\n\r\n", Result::VersionNotSupported},
+        {"GET / HTTP/1.2\r\n\r\n", Result::VersionNotSupported},
+        {"GET / HTTP/0.9\r\n\r\n", Result::VersionNotSupported},
+        {"GET /path\r\n\r\n", Result::BadRequest},
+        {"GET / HTTP/11.1\r\n\r\n", Result::BadRequest},
+        {"GET / HTTP/1.1x\r\n\r\n", Result::BadRequest},
+        {"GET / http/1.1\r\n\r\n", Result::BadRequest},
+        // What stays accepted: HTTP/1.0, blanks around a value, an empty value, obs-text.
+        {"GET / HTTP/1.0\r\nX-A: \t a b \t\r\nX-B:\r\nX-C: \xe9\r\n\r\n", Result::Complete},
+    };
+    for (const auto& c : cases) {
+        for (size_t cut : {c.request.size(), size_t{1}, size_t{3}}) {
+            RequestParser parser;
+            EXPECT_EQ(feedInReads(parser, c.request, cut), c.expected)
+                << "reads of " << cut << " bytes of " << c.request;
+            if (c.expected == Result::Complete) {
+                ASSERT_NE(parser.findHeader("X-A", 3), nullptr);
+                EXPECT_EQ(*parser.findHeader("X-A", 3), "a b");
+                EXPECT_EQ(*parser.findHeader("X-B", 3), "");
+            }
+        }
+    }
+}
+
 TEST(RequestParser, LimitsHoldWhateverTheReadsAreCutInto)
 {
     // Found by the fuzzer: without header lines the request line was measured only while it was still

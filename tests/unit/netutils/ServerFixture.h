@@ -46,8 +46,14 @@ protected:
     void startListen(uint32_t recvTimeoutMs = 0)
     {
         NET_HTTPSERVER_LISTEN_PARAM param{};
-        strcpy(param.szAddress, "127.0.0.1");
         param.dwRecvTimeout = recvTimeoutMs;
+        startListenWith(param);
+    }
+
+    // With the time-outs and bounds of `param` (address, callback and user are the fixture's).
+    void startListenWith(NET_HTTPSERVER_LISTEN_PARAM param)
+    {
+        strcpy(param.szAddress, "127.0.0.1");
         param.fnCallback = &ServerTest::onEvent;
         param.pUser = this;
         m_listen = NET_HTTPSERVER_CreateListen(&param);

@@ -100,6 +100,7 @@ TEST_F(ServerTest, RefusedRequestsAreAnsweredAtOnceWithoutCallback)
         // Refused at the request line: the server waits neither for the rest nor for its receive time-out.
         {"HEAD /QUMEX/ContentMgmt/download HTTP/1.1\r\nHost: a\r\n\r\n", notAllowed},
         {"PATCH /x HTTP/1.1\r\n", notAllowed},
+        {"GET /x HTTP/9.9\r\nHost: a\r\n\r\n", "HTTP/1.1 505 HTTP Version Not Supported\r\n" + end},
     };
     for (const auto& c : cases) {
         TestClient client;

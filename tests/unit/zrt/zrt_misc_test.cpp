@@ -3,8 +3,11 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
 
 #include "AsyncIoKit.h"
@@ -97,4 +100,41 @@ TEST(ZrtSocket, AcceptTimesOutAndSocketsAreBlockingAndCloseOnExec)
     for (int sock : {accepted, client, listener}) {
         ZRT_CloseSocket(sock, 0);
     }
+}
+
+// The poller reports news once per arrival (edge-triggered), a peek leaves the bytes for the next read, and
+// a peer's close is news too.
+TEST(ZrtPoller, NewsOnceForEachArrivalAndPeekLeavesTheBytes)
+{
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    void* poller = ZRT_Poller_Create();
+    ASSERT_NE(poller, nullptr);
+    ASSERT_EQ(ZRT_Poller_Add(poller, pair[0], 42), 0);
+    ZRT_UINT64 keys[4];
+    EXPECT_EQ(ZRT_Poller_Wait(poller, keys, 4, 0), 0);
+    char buffer[16];
+    EXPECT_EQ(ZRT_Peek(pair[0], buffer, sizeof buffer), -1);
+    EXPECT_EQ(errno, EAGAIN);
+
+    ASSERT_EQ(write(pair[1], "GET", 3), 3);
+    ASSERT_EQ(ZRT_Poller_Wait(poller, keys, 4, 1000), 1);
+    EXPECT_EQ(keys[0], 42u);
+    EXPECT_EQ(ZRT_Peek(pair[0], buffer, sizeof buffer), 3);
+    EXPECT_EQ(ZRT_Poller_Wait(poller, keys, 4, 50), 0) << "bytes already reported came again";
+    ASSERT_EQ(write(pair[1], " /", 2), 2);
+    ASSERT_EQ(ZRT_Poller_Wait(poller, keys, 4, 1000), 1);
+    EXPECT_EQ(ZRT_Peek(pair[0], buffer, sizeof buffer), 5);
+    EXPECT_EQ(std::string(buffer, 5), "GET /");
+
+    close(pair[1]);
+    ASSERT_EQ(ZRT_Poller_Wait(poller, keys, 4, 1000), 1);
+    EXPECT_EQ(ZRT_Peek(pair[0], buffer, sizeof buffer), 5) << "what was sent is still there";
+    char sink[8];
+    ASSERT_EQ(read(pair[0], sink, sizeof sink), 5);
+    EXPECT_EQ(ZRT_Peek(pair[0], buffer, sizeof buffer), 0) << "then the close";
+    EXPECT_EQ(ZRT_Poller_Remove(poller, pair[0]), 0);
+    EXPECT_EQ(ZRT_Poller_Destroy(poller), 0);
+    close(pair[0]);
+    EXPECT_GT(ZRT_GetMaxFds(), 0);
 }

@@ -9,9 +9,19 @@
  *
  * Limits: a request line and a header block of 8 KiB each, a body of 1 MiB.
  * A malformed request is answered "400 Bad Request", one over a limit
- * "413 Request Entity Too Large", and a request not whole within the receive
- * time-out is dropped; none of them reaches the callback. Bytes that follow
- * the first request on a connection are read and ignored.
+ * "413 Request Entity Too Large", a version other than HTTP/1.0 and HTTP/1.1
+ * "505 HTTP Version Not Supported", and a request not whole within its
+ * deadlines is dropped; none of them reaches the callback. Bytes that follow
+ * the first request on a connection are read and ignored. The framing is
+ * strict: whitespace before a header's colon, a folded header line, chunk data
+ * not followed by CR LF and a request line without a version are malformed.
+ *
+ * A listener may also bound the connections it holds (see the listen record):
+ * in total, per client address, and by descriptor number, so that a flood on
+ * one port leaves descriptors for the owner's files and other ports. At a
+ * bound, the oldest connection that has not delivered its request makes room;
+ * when there is none, the new connection is answered "503 Service
+ * Unavailable" and closed.
  *
  * Every reply carries "Connection: close": the server closes the connection
  * by itself once the body has reached the length the head announced.
@@ -72,10 +82,17 @@ typedef struct NET_HTTPSERVER_LISTEN_PARAM {
     uint32_t dwSize;              /*   0: reserved, 0 */
     char szAddress[128];          /*   4: listen address, dotted quad */
     uint16_t wPort;               /* 132: port; 0 takes an ephemeral one */
-    uint8_t byRes1[14];           /* 134 */
-    uint32_t dwRecvTimeout;       /* 148: ms to receive a whole request (0: 30000) */
+    uint8_t byRes1[2];            /* 134 */
+    uint32_t dwHeadTimeout;       /* 136: ms from the connection to its whole request head, after which
+                                     the body has the receive time-out (0: the receive time-out bounds
+                                     the whole request) */
+    uint32_t dwMaxConnections;    /* 140: connections held at once (0: no bound) */
+    uint32_t dwMaxPerAddress;     /* 144: connections held at once per client address (0: no bound) */
+    uint32_t dwRecvTimeout;       /* 148: ms to receive a whole request, or its body after its head
+                                     (0: 30000) */
     uint32_t dwSendTimeout;       /* 152: default reply send time-out in ms (0: 5000) */
-    uint8_t byRes2[4];            /* 156 */
+    uint32_t dwReserveFds;        /* 156: descriptors kept free: no connection is held whose descriptor
+                                     number is at or above the process's limit minus this (0: none) */
     NET_HTTPSERVER_CB fnCallback; /* 160 */
     void* pUser;                  /* 168 */
 } NET_HTTPSERVER_LISTEN_PARAM;
@@ -110,7 +127,11 @@ typedef struct NET_HTTPSERVER_REQUEST_PARAM {
 NET_LAYOUT_CHECK(sizeof(NET_HTTPSERVER_LISTEN_PARAM) == 176, "listen parameters: 176 bytes");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, szAddress) == 4, "listen parameters: address");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, wPort) == 132, "listen parameters: port");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwHeadTimeout) == 136, "listen parameters: head time-out");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwMaxConnections) == 140, "listen parameters: connections");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwMaxPerAddress) == 144, "listen parameters: per address");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwRecvTimeout) == 148, "listen parameters: receive time-out");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwReserveFds) == 156, "listen parameters: reserve");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwSendTimeout) == 152, "listen parameters: send time-out");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, fnCallback) == 160, "listen parameters: callback");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, pUser) == 168, "listen parameters: user pointer");

@@ -108,6 +108,29 @@ ZRT_API ZRT_UINT16 ZRT_GetAddrPort(const ZRT_ADDR_T* addr);
 /* Local address of a bound socket. */
 ZRT_API ZRT_INT32 ZRT_GetSockName(int sock, ZRT_ADDR_T* addr);
 
+/* Bytes waiting on a connected socket, copied into buf (at most len) and left
+ * there for the next read. Returns their number, 0 when the peer has closed,
+ * or -1 (errno EAGAIN when nothing is waiting yet). Never blocks. */
+ZRT_API int ZRT_Peek(int sock, char* buf, int len);
+/* How many descriptors the process may hold (its soft RLIMIT_NOFILE); -1 on failure. */
+ZRT_API int ZRT_GetMaxFds(void);
+
+/* ---- readiness of many sockets ---- */
+/* A set of sockets watched for news: a socket is reported once when bytes
+ * arrive or a connection waits to be accepted, and when its peer closes or the
+ * socket fails; bytes already reported are not reported again (edge-triggered),
+ * so a waiter reads or accepts what it needs, or peeks and waits for more. One
+ * thread waits on a set; any thread may add and remove. Returns -1 with errno
+ * on failure. */
+ZRT_API void* ZRT_Poller_Create(void);
+ZRT_API ZRT_INT32 ZRT_Poller_Destroy(void* poller);
+/* key: what ZRT_Poller_Wait reports for this socket. */
+ZRT_API ZRT_INT32 ZRT_Poller_Add(void* poller, int sock, ZRT_UINT64 key);
+ZRT_API ZRT_INT32 ZRT_Poller_Remove(void* poller, int sock);
+/* Waits up to timeoutMs (0xFFFFFFFF: without limit) for news of at least one
+ * socket and stores up to max keys; returns their number, 0 on time-out. */
+ZRT_API int ZRT_Poller_Wait(void* poller, ZRT_UINT64* keys, int max, ZRT_UINT32 timeoutMs);
+
 /* ---- dynamic loading ---- */
 ZRT_API void* ZRT_LoadDSo(const char* path);
 ZRT_API void* ZRT_GetDsoSym(void* dso, const char* name);
