@@ -106,8 +106,8 @@ void readServer(const Json::Value& server, GatewayConfig& config)
     const std::string field = "server";
     requireObject(server, field,
                   {"httpPort", "audioTalkPort", "work_thread", "sendTimeout", "recvTimeout", "maxDownloads",
-                   "shutdownGraceSeconds", "maxTalksPerUser", "headTimeout", "maxConnections", "maxConnectionsPerAddress",
-                   "reserveFds", "minDeliveryRate", "minDeliveryRateSeconds"});
+                   "shutdownGraceSeconds", "maxTalksPerUser", "headTimeout", "maxConnections",
+                   "maxConnectionsPerAddress", "reserveFds", "minDeliveryRate", "minDeliveryRateSeconds"});
     readInt(server, field, "httpPort", 1, 65535, config.httpPort);
     readInt(server, field, "audioTalkPort", 1, 65535, config.audioTalkPort);
     // The plug-in takes these modulo 65536, so larger values would wrap around.

@@ -27,6 +27,7 @@ class StartRefusals(unittest.TestCase):
         taken.listen()
         port = str(taken.getsockname()[1])
         free = lambda: str(h.free_port_pair())  # noqa: E731  (the audio channel takes the next port)
+        users = '"auth": {"users": [{"name": "a", "password": "b"}]}'  # a file must name its users
         cases = [  # configuration, arguments, exit code, what stderr says
             ('{"logging":{}}', (), 2, "logging: unknown field"),
             ('{"server":', (), 2, "not valid JSON"),
@@ -36,9 +37,10 @@ class StartRefusals(unittest.TestCase):
             # The admin endpoint lists devices and playback URIs: off loopback only with a token.
             (None, ("--port", free(), "--admin", "0.0.0.0:9464"), 2,
              "admin.listen: 0.0.0.0:9464 is not a loopback address: set admin.token or admin.tokenFile"),
-            ('{"admin": {"listen": "0.0.0.0:9464", "tokenFile": "%s"}}' % key_file, ("--port", free()), 2,
+            ('{%s, "admin": {"listen": "0.0.0.0:9464", "tokenFile": "%s"}}' % (users, key_file), ("--port", free()), 2,
              "admin.tokenFile refused: the token in %s must be" % key_file),
-            ('{"media": {"blockSize": 16777216}}', ("--port", free()), 2, "media.blockSize: must be at most 1048576"),
+            ('{%s, "media": {"blockSize": 16777216}}' % users, ("--port", free()), 2,
+             "media.blockSize: must be at most 1048576"),
             # Demo data only where asked: a media folder that is missing is an error, not created.
             (None, ("--port", free(), "--media", missing_media), 2, missing_media + " is not a folder"),
             (None, ("--port", free(), "--plugin", os.path.join(folder.name, "none.so")), 1, "cannot load the plug-in"),

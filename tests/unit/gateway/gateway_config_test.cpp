@@ -29,9 +29,9 @@ TEST(GatewayConfigFile, NoDocumentGivesOneUserOneDeviceAndTheServerUrl)
         "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1"
         "&talkGatewayRefusal=1&strictSendTimeout=1&streamAbort=1";
     const std::string bounds = "&headTimeout=10000&maxConnections=2048&maxConnectionsPerAddress=512&reserveFds=256";
-    EXPECT_EQ(buildServerUrl(config),
-              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns +
-                  bounds);
+    EXPECT_EQ(
+        buildServerUrl(config),
+        "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns + bounds);
 }
 
 // Clients must know the audio port: it is never left for the plug-in to pick.
@@ -59,6 +59,7 @@ TEST(GatewayConfigFile, TheAudioPortIsTheNextOneUnlessGiven)
         EXPECT_EQ(config.audioTalkPort, c.audio) << c.json;
         EXPECT_NE(buildServerUrl(config).find("&audioTalkPort=" + std::to_string(c.audio) + "&"), std::string::npos);
     }
+}
 
 TEST(GatewayConfigFile, TheAdminEndpointOffLoopbackNeedsAToken)
 {
