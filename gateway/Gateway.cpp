@@ -273,7 +273,7 @@ int runGateway(const GatewayConfig& config, const ConfigReader& readConfig, cons
         return kExitBadSetup;
     }
     DownloadFilter filter(authenticator, catalog, metrics, status, log,
-                          FilterLimits{config.maxDownloads, config.maxTalksPerUser}, &talks);
+                          FilterLimits{config.maxDownloads, config.maxTalksPerUser}, &talks, &accessLog);
     StreamSink sink(catalog, static_cast<size_t>(config.blockSize), metrics, &accessLog, log, &talks);
     UtilitySink utility(config, metrics, log);
 
