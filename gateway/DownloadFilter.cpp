@@ -228,15 +228,18 @@ int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const s
                       asked);
     }
     const int channel = key.first;
-    const TalkDevice* device = m_talks != nullptr ? m_talks->byChannel(channel) : nullptr;
-    if (device == nullptr) {
+    const TalkVerb verb = talkVerbOfTarget(target, channel);
+    const std::shared_ptr<const TalkDeviceSet> devices = m_talks != nullptr ? m_talks->current() : nullptr;
+    const TalkDevice* device = devices != nullptr ? devices->byChannel(channel) : nullptr;
+    const bool runsWithoutDevice = device == nullptr && (verb == TalkVerb::kClose || verb == TalkVerb::kAudioData) &&
+                                   m_talks != nullptr && m_talks->owners().running(key);
+    if (device == nullptr && !runsWithoutDevice) {
         return refuse(context, method, split.own,
                       Refusal{RestError::kNotSupport, RtspStatusIndex::kNotFound,
                               "no device talks on channel " + std::to_string(channel)},
                       asked);
     }
-    asked.device = device->devIndex;
-    const TalkVerb verb = talkVerbOfTarget(target, channel);
+    asked.device = device != nullptr ? device->devIndex : std::string();
     Refusal refusal;
     const std::string which =
         "the talk on channel " + std::to_string(channel) + " (port " + std::to_string(key.second) + ")";
@@ -263,7 +266,8 @@ int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const s
         return refuse(context, method, split.own, refusal, asked);
     }
     m_log.logf(kLogInfo, "accepted talk %s %s of channel %d (device %s) from user \"%s\" client \"%s\"", method.c_str(),
-               target.c_str(), channel, device->devIndex.c_str(), user.c_str(), split.client.address.c_str());
+               target.c_str(), channel, device != nullptr ? device->devIndex.c_str() : "removed by a reload",
+               user.c_str(), split.client.address.c_str());
     return kTalkAccepted;
 }
 
@@ -271,7 +275,8 @@ int DownloadFilter::checkTalkDevice(PROTOCOL_FILTER::IConnectContext* context, c
 {
     TalkKey key;
     const bool named = talkKeyOfDescribe(url, key);
-    const TalkDevice* device = m_talks != nullptr && named ? m_talks->byChannel(key.first) : nullptr;
+    const std::shared_ptr<const TalkDeviceSet> devices = m_talks != nullptr ? m_talks->current() : nullptr;
+    const TalkDevice* device = named && devices != nullptr ? devices->byChannel(key.first) : nullptr;
     if (device == nullptr) {
         AccessEntry asked;
         asked.kind = "talk";

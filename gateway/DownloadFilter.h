@@ -61,7 +61,9 @@ private:
                       PluginUrl& split, std::string& user, Refusal& refusal);
     int checkDownload(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context,
                       const std::string& method, const PluginUrl& split, const std::string& user);
-    // A talk's open, close or audio link, credentials already checked.
+    // A talk's open, close or audio link, credentials already checked. A
+    // talk that runs may link its audio and be closed even when a reload has
+    // taken its channel's device away since it opened.
     int checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const PluginUrl& split,
                   const std::string& target, const std::string& user);
     // The device side of a talk the plug-in accepted (the DESCRIBE).

@@ -71,7 +71,7 @@ int serveUntilStopped(Running& run)
         const int received = nextSignal(run.signals, kPublishInterval);
         publish(run);
         if (received == SIGHUP) {
-            run.log.logf(kLogInfo, "SIGHUP received: reloading users and recordings");
+            run.log.logf(kLogInfo, "SIGHUP received: reloading users, devices and recordings");
             run.notifier.reloading();
             reloadGateway(run.readConfig, run.config, run.reload);
             run.notifier.ready("ready");
@@ -313,7 +313,7 @@ int runGateway(const GatewayConfig& config, const ConfigReader& readConfig, cons
                 metrics,
                 status,
                 notifier,
-                ReloadTargets{authenticator, catalog, accessLog, metrics, log},
+                ReloadTargets{authenticator, catalog, talks, accessLog, metrics, log},
                 log};
     int exitCode = serve(plugin, sink, filter, run);
     plugin.uninitialize();
