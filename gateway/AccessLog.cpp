@@ -2,6 +2,7 @@
 
 #include <json/json.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -34,7 +35,10 @@ std::string commonField(const std::string& text)
 
 std::string itemOf(const AccessEntry& entry)
 {
-    return entry.kind == "talk" ? "channel-" + std::to_string(entry.channel) : entry.recording;
+    if (entry.kind == "talk") {
+        return entry.channel != 0 ? "channel-" + std::to_string(entry.channel) : std::string();
+    }
+    return entry.recording;
 }
 
 std::string formatCommon(const AccessEntry& entry)
@@ -76,7 +80,7 @@ std::string formatJson(const AccessEntry& entry)
     line["user"] = entry.user;
     line["device"] = entry.device;
     if (entry.kind == "talk") {
-        line["channel"] = entry.channel;
+        line["channel"] = entry.channel != 0 ? Json::Value(entry.channel) : Json::Value();
     } else {
         line["recording"] = entry.recording;
     }
@@ -106,7 +110,8 @@ std::string formatAccessEntry(const AccessEntry& entry, AccessLogFormat format)
     return format == AccessLogFormat::kJson ? formatJson(entry) : formatCommon(entry);
 }
 
-AccessLog::AccessLog(GatewayMetrics& metrics, Logger& log) : m_metrics(metrics), m_log(log)
+AccessLog::AccessLog(GatewayMetrics& metrics, Logger& log, std::function<int64_t()> now)
+    : m_metrics(metrics), m_log(log), m_now(std::move(now))
 {
 }
 
@@ -143,6 +148,41 @@ void AccessLog::record(AccessEntry entry)
         m_queue.push_back(std::move(entry));
     }
     m_wake.notify_one();
+}
+
+void AccessLog::recordRefusal(AccessEntry entry)
+{
+    const int64_t now = m_now();
+    bool skipped = false;
+    bool noteSkipping = false;
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        if (!m_writer.joinable() || m_stop) {
+            return;
+        }
+        if (now != m_refusalSecond) {
+            m_refusalSecond = now;
+            m_refusalsThisSecond = 0;
+        }
+        skipped = m_refusalsThisSecond >= kMaxRefusalsPerSecond;
+        m_refusalsThisSecond += skipped ? 0 : 1;
+        noteSkipping = skipped && (m_skipNotedAt < 0 || now - m_skipNotedAt >= 60);
+        m_skipNotedAt = noteSkipping ? now : m_skipNotedAt;
+    }
+    if (skipped) {
+        m_metrics.accessLogRefusalSkipped();
+        if (noteSkipping) {
+            m_log.logf(kLogWarn,
+                       "access log: more than %d refusals a second; the others are counted "
+                       "(media_gateway_access_log_refusals_skipped_total), not written",
+                       kMaxRefusalsPerSecond);
+        }
+        return;
+    }
+    for (std::string* claim : {&entry.user, &entry.device, &entry.recording}) {
+        claim->resize(std::min(claim->size(), kMaxClaimedText));
+    }
+    record(std::move(entry));
 }
 
 void AccessLog::reopen()

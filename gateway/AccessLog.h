@@ -1,6 +1,6 @@
-// One line per finished download and per talk, for operators who bill, audit or
-// trace clients: time, client, user, device, recording or channel, range, bytes
-// each way, seconds, outcome. Two formats:
+// One line per finished download, per talk and per request the gateway refused,
+// for operators who bill, audit or trace clients: time, client, user, device,
+// recording or channel, range, bytes each way, seconds, outcome. Two formats:
 //
 //   common (default), the Common Log Format's first four fields, then ours:
 //     127.0.0.1 - admin [25/Nov/2026:07:38:00 +0100] "download <devIndex> sample-0001.bin" - 3147002 0 1.234 complete
@@ -12,9 +12,20 @@
 //      "bytesReceived":0,"seconds":1.234,"outcome":"complete"}
 //     (a talk names "channel" instead of "recording")
 //
+// A refused request has the same columns: what the client claimed (user,
+// device, recording or channel; none checked), nothing sent, and the outcome
+// "refused_" and the reason /metrics counts it by (one line here):
+//     203.0.113.9 - mallory [25/Nov/2026:07:41:03 +0100] "download <devIndex> sample-0001.bin" - 0 0 0.000
+//         refused_unauthorized
+//
 // The delivery threads only queue an entry; a writer thread of its own formats
 // and writes, so a slow disk never holds up a download. When the queue is full
 // the entry is dropped and counted (media_gateway_access_log_dropped_total).
+// Refusals cost a client nothing but a request, so a flood of them would fill
+// the disk: at most kMaxRefusalsPerSecond are written each second, the rest
+// only counted (media_gateway_access_log_refusals_skipped_total), and the
+// client's claims in them are cut to kMaxClaimedText bytes, which bounds the
+// bytes a second they can add to the file.
 #ifndef GATEWAY_ACCESS_LOG_H
 #define GATEWAY_ACCESS_LOG_H
 
@@ -23,9 +34,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
+
+#include "SteadyClock.h"
 
 class GatewayMetrics;
 class Logger;
@@ -37,7 +51,7 @@ struct AccessEntry {
     std::string user;
     std::string device;
     std::string recording;  // downloads
-    int channel = 0;        // talks
+    int channel = 0;        // talks; 0: none named
     std::string range;      // the byte range a download asked for; empty: the whole recording
     uint64_t bytesSent = 0;
     uint64_t bytesReceived = 0;
@@ -56,8 +70,13 @@ class AccessLog {
 public:
     // Entries waiting for the writer at most; past it they are dropped.
     static const size_t kMaxQueued = 8192;
+    // Refusals written in one second at most; past it they are counted, not written.
+    static constexpr int kMaxRefusalsPerSecond = 20;
+    // A refusal's user, device and recording are the client's text: each is cut to this length.
+    static constexpr size_t kMaxClaimedText = 64;
 
-    AccessLog(GatewayMetrics& metrics, Logger& log);
+    // now: seconds on a steady clock, for the refusals' rate.
+    AccessLog(GatewayMetrics& metrics, Logger& log, std::function<int64_t()> now = steadySeconds);
     ~AccessLog();
     AccessLog(const AccessLog&) = delete;
     AccessLog& operator=(const AccessLog&) = delete;
@@ -67,6 +86,8 @@ public:
     bool open(const std::string& path, AccessLogFormat format, std::string& error);
     // Queues one entry; never waits for the disk.
     void record(AccessEntry entry);
+    // Queues the entry of a refused request, within the refusals' rate.
+    void recordRefusal(AccessEntry entry);
     // Opens the file again by its name before the next line (after log rotation).
     void reopen();
     // Writes what is queued and stops the writer.
@@ -77,6 +98,7 @@ private:
 
     GatewayMetrics& m_metrics;
     Logger& m_log;
+    const std::function<int64_t()> m_now;
     std::string m_path;
     AccessLogFormat m_format = AccessLogFormat::kCommon;
     FILE* m_file = nullptr;  // used by the writer thread only, once started
@@ -86,6 +108,9 @@ private:
     std::deque<AccessEntry> m_queue;
     bool m_reopen = false;
     bool m_stop = false;
+    int64_t m_refusalSecond = 0;  // the second the count below is for
+    int m_refusalsThisSecond = 0;
+    int64_t m_skipNotedAt = -1;  // when skipping was last logged; once a minute at most
     std::thread m_writer;
 };
 

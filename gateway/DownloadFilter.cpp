@@ -1,5 +1,6 @@
 #include "DownloadFilter.h"
 
+#include "AccessLog.h"
 #include "DigestCredentials.h"
 #include "DownloadResolver.h"
 #include "Logger.h"
@@ -49,11 +50,37 @@ std::string digestUserOf(const std::string& authorization)
     return parseDigestCredentials(authorization, credentials, error) ? credentials.get("username") : std::string();
 }
 
+// Who was refused and what they asked for, as the access log shows it: what
+// the client claims (the user its credentials name, the device and recording
+// or the channel its own part of the URL names), true or not. The plug-in
+// hands the filter downloads and talks only.
+AccessEntry askedFor(const std::string& own, const std::string& client, const std::string& user)
+{
+    AccessEntry asked;
+    asked.client = client;
+    asked.user = user;
+    if (own.compare(0, 7, "rtsp://") == 0) {
+        asked.kind = "download";
+        PlaybackUri uri;
+        std::string error;
+        if (parsePlaybackUri(own, uri, error)) {
+            asked.device = !uri.deviceIndex.empty() ? uri.deviceIndex
+                           : uri.rtspPort != 0      ? uri.host + ":" + std::to_string(uri.rtspPort)
+                                                    : std::string();
+            asked.recording = uri.param("name");
+        }
+    } else {
+        asked.kind = "talk";
+        asked.channel = talkChannelOfUrl(own);
+    }
+    return asked;
+}
+
 }  // namespace
 
 DownloadFilter::DownloadFilter(const DigestAuthenticator& authenticator, const MediaCatalog& catalog,
                                GatewayMetrics& metrics, StatusBoard& status, Logger& log, FilterLimits limits,
-                               TalkDevices* talks)
+                               TalkDevices* talks, AccessLog* accessLog)
     : m_authenticator(authenticator),
       m_catalog(catalog),
       m_metrics(metrics),
@@ -61,6 +88,7 @@ DownloadFilter::DownloadFilter(const DigestAuthenticator& authenticator, const M
       m_log(log),
       m_limits(limits),
       m_talks(talks),
+      m_accessLog(accessLog),
       m_throttle(steadySeconds)
 {
 }
@@ -107,7 +135,8 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
     if (!request->bNeedAuth()) {
         // Only the plug-in's own DESCRIBE of a talk's device side comes without credentials.
         if (method != "DESCRIBE") {
-            return refuse(context, method, url, unauthorized("a request without credentials to check"));
+            return refuse(context, method, url, unauthorized("a request without credentials to check"),
+                          askedFor(url, std::string(), std::string()));
         }
         return checkTalkDevice(context, url);
     }
@@ -115,7 +144,9 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
     std::string user;
     Refusal refusal;
     if (!authenticate(request, method, url, split, user, refusal)) {
-        return refuse(context, method, url, refusal);
+        // A URL that could not be split is all the client's: its claims are read from the whole.
+        return refuse(context, method, url, refusal,
+                      askedFor(split.own.empty() ? url : split.own, split.client.address, user));
     }
     noteClient(split.client);
     if (split.own.compare(0, 7, "rtsp://") == 0) {
@@ -168,13 +199,14 @@ int DownloadFilter::checkDownload(PROTOCOL_FILTER::IProtocolRequest* request, PR
     std::string error;
     if (!parsePlaybackUri(split.own, uri, error)) {
         return refuse(context, method, split.own,
-                      Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest, error});
+                      Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest, error},
+                      askedFor(split.own, split.client.address, user));
     }
     ResolvedDownload download;
     Refusal refusal;
     const std::shared_ptr<const MediaLibrary> library = m_catalog.current();
     if (!resolveDownload(*library, uri, download, refusal) || busy(true, refusal)) {
-        return refuse(context, method, split.own, refusal);
+        return refuse(context, method, split.own, refusal, askedFor(split.own, split.client.address, user));
     }
     const std::string mediaUrl =
         makeMediaUrl(*download.device, *download.recording, headValue(request, "Download-Range"));
@@ -188,20 +220,26 @@ int DownloadFilter::checkDownload(PROTOCOL_FILTER::IProtocolRequest* request, PR
 int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method,
                               const PluginUrl& split, const std::string& target, const std::string& user)
 {
+    AccessEntry asked = askedFor(split.own, split.client.address, user);
     TalkKey key;
     if (!talkKeyOfUrl(split.own, key)) {
-        return refuse(
-            context, method, split.own,
-            Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest, "neither a download nor a talk"});
+        return refuse(context, method, split.own,
+                      Refusal{RestError::kBadParameters, RtspStatusIndex::kBadRequest, "neither a download nor a talk"},
+                      asked);
     }
     const int channel = key.first;
-    const TalkDevice* device = m_talks != nullptr ? m_talks->byChannel(channel) : nullptr;
-    if (device == nullptr) {
+    const TalkVerb verb = talkVerbOfTarget(target, channel);
+    const std::shared_ptr<const TalkDeviceSet> devices = m_talks != nullptr ? m_talks->current() : nullptr;
+    const TalkDevice* device = devices != nullptr ? devices->byChannel(channel) : nullptr;
+    const bool runsWithoutDevice = device == nullptr && (verb == TalkVerb::kClose || verb == TalkVerb::kAudioData) &&
+                                   m_talks != nullptr && m_talks->owners().running(key);
+    if (device == nullptr && !runsWithoutDevice) {
         return refuse(context, method, split.own,
                       Refusal{RestError::kNotSupport, RtspStatusIndex::kNotFound,
-                              "no device talks on channel " + std::to_string(channel)});
+                              "no device talks on channel " + std::to_string(channel)},
+                      asked);
     }
-    const TalkVerb verb = talkVerbOfTarget(target, channel);
+    asked.device = device != nullptr ? device->devIndex : std::string();
     Refusal refusal;
     const std::string which =
         "the talk on channel " + std::to_string(channel) + " (port " + std::to_string(key.second) + ")";
@@ -225,21 +263,27 @@ int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const s
             Refusal{RestError::kInvalidOperation, RtspStatusIndex::kForbidden, which + " belongs to another user"};
     }
     if (refusal.restError != 0) {
-        return refuse(context, method, split.own, refusal);
+        return refuse(context, method, split.own, refusal, asked);
     }
     m_log.logf(kLogInfo, "accepted talk %s %s of channel %d (device %s) from user \"%s\" client \"%s\"", method.c_str(),
-               target.c_str(), channel, device->devIndex.c_str(), user.c_str(), split.client.address.c_str());
+               target.c_str(), channel, device != nullptr ? device->devIndex.c_str() : "removed by a reload",
+               user.c_str(), split.client.address.c_str());
     return kTalkAccepted;
 }
 
 int DownloadFilter::checkTalkDevice(PROTOCOL_FILTER::IConnectContext* context, const std::string& url)
 {
     TalkKey key;
-    const TalkDevice* device =
-        m_talks != nullptr && talkKeyOfDescribe(url, key) ? m_talks->byChannel(key.first) : nullptr;
+    const bool named = talkKeyOfDescribe(url, key);
+    const std::shared_ptr<const TalkDeviceSet> devices = m_talks != nullptr ? m_talks->current() : nullptr;
+    const TalkDevice* device = named && devices != nullptr ? devices->byChannel(key.first) : nullptr;
     if (device == nullptr) {
+        AccessEntry asked;
+        asked.kind = "talk";
+        asked.channel = named ? key.first : 0;
         return refuse(context, "DESCRIBE", url,
-                      Refusal{RestError::kNotSupport, RtspStatusIndex::kNotFound, "no talking device for this URL"});
+                      Refusal{RestError::kNotSupport, RtspStatusIndex::kNotFound, "no talking device for this URL"},
+                      asked);
     }
     // The sink plays it, for the user whose open is waiting (TalkOwners).
     context->SetFilterURL(url.c_str());
@@ -263,7 +307,7 @@ int DownloadFilter::Response(PROTOCOL_FILTER::IProtocolResponse* response, int f
 }
 
 int DownloadFilter::refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
-                           const Refusal& refusal)
+                           const Refusal& refusal, AccessEntry asked)
 {
     context->SetStatusCode(refusal.statusIndex);
     context->SetErrorCode(refusal.restError);
@@ -271,5 +315,10 @@ int DownloadFilter::refuse(PROTOCOL_FILTER::IConnectContext* context, const std:
     m_metrics.requestRefused(reasonOf(refusal));
     m_log.logf(kLogWarn, "refused %s %s: %s (0x%08x)", method.c_str(), url.c_str(), refusal.reason.c_str(),
                static_cast<unsigned>(refusal.restError));
+    if (m_accessLog != nullptr) {
+        asked.time = std::chrono::system_clock::now();
+        asked.outcome = std::string("refused_") + refusalReasonName(reasonOf(refusal));
+        m_accessLog->recordRefusal(std::move(asked));
+    }
     return refusal.restError;
 }

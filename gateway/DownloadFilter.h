@@ -9,6 +9,11 @@
 // "Download-Range", and travels on in the media URL to the sink, which
 // resolves it (DownloadRange.h). The device side of a talk comes as a
 // DESCRIBE without credentials, which only the plug-in itself sends.
+//
+// Every refusal is counted, logged with its cause and, when the gateway keeps
+// an access log, written there with what the client claimed: its forwarded
+// address, the user its credentials name, the device and recording or the
+// channel its URL names (AccessLog.h bounds how many such lines a second).
 #ifndef GATEWAY_DOWNLOAD_FILTER_H
 #define GATEWAY_DOWNLOAD_FILTER_H
 
@@ -21,6 +26,8 @@
 #include "PluginUrl.h"
 #include "RestErrors.h"
 
+class AccessLog;
+struct AccessEntry;
 class Logger;
 class StatusBoard;
 class TalkDevices;
@@ -36,9 +43,10 @@ public:
     // Refusals are counted in metrics by reason. While the status board says the
     // gateway is stopping, new downloads and talks are refused so that a proxy
     // tries another gateway. talks: the talking devices; without them every
-    // talk request is refused.
+    // talk request is refused. accessLog: where refusals are written (none: not written).
     DownloadFilter(const DigestAuthenticator& authenticator, const MediaCatalog& catalog, GatewayMetrics& metrics,
-                   StatusBoard& status, Logger& log, FilterLimits limits, TalkDevices* talks = nullptr);
+                   StatusBoard& status, Logger& log, FilterLimits limits, TalkDevices* talks = nullptr,
+                   AccessLog* accessLog = nullptr);
 
     // 0 accepts; a refusal returns its REST error number and sets the context's status.
     int Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
@@ -53,13 +61,16 @@ private:
                       PluginUrl& split, std::string& user, Refusal& refusal);
     int checkDownload(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context,
                       const std::string& method, const PluginUrl& split, const std::string& user);
-    // A talk's open, close or audio link, credentials already checked.
+    // A talk's open, close or audio link, credentials already checked. A
+    // talk that runs may link its audio and be closed even when a reload has
+    // taken its channel's device away since it opened.
     int checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const PluginUrl& split,
                   const std::string& target, const std::string& user);
     // The device side of a talk the plug-in accepted (the DESCRIBE).
     int checkTalkDevice(PROTOCOL_FILTER::IConnectContext* context, const std::string& url);
+    // asked: who was refused and what they asked for, for the access log.
     int refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
-               const Refusal& refusal);
+               const Refusal& refusal, AccessEntry asked);
     // A refusal when no new work may start now (stopping, or at the limit); false otherwise.
     bool busy(bool isDownload, Refusal& refusal) const;
     // The status board learns a valid client address only; other text is logged as untrusted.
@@ -72,6 +83,7 @@ private:
     Logger& m_log;
     const FilterLimits m_limits;
     TalkDevices* m_talks;
+    AccessLog* m_accessLog;
     LoginThrottle m_throttle;
 };
 

@@ -73,7 +73,7 @@ int serveUntilStopped(Running& run)
         const int received = nextSignal(run.signals, kPublishInterval);
         publish(run);
         if (received == SIGHUP) {
-            run.log.logf(kLogInfo, "SIGHUP received: reloading users and recordings");
+            run.log.logf(kLogInfo, "SIGHUP received: reloading users, devices and recordings");
             run.notifier.reloading();
             reloadGateway(run.readConfig, run.config, run.reload);
             run.notifier.ready("ready");
@@ -285,7 +285,7 @@ int runGateway(const GatewayConfig& configured, const ConfigReader& readConfig, 
         return kExitBadSetup;
     }
     DownloadFilter filter(authenticator, catalog, metrics, status, log,
-                          FilterLimits{config.maxDownloads, config.maxTalksPerUser}, &talks);
+                          FilterLimits{config.maxDownloads, config.maxTalksPerUser}, &talks, &accessLog);
     StreamSink sink(catalog, static_cast<size_t>(config.blockSize), metrics, &accessLog, log, &talks);
     sink.setMinimumRate(static_cast<uint64_t>(config.minDeliveryRate), config.minDeliveryRateSeconds);
     UtilitySink utility(config, metrics, log);
@@ -326,7 +326,7 @@ int runGateway(const GatewayConfig& configured, const ConfigReader& readConfig, 
                 metrics,
                 status,
                 notifier,
-                ReloadTargets{authenticator, catalog, accessLog, metrics, log},
+                ReloadTargets{authenticator, catalog, talks, accessLog, metrics, log},
                 log};
     int exitCode = serve(plugin, sink, filter, run);
     plugin.uninitialize();

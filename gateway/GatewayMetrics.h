@@ -50,6 +50,7 @@ public:
     void challengeIssued() { m_challenges.fetch_add(1, std::memory_order_relaxed); }
     void reloaded(bool succeeded);
     void accessLogLineDropped() { m_accessLogDropped.fetch_add(1, std::memory_order_relaxed); }
+    void accessLogRefusalSkipped() { m_accessLogRefusalsSkipped.fetch_add(1, std::memory_order_relaxed); }
 
     uint64_t downloadsStarted() const { return m_downloadsStarted.load(); }
     uint64_t downloadsFinished(DownloadOutcome outcome) const;
@@ -66,6 +67,7 @@ public:
     uint64_t challenges() const { return m_challenges.load(); }
     uint64_t reloads(bool succeeded) const { return m_reloads[succeeded ? 1 : 0].load(); }
     uint64_t accessLogDropped() const { return m_accessLogDropped.load(); }
+    uint64_t accessLogRefusalsSkipped() const { return m_accessLogRefusalsSkipped.load(); }
 
     // The duration histogram: count per bucket (not cumulative; the last one is
     // above every bound), and the sum of every duration.
@@ -86,6 +88,7 @@ private:
     std::atomic<uint64_t> m_challenges{0};
     std::array<std::atomic<uint64_t>, 2> m_reloads{};  // failed, succeeded
     std::atomic<uint64_t> m_accessLogDropped{0};
+    std::atomic<uint64_t> m_accessLogRefusalsSkipped{0};
     std::array<std::atomic<uint64_t>, kDownloadSecondsBuckets.size() + 1> m_durationBuckets{};
     std::atomic<uint64_t> m_durationMicroseconds{0};
 };

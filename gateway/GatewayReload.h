@@ -1,9 +1,11 @@
-// What SIGHUP changes in a running gateway: the users (from the configuration
-// file, read again with the same command-line overrides) and the recordings
-// indexes of the configured devices. Downloads and talks that run go on
-// untouched; other settings (ports, devices, folders, realm, admin endpoint)
-// take effect at the next start. The access log is opened again by its name,
-// so log rotation needs no restart either.
+// What SIGHUP changes in a running gateway: the users and the devices (from the
+// configuration file, read again with the same command-line overrides), the
+// recordings indexes of the devices, and the talking devices' audio. A device
+// that is added serves at once; one that is removed takes no new request, while
+// its running downloads and talks go on to their end. Other settings (ports,
+// folders, realm, limits, logs, admin endpoint) take effect at the next start;
+// a reload that finds them changed says which. The access log is opened again
+// by its name, so log rotation needs no restart either.
 #ifndef GATEWAY_GATEWAY_RELOAD_H
 #define GATEWAY_GATEWAY_RELOAD_H
 
@@ -18,6 +20,7 @@ class DigestAuthenticator;
 class GatewayMetrics;
 class Logger;
 class MediaCatalog;
+class TalkDevices;
 
 // Reads the configuration as at start; false with a message naming the field or file.
 using ConfigReader = std::function<bool(GatewayConfig& config, std::string& error)>;
@@ -27,13 +30,17 @@ std::map<std::string, std::string> passwordsOf(const GatewayConfig& config);
 struct ReloadTargets {
     DigestAuthenticator& authenticator;
     MediaCatalog& catalog;
+    TalkDevices& talks;
     AccessLog& accessLog;
     GatewayMetrics& metrics;
     Logger& log;
 };
 
-// Applies the configuration as it is now; a configuration or an index that is
-// refused leaves everything as it was (logged, counted as a failed reload).
+// Applies the configuration as it is now, all or nothing: everything is read
+// and checked first (the configuration's own rules, among them unique
+// devIndex, folder, address and rtspPort, and talk channel; every index; every
+// talking device's audio), and a failure leaves users, devices and recordings
+// as they were (logged with its cause, counted as a failed reload).
 bool reloadGateway(const ConfigReader& readConfig, const GatewayConfig& running, ReloadTargets targets);
 
 #endif  // GATEWAY_GATEWAY_RELOAD_H

@@ -127,6 +127,9 @@ void renderTalksAndRequests(Exposition& out, const GatewayMetrics& metrics)
     out.family("media_gateway_access_log_dropped_total", "counter",
                "Access log lines lost because the log file could not keep up.");
     out.sample("media_gateway_access_log_dropped_total", "", metrics.accessLogDropped());
+    out.family("media_gateway_access_log_refusals_skipped_total", "counter",
+               "Refused requests not written to the access log because more came in a second than it takes.");
+    out.sample("media_gateway_access_log_refusals_skipped_total", "", metrics.accessLogRefusalsSkipped());
 }
 
 void renderProcess(Exposition& out, const ProcessStats& process)

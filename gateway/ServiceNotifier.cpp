@@ -23,7 +23,8 @@ void ServiceNotifier::reloading()
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     const uint64_t microseconds = static_cast<uint64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
-    notify("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(microseconds) + "\n", "reloading users and recordings");
+    notify("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(microseconds) + "\n",
+           "reloading users, devices and recordings");
 }
 
 void ServiceNotifier::stopping(const std::string& status)

@@ -176,7 +176,9 @@ int StreamSink::openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_W
                          void** sessionHandle)
 {
     const int channel = talkChannelOfMediaUrl(text(mediaUrl));
-    const TalkDevice* device = m_talks != nullptr ? m_talks->byChannel(channel) : nullptr;
+    // Held while the talk is set up: a reload may replace the set meanwhile.
+    const std::shared_ptr<const TalkDeviceSet> devices = m_talks != nullptr ? m_talks->current() : nullptr;
+    const TalkDevice* device = devices != nullptr ? devices->byChannel(channel) : nullptr;
     if (device == nullptr) {
         m_log.logf(kLogError, "OnOpen: \"%s\" names no talking device", text(mediaUrl));
         return RestError::kInternalError;

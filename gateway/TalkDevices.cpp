@@ -115,7 +115,7 @@ TalkVerb talkVerbOfTarget(const std::string& target, int channel)
     return verb == "audioData" ? TalkVerb::kAudioData : TalkVerb::kNone;
 }
 
-bool TalkDevices::load(const GatewayConfig& config, Logger& log, std::string& error)
+bool TalkDeviceSet::load(const GatewayConfig& config, Logger& log, std::string& error)
 {
     m_devices.clear();
     for (const DeviceConfig& device : config.devices) {
@@ -151,7 +151,7 @@ bool TalkDevices::load(const GatewayConfig& config, Logger& log, std::string& er
     return true;
 }
 
-const TalkDevice* TalkDevices::byChannel(int channel) const
+const TalkDevice* TalkDeviceSet::byChannel(int channel) const
 {
     for (const TalkDevice& device : m_devices) {
         if (device.channel == channel) {
@@ -160,3 +160,25 @@ const TalkDevice* TalkDevices::byChannel(int channel) const
     }
     return nullptr;
 }
+
+bool TalkDevices::load(const GatewayConfig& config, Logger& log, std::string& error)
+{
+    auto devices = std::make_shared<TalkDeviceSet>();
+    if (!devices->load(config, log, error)) {
+        return false;
+    }
+    replace(std::move(devices));
+    return true;
+}
+
+std::shared_ptr<const TalkDeviceSet> TalkDevices::current() const
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_devices;
+}
+
+void TalkDevices::replace(std::shared_ptr<const TalkDeviceSet> devices)
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    m_devices.swap(devices);
+}  // the previous set is released here, outside the lock, when nobody else holds it

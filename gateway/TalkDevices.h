@@ -1,6 +1,7 @@
 // The gateway's talking devices: which device answers a talk on which
 // channel, in which codec, with what audio, and where what its clients say is
-// kept. Built once at start; the audio is shared by every talk of a device.
+// kept. Built at start and again by each reload, as a whole new set; the audio
+// is shared by every talk of a device.
 //
 // The plug-in names a talk by its channel and the HTTP port of its Host: the
 // open, close and audio-link requests reach the filter as
@@ -12,6 +13,7 @@
 #define GATEWAY_TALK_DEVICES_H
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -49,7 +51,9 @@ bool talkKeyOfDescribe(const std::string& url, TalkKey& key);
 enum class TalkVerb { kNone, kOpen, kClose, kAudioData };
 TalkVerb talkVerbOfTarget(const std::string& target, int channel);
 
-class TalkDevices {
+// The talking devices of one configuration; not changed once loaded, so any
+// thread may read it.
+class TalkDeviceSet {
 public:
     // Loads every talking device's audio; false with a message naming the
     // device and the file.
@@ -58,10 +62,31 @@ public:
     const TalkDevice* byChannel(int channel) const;
     size_t size() const { return m_devices.size(); }
 
+private:
+    std::vector<TalkDevice> m_devices;
+};
+
+// The set the gateway talks with now, and who holds which talk. A reload puts
+// a new set here whole; whoever took the previous one keeps it for as long as
+// it holds it. A running talk has its own copy of what it plays (TalkStream),
+// and its owner stays in owners() across reloads, so a talk whose device is
+// removed runs on, and may be closed, until it ends.
+class TalkDevices {
+public:
+    TalkDevices() : m_devices(std::make_shared<const TalkDeviceSet>()) {}
+
+    // Loads the configuration's set and puts it in place; false (nothing
+    // changed) with a message naming the device and the file.
+    bool load(const GatewayConfig& config, Logger& log, std::string& error);
+
+    std::shared_ptr<const TalkDeviceSet> current() const;
+    void replace(std::shared_ptr<const TalkDeviceSet> devices);
+
     TalkOwners& owners() { return m_owners; }
 
 private:
-    std::vector<TalkDevice> m_devices;  // not changed after load
+    mutable std::mutex m_lock;  // guards the pointer, not the set, which never changes
+    std::shared_ptr<const TalkDeviceSet> m_devices;
     TalkOwners m_owners;
 };
 

@@ -54,6 +54,13 @@ void TalkOwners::ended(const TalkKey& key)
     m_talks.erase(key);
 }
 
+bool TalkOwners::running(const TalkKey& key)
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    auto found = m_talks.find(key);
+    return found != m_talks.end() && found->second.running;
+}
+
 bool TalkOwners::mayUse(const TalkKey& key, const std::string& user)
 {
     std::lock_guard<std::mutex> guard(m_lock);

@@ -45,6 +45,9 @@ public:
     // The talk at key ended (closed, timed out, its client gone).
     void ended(const TalkKey& key);
 
+    // True while the talk at key runs (its device side is open).
+    bool running(const TalkKey& key);
+
     // True when user may close the talk at key or link audio to it: there is
     // none (the plug-in then says so), or it is the user's.
     bool mayUse(const TalkKey& key, const std::string& user);

@@ -1,7 +1,7 @@
 // media-gateway: the reference gateway host of the HTTP protocol plug-in.
 // It loads the plug-in, checks every request's Digest credentials, serves
 // recordings from a media folder, plays talking devices for two-way audio and
-// stops cleanly on SIGINT or SIGTERM; SIGHUP reloads users and recordings.
+// stops cleanly on SIGINT or SIGTERM; SIGHUP reloads users, devices and recordings.
 #include <unistd.h>
 
 #include <cstdio>

@@ -148,12 +148,15 @@ class Operated(OperatedGateway):
         with open(self.access_log) as source:
             lines = source.read().splitlines()
         stamp = r"\[\d\d/\w{3}/\d{4}:\d\d:\d\d:\d\d [+-]\d{4}\]"
-        self.assertEqual(len(lines), 5, lines)
+        self.assertEqual(len(lines), 7, lines)
         self.assertRegex(lines[0], r'^203\.0\.113\.0 - admin %s "download %s clip-a\.bin" - %d 0 \d+\.\d{3} complete$'
                          % (stamp, h.DEVICE, h.HEAD_SIZE + size))
-        self.assertRegex(lines[3], r'^- - admin %s "download %s big\.bin" - \d+ 0 \d+\.\d{3} (client_gone|stopped)$'
+        self.assertRegex(lines[3], r'^- - admin %s "download %s clip-a\.bin" - 0 0 0\.000 refused_unauthorized$'
+                         % (stamp, h.DEVICE))
+        self.assertRegex(lines[4], r'^- - admin %s "download %s -" - 0 0 0\.000 refused_bad_request$' % (stamp, h.DEVICE))
+        self.assertRegex(lines[5], r'^- - admin %s "download %s big\.bin" - \d+ 0 \d+\.\d{3} (client_gone|stopped)$'
                          % (stamp, h.CAMERA))
-        self.assertRegex(lines[4], r'^- - admin %s "talk %s channel-1" - [1-9]\d* 0 \d+\.\d{3} closed$'
+        self.assertRegex(lines[6], r'^- - admin %s "talk %s channel-1" - [1-9]\d* 0 \d+\.\d{3} closed$'
                          % (stamp, h.DEVICE))
 
     def test_sighup_adds_a_user_and_a_recording_while_a_download_runs(self):

@@ -3,8 +3,12 @@
 Which refusal fits which request is the gateway's unit tests; here the answers
 travel the whole way through the real plug-in.
 """
+import json
+import math
 import os
+import re
 import sys
+import time
 import urllib.request
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -33,6 +37,84 @@ class Refusals(h.GatewayCase):
         self.assertEqual(reply.status, 404, "the XML form answers with the gateway's status")
         status = self.wait_for_status(lambda s: s.get("refused") == 2, "two refusals")
         self.assertEqual((status["opened"], status["openStreams"]), (0, 0))
+
+
+class RefusalsInTheAccessLog(h.GatewayCase):
+    """An operator sees who was refused, for what and why; a flood of refusals stays a trickle on disk."""
+
+    def setUp(self):
+        self.admin_port = h.free_port()
+        super().setUp()
+
+    def config(self):
+        config = super().config()
+        self.access_log = os.path.join(self.dir, "access.log")
+        config["log"]["access"] = self.access_log
+        config["admin"] = {"listen": "127.0.0.1:%d" % self.admin_port}
+        return config
+
+    def access_lines(self, count):
+        deadline = time.monotonic() + 5
+        while True:
+            with open(self.access_log) as source:
+                lines = source.read().splitlines()
+            if len(lines) >= count or time.monotonic() > deadline:
+                return lines
+            time.sleep(0.05)
+
+    def test_each_refusal_names_client_user_request_and_reason(self):
+        guess = self.curl("-H", "X-Forwarded-For: 203.0.113.9",
+                          *h.json_download_args(self.port, h.playback_uri(name="clip-a.bin")),
+                          user="mallory", password="guess")
+        self.assertEqual(guess.status, 401)
+        unknown = self.curl(*h.json_download_args(self.port, h.playback_uri(device=UNKNOWN), device=UNKNOWN))
+        self.assertEqual(unknown.status, 403)
+        self.assertEqual(self.curl(*h.json_download_args(self.port, h.playback_uri(start="soon"))).status, 403)
+        talk = self.curl("-X", "PUT", "http://127.0.0.1:%d/QUMEX/System/TwoWayAudio/channels/9/open" % self.port)
+        self.assertNotEqual(talk.status, 200)
+        self.assertEqual(self.curl(*h.json_download_args(self.port, h.playback_uri(name="clip-a.bin"))).status, 200)
+
+        stamp = r"\[\d\d/\w{3}/\d{4}:\d\d:\d\d:\d\d [+-]\d{4}\]"
+        lines = self.access_lines(5)
+        # The challenges that come before each request's credentials are no refusals: one line per request.
+        self.assertEqual(len(lines), 5, lines)
+        self.assertRegex(lines[0], r'^203\.0\.113\.9 - mallory %s "download %s clip-a\.bin" - 0 0 0\.000 '
+                         r'refused_unauthorized$' % (stamp, h.DEVICE))
+        self.assertRegex(lines[1], r'^- - admin %s "download %s -" - 0 0 0\.000 refused_not_found$' % (stamp, UNKNOWN))
+        self.assertRegex(lines[2], r'^- - admin %s "download %s -" - 0 0 0\.000 refused_bad_request$'
+                         % (stamp, h.DEVICE))
+        self.assertRegex(lines[3], r'^- - admin %s "talk - channel-9" - 0 0 0\.000 refused_not_found$' % stamp)
+        self.assertRegex(lines[4], r'^- - admin %s "download %s clip-a\.bin" - \d+ 0 \d+\.\d{3} complete$'
+                         % (stamp, h.DEVICE))
+
+    def test_a_flood_of_refusals_writes_a_bounded_number_of_lines_and_counts_the_rest(self):
+        path = "/QUMEX/ContentMgmt/download?format=json&devIndex=%s" % h.DEVICE
+        body = json.dumps({"downloadRequest": {"playbackURI": h.playback_uri()}})
+        forged = ('Digest username="%s", realm="%s", nonce="00", uri="%s", qop=auth, nc=00000001, cnonce="c", '
+                  'response="00000000000000000000000000000000"' % ("x" * 60, h.REALM, path))
+        sent = 150
+        started = time.monotonic()
+        for _ in range(sent):
+            connection = h.http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
+            try:
+                connection.request("POST", path, body=body, headers={"Authorization": forged})
+                self.assertEqual(connection.getresponse().status, 401)
+            finally:
+                connection.close()
+        seconds = math.ceil(time.monotonic() - started) + 1  # the seconds the flood can have touched
+        self.wait_for_status(lambda s: s.get("refused") == sent, "every refusal counted")
+        written = [line for line in self.access_lines(1) if line.endswith(" refused_unauthorized")]
+        _, text = h.http_get(self.admin_port, "/metrics")
+        skipped = h.parse_metrics(text)["media_gateway_access_log_refusals_skipped_total"]
+        self.assertEqual(len(written) + skipped, sent, "each refusal is written or counted")
+        self.assertLessEqual(len(written), 20 * seconds)
+        self.assertGreaterEqual(len(written), 20)
+        if sent > 20 * seconds:  # the flood outran the allowance (it does, unless the machine crawls)
+            self.wait_for_log(r"access log: more than 20 refusals a second; the others are counted")
+            self.assertEqual(len(re.findall("access log: more than 20 refusals", self.gateway.log_text())), 1,
+                             "said once, not once per refusal")
+        for line in written:
+            self.assertIn(" - %s [" % ("x" * 60), line)
 
 
 class Replay(h.GatewayCase):

@@ -1,5 +1,6 @@
-// The access log: lines an operator's tools can split, and a writer that loses
-// no line while delivery threads record and the file is rotated under it.
+// The access log: lines an operator's tools can split, a writer that loses no
+// line while delivery threads record and the file is rotated under it, and
+// refusals that a flood of requests cannot turn into a flood of bytes.
 #include <gtest/gtest.h>
 #include <json/json.h>
 
@@ -73,6 +74,62 @@ TEST(AccessLogFormat, CommonLinesKeepTheirColumnsAndJsonLinesReadBack)
     ASSERT_TRUE(Json::Reader().parse(formatAccessEntry(talk, AccessLogFormat::kJson), line));
     EXPECT_EQ(line["channel"].asInt(), 3);
     EXPECT_FALSE(line.isMember("recording"));
+
+    // A refused talk request whose URL names no channel keeps the columns.
+    talk.channel = 0;
+    talk.bytesSent = talk.bytesReceived = 0;
+    talk.seconds = 0;
+    talk.outcome = "refused_bad_request";
+    EXPECT_NE(formatAccessEntry(talk, AccessLogFormat::kCommon)
+                  .find("\"talk 8c5b1a2e-0f4d-4e7a-9b3c-6d2e1f0a7b41 -\" - 0 0 0.000 refused_bad_request\n"),
+              std::string::npos);
+    ASSERT_TRUE(Json::Reader().parse(formatAccessEntry(talk, AccessLogFormat::kJson), line));
+    EXPECT_TRUE(line["channel"].isNull());
+}
+
+TEST(AccessLog, RefusalsAreWrittenWithinTheirRateWithTheClaimsCut)
+{
+    char folder[] = "/tmp/gateway-access-XXXXXX";
+    ASSERT_NE(mkdtemp(folder), nullptr);
+    const std::string path = std::string(folder) + "/access.log";
+    GatewayMetrics metrics;
+    Logger log;
+    log.setLevel(kLogError);  // the skipping is announced as a warning
+    int64_t now = 1000;
+    AccessLog accessLog(metrics, log, [&now] { return now; });
+    std::string error;
+    ASSERT_TRUE(accessLog.open(path, AccessLogFormat::kCommon, error)) << error;
+
+    AccessEntry refused = download();
+    refused.user = std::string(5000, 'u');  // as long as the plug-in lets a header be
+    refused.recording = std::string(5000, '"');
+    refused.bytesSent = 0;
+    refused.outcome = "refused_unauthorized";
+    const int kFlood = AccessLog::kMaxRefusalsPerSecond + 30;
+    for (int i = 0; i < kFlood; ++i) {
+        accessLog.recordRefusal(refused);
+    }
+    accessLog.record(download());  // a download's line is never held back by refusals
+    now += 1;
+    accessLog.recordRefusal(refused);  // a new second, a new allowance
+    accessLog.close();
+
+    const std::vector<std::string> lines = linesOf(path);
+    ASSERT_EQ(lines.size(), static_cast<size_t>(AccessLog::kMaxRefusalsPerSecond + 2));
+    EXPECT_EQ(metrics.accessLogRefusalsSkipped(), 30u);
+    EXPECT_EQ(metrics.accessLogDropped(), 0u);
+    size_t refusals = 0;
+    for (const std::string& line : lines) {
+        if (line.find(" refused_unauthorized") == std::string::npos) {
+            continue;
+        }
+        ++refusals;
+        // The claims are cut before they are escaped: a line stays short whatever the client sent.
+        EXPECT_NE(line.find(" - " + std::string(AccessLog::kMaxClaimedText, 'u') + " ["), std::string::npos);
+        EXPECT_LT(line.size(), 4 * 3 * AccessLog::kMaxClaimedText) << line;
+    }
+    EXPECT_EQ(refusals, static_cast<size_t>(AccessLog::kMaxRefusalsPerSecond + 1));
+    EXPECT_EQ(system(("rm -rf '" + std::string(folder) + "'").c_str()), 0);
 }
 
 TEST(AccessLog, EveryLineFromManyThreadsLandsWholeAcrossARotation)
