@@ -24,12 +24,6 @@ struct AuthDecision {
     bool guessed = false;
 };
 
-// Whether the request target the plug-in forwards fits the request it made of
-// it: the download path for a download, and for a device named in both, the
-// same device; the channel's own path for a talk. ownUrl is the client's part
-// of the plug-in's URL (PluginUrl.h).
-bool requestTargetMatches(const std::string& target, const std::string& ownUrl, std::string& reason);
-
 // response = MD5(HA1:nonce:nc:cnonce:qop:HA2), or MD5(HA1:nonce:HA2) when qop is empty
 // (RFC 2069, which clients may still compute, and verify() refuses), with HA2 = MD5(method:uri).
 std::string digestResponse(const std::string& ha1, const std::string& method, const std::string& uri,

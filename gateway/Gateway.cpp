@@ -12,7 +12,7 @@
 #include "BearerToken.h"
 #include "DescriptorBudget.h"
 #include "DigestAuthenticator.h"
-#include "DownloadFilter.h"
+#include "RequestFilter.h"
 #include "GatewayMetrics.h"
 #include "IdentityKey.h"
 #include "ListenAddress.h"
@@ -151,7 +151,7 @@ void routePluginLog(const GatewayConfig& config)
 }
 
 // Plug-in loaded and initialised: create the server, serve until a signal, tear down.
-int serve(PluginLibrary& plugin, StreamSink& sink, DownloadFilter& filter, Running& run)
+int serve(PluginLibrary& plugin, StreamSink& sink, RequestFilter& filter, Running& run)
 {
     const GatewayConfig& config = run.config;
     if (!offersHttp(plugin)) {
@@ -284,8 +284,8 @@ int runGateway(const GatewayConfig& configured, const ConfigReader& readConfig, 
         log.logf(kLogError, "talking devices refused: %s", error.c_str());
         return kExitBadSetup;
     }
-    DownloadFilter filter(authenticator, catalog, metrics, status, log,
-                          FilterLimits{config.maxDownloads, config.maxTalksPerUser}, &talks, &accessLog);
+    RequestFilter filter(authenticator, catalog, metrics, status, log,
+                         FilterLimits{config.maxDownloads, config.maxTalksPerUser}, &talks, &accessLog);
     StreamSink sink(catalog, static_cast<size_t>(config.blockSize), metrics, &accessLog, log, &talks);
     sink.setMinimumRate(static_cast<uint64_t>(config.minDeliveryRate), config.minDeliveryRateSeconds);
     UtilitySink utility(config, metrics, log);

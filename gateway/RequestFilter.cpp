@@ -1,7 +1,8 @@
-#include "DownloadFilter.h"
+#include "RequestFilter.h"
 
 #include "AccessLog.h"
 #include "DigestCredentials.h"
+#include "RequestTarget.h"
 #include "DownloadResolver.h"
 #include "Logger.h"
 #include "PlaybackUri.h"
@@ -78,9 +79,9 @@ AccessEntry askedFor(const std::string& own, const std::string& client, const st
 
 }  // namespace
 
-DownloadFilter::DownloadFilter(const DigestAuthenticator& authenticator, const MediaCatalog& catalog,
-                               GatewayMetrics& metrics, StatusBoard& status, Logger& log, FilterLimits limits,
-                               TalkDevices* talks, AccessLog* accessLog)
+RequestFilter::RequestFilter(const DigestAuthenticator& authenticator, const MediaCatalog& catalog,
+                             GatewayMetrics& metrics, StatusBoard& status, Logger& log, FilterLimits limits,
+                             TalkDevices* talks, AccessLog* accessLog)
     : m_authenticator(authenticator),
       m_catalog(catalog),
       m_metrics(metrics),
@@ -93,7 +94,7 @@ DownloadFilter::DownloadFilter(const DigestAuthenticator& authenticator, const M
 {
 }
 
-bool DownloadFilter::busy(bool isDownload, Refusal& refusal) const
+bool RequestFilter::busy(bool isDownload, Refusal& refusal) const
 {
     if (m_status.phase() == GatewayPhase::kStopping) {
         refusal = Refusal{RestError::kServiceUnavailable, RtspStatusIndex::kServiceUnavailable,
@@ -108,8 +109,8 @@ bool DownloadFilter::busy(bool isDownload, Refusal& refusal) const
     return false;
 }
 
-int DownloadFilter::Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
-                            PROTOCOL_FILTER::IConnectContext* context)
+int RequestFilter::Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
+                           PROTOCOL_FILTER::IConnectContext* context)
 {
     // Nothing may be thrown into the plug-in.
     try {
@@ -123,7 +124,7 @@ int DownloadFilter::Request(PROTOCOL_FILTER::IProtocolRequest* request, int flag
     }
 }
 
-int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context)
+int RequestFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context)
 {
     if (!request || !context || !request->GetProtocolRequestLine()) {
         m_log.logf(kLogError, "filter called without a request or a context");
@@ -155,8 +156,8 @@ int DownloadFilter::check(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_F
     return checkTalk(context, method, split, headValue(request, "Request-Target"), user);
 }
 
-bool DownloadFilter::authenticate(PROTOCOL_FILTER::IProtocolRequest* request, const std::string& method,
-                                  const std::string& url, PluginUrl& split, std::string& user, Refusal& refusal)
+bool RequestFilter::authenticate(PROTOCOL_FILTER::IProtocolRequest* request, const std::string& method,
+                                 const std::string& url, PluginUrl& split, std::string& user, Refusal& refusal)
 {
     const std::string authorization = headValue(request, "Authorization");
     const std::string target = headValue(request, "Request-Target");
@@ -192,8 +193,8 @@ bool DownloadFilter::authenticate(PROTOCOL_FILTER::IProtocolRequest* request, co
     return true;
 }
 
-int DownloadFilter::checkDownload(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context,
-                                  const std::string& method, const PluginUrl& split, const std::string& user)
+int RequestFilter::checkDownload(PROTOCOL_FILTER::IProtocolRequest* request, PROTOCOL_FILTER::IConnectContext* context,
+                                 const std::string& method, const PluginUrl& split, const std::string& user)
 {
     PlaybackUri uri;
     std::string error;
@@ -217,8 +218,8 @@ int DownloadFilter::checkDownload(PROTOCOL_FILTER::IProtocolRequest* request, PR
     return 0;
 }
 
-int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method,
-                              const PluginUrl& split, const std::string& target, const std::string& user)
+int RequestFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const std::string& method,
+                             const PluginUrl& split, const std::string& target, const std::string& user)
 {
     AccessEntry asked = askedFor(split.own, split.client.address, user);
     TalkKey key;
@@ -271,7 +272,7 @@ int DownloadFilter::checkTalk(PROTOCOL_FILTER::IConnectContext* context, const s
     return kTalkAccepted;
 }
 
-int DownloadFilter::checkTalkDevice(PROTOCOL_FILTER::IConnectContext* context, const std::string& url)
+int RequestFilter::checkTalkDevice(PROTOCOL_FILTER::IConnectContext* context, const std::string& url)
 {
     TalkKey key;
     const bool named = talkKeyOfDescribe(url, key);
@@ -291,7 +292,7 @@ int DownloadFilter::checkTalkDevice(PROTOCOL_FILTER::IConnectContext* context, c
     return 0;
 }
 
-void DownloadFilter::noteClient(const ForwardedClient& client)
+void RequestFilter::noteClient(const ForwardedClient& client)
 {
     if (!client.untrusted.empty()) {
         m_log.logf(kLogWarn, "forwarded client address \"%s\" is not an address; untrusted, not used",
@@ -300,14 +301,14 @@ void DownloadFilter::noteClient(const ForwardedClient& client)
     m_status.requestAccepted(client.address);
 }
 
-int DownloadFilter::Response(PROTOCOL_FILTER::IProtocolResponse* response, int flags,
-                             PROTOCOL_FILTER::IConnectContext* context)
+int RequestFilter::Response(PROTOCOL_FILTER::IProtocolResponse* response, int flags,
+                            PROTOCOL_FILTER::IConnectContext* context)
 {
     return 0;
 }
 
-int DownloadFilter::refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
-                           const Refusal& refusal, AccessEntry asked)
+int RequestFilter::refuse(PROTOCOL_FILTER::IConnectContext* context, const std::string& method, const std::string& url,
+                          const Refusal& refusal, AccessEntry asked)
 {
     context->SetStatusCode(refusal.statusIndex);
     context->SetErrorCode(refusal.restError);

@@ -14,8 +14,8 @@
 // an access log, written there with what the client claimed: its forwarded
 // address, the user its credentials name, the device and recording or the
 // channel its URL names (AccessLog.h bounds how many such lines a second).
-#ifndef GATEWAY_DOWNLOAD_FILTER_H
-#define GATEWAY_DOWNLOAD_FILTER_H
+#ifndef GATEWAY_REQUEST_FILTER_H
+#define GATEWAY_REQUEST_FILTER_H
 
 #include <ProtocolFilter.h>
 
@@ -38,15 +38,15 @@ struct FilterLimits {
     int maxTalksPerUser = 4;  // talks one user may hold
 };
 
-class DownloadFilter : public PROTOCOL_FILTER::IProtocolFilter {
+class RequestFilter : public PROTOCOL_FILTER::IProtocolFilter {
 public:
     // Refusals are counted in metrics by reason. While the status board says the
     // gateway is stopping, new downloads and talks are refused so that a proxy
     // tries another gateway. talks: the talking devices; without them every
     // talk request is refused. accessLog: where refusals are written (none: not written).
-    DownloadFilter(const DigestAuthenticator& authenticator, const MediaCatalog& catalog, GatewayMetrics& metrics,
-                   StatusBoard& status, Logger& log, FilterLimits limits, TalkDevices* talks = nullptr,
-                   AccessLog* accessLog = nullptr);
+    RequestFilter(const DigestAuthenticator& authenticator, const MediaCatalog& catalog, GatewayMetrics& metrics,
+                  StatusBoard& status, Logger& log, FilterLimits limits, TalkDevices* talks = nullptr,
+                  AccessLog* accessLog = nullptr);
 
     // 0 accepts; a refusal returns its REST error number and sets the context's status.
     int Request(PROTOCOL_FILTER::IProtocolRequest* request, int flags,
@@ -87,4 +87,4 @@ private:
     LoginThrottle m_throttle;
 };
 
-#endif  // GATEWAY_DOWNLOAD_FILTER_H
+#endif  // GATEWAY_REQUEST_FILTER_H
