@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "ConfigFile.h"
+#include "config/ConfigFile.h"
 #include "FuzzCheck.h"
-#include "JsonFile.h"
-#include "MediaLibrary.h"
+#include "base/JsonFile.h"
+#include "media/MediaLibrary.h"
 #include "OnWorkerStack.h"
 
 static void FuzzOneInput(const uint8_t* data, size_t size)

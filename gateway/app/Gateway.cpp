@@ -1,4 +1,4 @@
-#include "Gateway.h"
+#include "app/Gateway.h"
 
 #include <sys/stat.h>
 
@@ -7,24 +7,24 @@
 #include <cstring>
 #include <ctime>
 
-#include "AccessLog.h"
-#include "AdminServer.h"
-#include "BearerToken.h"
-#include "DescriptorBudget.h"
-#include "DigestAuthenticator.h"
-#include "RequestFilter.h"
-#include "GatewayMetrics.h"
-#include "IdentityKey.h"
-#include "ListenAddress.h"
-#include "Logger.h"
-#include "MediaCatalog.h"
-#include "PluginLibrary.h"
-#include "SampleMedia.h"
-#include "ServiceNotifier.h"
-#include "StatusBoard.h"
-#include "StreamSink.h"
-#include "TalkDevices.h"
-#include "UtilitySink.h"
+#include "ops/AccessLog.h"
+#include "ops/AdminServer.h"
+#include "auth/BearerToken.h"
+#include "config/DescriptorBudget.h"
+#include "auth/DigestAuthenticator.h"
+#include "app/RequestFilter.h"
+#include "base/GatewayMetrics.h"
+#include "auth/IdentityKey.h"
+#include "base/ListenAddress.h"
+#include "base/Logger.h"
+#include "media/MediaCatalog.h"
+#include "app/PluginLibrary.h"
+#include "media/SampleMedia.h"
+#include "ops/ServiceNotifier.h"
+#include "ops/StatusBoard.h"
+#include "app/StreamSink.h"
+#include "talk/TalkDevices.h"
+#include "app/UtilitySink.h"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include <signal.h>
 
-#include "GatewayConfig.h"
-#include "GatewayReload.h"
+#include "config/GatewayConfig.h"
+#include "ops/GatewayReload.h"
 
 // Exit codes of the program.
 constexpr int kExitStopped = 0;      // stopped by SIGINT or SIGTERM

@@ -1,8 +1,8 @@
-#include "PluginLibrary.h"
+#include "app/PluginLibrary.h"
 
 #include <dlfcn.h>
 
-#include "Logger.h"
+#include "base/Logger.h"
 
 namespace {
 

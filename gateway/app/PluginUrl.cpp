@@ -1,4 +1,4 @@
-#include "PluginUrl.h"
+#include "app/PluginUrl.h"
 
 #include <arpa/inet.h>
 

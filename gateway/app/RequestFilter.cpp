@@ -1,15 +1,15 @@
-#include "RequestFilter.h"
+#include "app/RequestFilter.h"
 
-#include "AccessLog.h"
-#include "DigestCredentials.h"
-#include "RequestTarget.h"
-#include "DownloadResolver.h"
-#include "Logger.h"
-#include "PlaybackUri.h"
-#include "RequestOrigin.h"
-#include "SteadyClock.h"
-#include "StatusBoard.h"
-#include "TalkDevices.h"
+#include "ops/AccessLog.h"
+#include "auth/DigestCredentials.h"
+#include "app/RequestTarget.h"
+#include "download/DownloadResolver.h"
+#include "base/Logger.h"
+#include "download/PlaybackUri.h"
+#include "download/RequestOrigin.h"
+#include "base/SteadyClock.h"
+#include "ops/StatusBoard.h"
+#include "talk/TalkDevices.h"
 
 namespace {
 

@@ -19,12 +19,12 @@
 
 #include <ProtocolFilter.h>
 
-#include "DigestAuthenticator.h"
-#include "GatewayMetrics.h"
-#include "LoginThrottle.h"
-#include "MediaCatalog.h"
-#include "PluginUrl.h"
-#include "RestErrors.h"
+#include "auth/DigestAuthenticator.h"
+#include "base/GatewayMetrics.h"
+#include "auth/LoginThrottle.h"
+#include "media/MediaCatalog.h"
+#include "app/PluginUrl.h"
+#include "base/RestErrors.h"
 
 class AccessLog;
 struct AccessEntry;

@@ -1,7 +1,7 @@
-#include "RequestTarget.h"
+#include "app/RequestTarget.h"
 
-#include "PlaybackUri.h"
-#include "TalkDevices.h"
+#include "download/PlaybackUri.h"
+#include "talk/TalkDevices.h"
 
 bool requestTargetMatches(const std::string& target, const std::string& ownUrl, std::string& reason)
 {

@@ -1,4 +1,4 @@
-#include "StreamSink.h"
+#include "app/StreamSink.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,14 +10,14 @@
 #include <ctime>
 #include <new>
 
-#include "AccessLog.h"
-#include "DownloadResolver.h"
-#include "GatewayMetrics.h"
-#include "Logger.h"
-#include "RegularFile.h"
-#include "RestErrors.h"
-#include "StreamBlocks.h"
-#include "TalkDevices.h"
+#include "ops/AccessLog.h"
+#include "download/DownloadResolver.h"
+#include "base/GatewayMetrics.h"
+#include "base/Logger.h"
+#include "base/RegularFile.h"
+#include "base/RestErrors.h"
+#include "download/StreamBlocks.h"
+#include "talk/TalkDevices.h"
 
 namespace {
 

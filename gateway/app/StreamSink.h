@@ -13,10 +13,10 @@
 #include <memory>
 #include <mutex>
 
-#include "BlockPool.h"
-#include "MediaCatalog.h"
-#include "RecordingStream.h"
-#include "TalkStream.h"
+#include "download/BlockPool.h"
+#include "media/MediaCatalog.h"
+#include "download/RecordingStream.h"
+#include "talk/TalkStream.h"
 
 class AccessLog;
 class GatewayMetrics;

@@ -1,7 +1,7 @@
-#include "UtilitySink.h"
+#include "app/UtilitySink.h"
 
-#include "GatewayMetrics.h"
-#include "Logger.h"
+#include "base/GatewayMetrics.h"
+#include "base/Logger.h"
 
 namespace {
 

@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <string>
 
-#include "CommandLine.h"
-#include "ConfigFile.h"
-#include "Gateway.h"
-#include "MetricsText.h"
+#include "config/CommandLine.h"
+#include "config/ConfigFile.h"
+#include "app/Gateway.h"
+#include "ops/MetricsText.h"
 
 namespace {
 

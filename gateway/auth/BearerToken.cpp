@@ -1,4 +1,4 @@
-#include "BearerToken.h"
+#include "auth/BearerToken.h"
 
 #include <openssl/crypto.h>
 #include <strings.h>

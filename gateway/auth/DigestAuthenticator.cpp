@@ -1,14 +1,14 @@
-#include "DigestAuthenticator.h"
+#include "auth/DigestAuthenticator.h"
 
 #include <cctype>
 #include <strings.h>
 
 #include <cstdlib>
 
-#include "DigestCredentials.h"
-#include "Md5.h"
-#include "PluginNonce.h"
-#include "TextHelpers.h"
+#include "auth/DigestCredentials.h"
+#include "base/Md5.h"
+#include "auth/PluginNonce.h"
+#include "base/TextHelpers.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "DigestCredentials.h"
+#include "auth/DigestCredentials.h"
 
 #include <netutils/DigestParams.h>
 

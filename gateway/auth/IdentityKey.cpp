@@ -1,4 +1,4 @@
-#include "IdentityKey.h"
+#include "auth/IdentityKey.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "LoginThrottle.h"
+#include "auth/LoginThrottle.h"
 
 #include <algorithm>
 #include <vector>

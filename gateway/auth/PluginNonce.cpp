@@ -1,9 +1,9 @@
-#include "PluginNonce.h"
+#include "auth/PluginNonce.h"
 
 #include <cstdio>
 
-#include "Base64.h"
-#include "TextHelpers.h"
+#include "base/Base64.h"
+#include "base/TextHelpers.h"
 
 bool decodePluginNonceTime(const std::string& nonce, int64_t& createdAt)
 {

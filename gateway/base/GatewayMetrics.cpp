@@ -1,4 +1,4 @@
-#include "GatewayMetrics.h"
+#include "base/GatewayMetrics.h"
 
 namespace {
 

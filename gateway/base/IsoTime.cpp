@@ -1,4 +1,4 @@
-#include "IsoTime.h"
+#include "base/IsoTime.h"
 
 #include <cctype>
 #include <ctime>

@@ -1,9 +1,9 @@
-#include "JsonFile.h"
+#include "base/JsonFile.h"
 
 #include <algorithm>
 #include <memory>
 
-#include "RegularFile.h"
+#include "base/RegularFile.h"
 
 bool parseJsonText(const std::string& text, size_t maxOpenings, Json::Value& root, std::string& error)
 {

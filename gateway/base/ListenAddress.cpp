@@ -1,4 +1,4 @@
-#include "ListenAddress.h"
+#include "base/ListenAddress.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>

@@ -1,4 +1,4 @@
-#include "Md5.h"
+#include "base/Md5.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>

@@ -1,11 +1,11 @@
-#include "ConfigFile.h"
+#include "config/ConfigFile.h"
 
 #include <set>
 #include <utility>
 
-#include "BearerToken.h"
-#include "JsonFile.h"
-#include "Logger.h"
+#include "auth/BearerToken.h"
+#include "base/JsonFile.h"
+#include "base/Logger.h"
 
 namespace {
 

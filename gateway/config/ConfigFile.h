@@ -25,7 +25,7 @@
 
 #include <string>
 
-#include "GatewayConfig.h"
+#include "config/GatewayConfig.h"
 
 // Most '[' and '{' a configuration file may hold: thousands of devices.
 constexpr size_t kMaxConfigOpenings = 100000;

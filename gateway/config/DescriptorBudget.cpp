@@ -1,11 +1,11 @@
-#include "DescriptorBudget.h"
+#include "config/DescriptorBudget.h"
 
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <climits>
 
-#include "GatewayConfig.h"
+#include "config/GatewayConfig.h"
 
 namespace {
 

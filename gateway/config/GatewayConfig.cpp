@@ -1,4 +1,4 @@
-#include "GatewayConfig.h"
+#include "config/GatewayConfig.h"
 
 GatewayConfig defaultGatewayConfig()
 {

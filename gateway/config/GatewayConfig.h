@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "ListenAddress.h"
+#include "base/ListenAddress.h"
 
 // Documented in README.md; change it for anything but a local demonstration.
 constexpr const char* kDefaultUser = "admin";

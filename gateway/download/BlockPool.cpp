@@ -1,4 +1,4 @@
-#include "BlockPool.h"
+#include "download/BlockPool.h"
 
 #include <sys/mman.h>
 

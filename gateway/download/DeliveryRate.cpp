@@ -1,4 +1,4 @@
-#include "DeliveryRate.h"
+#include "download/DeliveryRate.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "DeliveryThread.h"
+#include "download/DeliveryThread.h"
 
 bool DeliveryThread::start(std::function<void()> body)
 {

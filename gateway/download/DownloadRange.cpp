@@ -1,4 +1,4 @@
-#include "DownloadRange.h"
+#include "download/DownloadRange.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,6 +1,6 @@
-#include "DownloadResolver.h"
+#include "download/DownloadResolver.h"
 
-#include "IsoTime.h"
+#include "base/IsoTime.h"
 
 namespace {
 

@@ -3,9 +3,9 @@
 #ifndef GATEWAY_DOWNLOAD_RESOLVER_H
 #define GATEWAY_DOWNLOAD_RESOLVER_H
 
-#include "MediaLibrary.h"
-#include "PlaybackUri.h"
-#include "RestErrors.h"
+#include "media/MediaLibrary.h"
+#include "download/PlaybackUri.h"
+#include "base/RestErrors.h"
 
 struct ResolvedDownload {
     const DeviceMedia* device = nullptr;

@@ -1,4 +1,4 @@
-#include "PlaybackUri.h"
+#include "download/PlaybackUri.h"
 
 #include <cctype>
 #include <cstdlib>

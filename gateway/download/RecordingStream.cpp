@@ -1,4 +1,4 @@
-#include "RecordingStream.h"
+#include "download/RecordingStream.h"
 
 #include <unistd.h>
 
@@ -11,8 +11,8 @@
 
 #include <HttpProtocolWrapper.h>
 
-#include "Logger.h"
-#include "StreamBlocks.h"
+#include "base/Logger.h"
+#include "download/StreamBlocks.h"
 
 RecordingStream::RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, BlockPool& blocks,
                                  GatewayMetrics& metrics, Logger& log)

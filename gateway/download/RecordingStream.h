@@ -17,13 +17,13 @@
 #include <mutex>
 #include <string>
 
-#include "BlockPool.h"
-#include "DeliveryRate.h"
-#include "DeliveryThread.h"
-#include "DownloadRange.h"
-#include "GatewayMetrics.h"
-#include "MediaLibrary.h"
-#include "RequestOrigin.h"
+#include "download/BlockPool.h"
+#include "download/DeliveryRate.h"
+#include "download/DeliveryThread.h"
+#include "download/DownloadRange.h"
+#include "base/GatewayMetrics.h"
+#include "media/MediaLibrary.h"
+#include "download/RequestOrigin.h"
 
 class Logger;
 

@@ -1,4 +1,4 @@
-#include "RequestOrigin.h"
+#include "download/RequestOrigin.h"
 
 #include <cstdio>
 

@@ -1,4 +1,4 @@
-#include "StreamBlocks.h"
+#include "download/StreamBlocks.h"
 
 #include <algorithm>
 #include <cstring>

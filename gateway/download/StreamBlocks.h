@@ -35,7 +35,7 @@
 #include <cstdint>
 #include <string>
 
-#include "DownloadRange.h"
+#include "download/DownloadRange.h"
 
 constexpr size_t kStreamInfoSize = 1620;
 constexpr size_t kStreamHeadSize = 40;

@@ -8,7 +8,7 @@
 #include <memory>
 #include <mutex>
 
-#include "MediaLibrary.h"
+#include "media/MediaLibrary.h"
 
 class MediaCatalog {
 public:

@@ -1,4 +1,4 @@
-#include "MediaLibrary.h"
+#include "media/MediaLibrary.h"
 
 #include <json/json.h>
 #include <sys/stat.h>
@@ -8,9 +8,9 @@
 #include <fstream>
 #include <set>
 
-#include "IsoTime.h"
-#include "JsonFile.h"
-#include "Logger.h"
+#include "base/IsoTime.h"
+#include "base/JsonFile.h"
+#include "base/Logger.h"
 
 namespace {
 

@@ -14,7 +14,7 @@
 
 #include <json/json.h>
 
-#include "GatewayConfig.h"
+#include "config/GatewayConfig.h"
 
 class Logger;
 

@@ -1,8 +1,8 @@
-#include "RecordingsListing.h"
+#include "media/RecordingsListing.h"
 
 #include <json/json.h>
 
-#include "IsoTime.h"
+#include "base/IsoTime.h"
 
 std::string recordingsListing(const MediaLibrary& library)
 {

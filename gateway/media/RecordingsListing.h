@@ -13,7 +13,7 @@
 
 #include <string>
 
-#include "MediaLibrary.h"
+#include "media/MediaLibrary.h"
 
 std::string recordingsListing(const MediaLibrary& library);
 

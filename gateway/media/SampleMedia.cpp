@@ -1,4 +1,4 @@
-#include "SampleMedia.h"
+#include "media/SampleMedia.h"
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -9,9 +9,9 @@
 #include <cstring>
 #include <vector>
 
-#include "IsoTime.h"
-#include "Logger.h"
-#include "MediaLibrary.h"
+#include "base/IsoTime.h"
+#include "base/Logger.h"
+#include "media/MediaLibrary.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "GatewayConfig.h"
+#include "config/GatewayConfig.h"
 
 class Logger;
 

@@ -1,4 +1,4 @@
-#include "AccessLog.h"
+#include "ops/AccessLog.h"
 
 #include <json/json.h>
 
@@ -7,8 +7,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "GatewayMetrics.h"
-#include "Logger.h"
+#include "base/GatewayMetrics.h"
+#include "base/Logger.h"
 
 namespace {
 

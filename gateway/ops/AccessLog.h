@@ -39,7 +39,7 @@
 #include <string>
 #include <thread>
 
-#include "SteadyClock.h"
+#include "base/SteadyClock.h"
 
 class GatewayMetrics;
 class Logger;

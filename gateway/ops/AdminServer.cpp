@@ -1,12 +1,12 @@
-#include "AdminServer.h"
+#include "ops/AdminServer.h"
 
-#include "GatewayMetrics.h"
-#include "Logger.h"
-#include "MediaCatalog.h"
-#include "MetricsText.h"
-#include "ProcessStats.h"
-#include "RecordingsListing.h"
-#include "StatusBoard.h"
+#include "base/GatewayMetrics.h"
+#include "base/Logger.h"
+#include "media/MediaCatalog.h"
+#include "ops/MetricsText.h"
+#include "ops/ProcessStats.h"
+#include "media/RecordingsListing.h"
+#include "ops/StatusBoard.h"
 
 namespace {
 

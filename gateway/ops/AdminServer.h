@@ -15,8 +15,8 @@
 #include <memory>
 #include <string>
 
-#include "HttpService.h"
-#include "ListenAddress.h"
+#include "ops/HttpService.h"
+#include "base/ListenAddress.h"
 
 class GatewayMetrics;
 class Logger;

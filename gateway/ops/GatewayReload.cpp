@@ -1,14 +1,14 @@
-#include "GatewayReload.h"
+#include "ops/GatewayReload.h"
 
 #include <memory>
 #include <vector>
 
-#include "AccessLog.h"
-#include "DigestAuthenticator.h"
-#include "GatewayMetrics.h"
-#include "Logger.h"
-#include "MediaCatalog.h"
-#include "TalkDevices.h"
+#include "ops/AccessLog.h"
+#include "auth/DigestAuthenticator.h"
+#include "base/GatewayMetrics.h"
+#include "base/Logger.h"
+#include "media/MediaCatalog.h"
+#include "talk/TalkDevices.h"
 
 std::map<std::string, std::string> passwordsOf(const GatewayConfig& config)
 {

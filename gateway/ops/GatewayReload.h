@@ -13,7 +13,7 @@
 #include <map>
 #include <string>
 
-#include "GatewayConfig.h"
+#include "config/GatewayConfig.h"
 
 class AccessLog;
 class DigestAuthenticator;

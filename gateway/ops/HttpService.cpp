@@ -1,4 +1,4 @@
-#include "HttpService.h"
+#include "ops/HttpService.h"
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -15,8 +15,8 @@
 #include <thread>
 #include <vector>
 
-#include "BearerToken.h"
-#include "Logger.h"
+#include "auth/BearerToken.h"
+#include "base/Logger.h"
 
 namespace beast = boost::beast;
 namespace http = beast::http;

@@ -19,7 +19,7 @@
 #include <memory>
 #include <string>
 
-#include "ListenAddress.h"
+#include "base/ListenAddress.h"
 
 class Logger;
 

@@ -1,4 +1,4 @@
-#include "MetricsText.h"
+#include "ops/MetricsText.h"
 
 #include <cstdio>
 #include <cstdlib>

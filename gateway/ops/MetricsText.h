@@ -8,8 +8,8 @@
 
 #include <string>
 
-#include "GatewayMetrics.h"
-#include "ProcessStats.h"
+#include "base/GatewayMetrics.h"
+#include "ops/ProcessStats.h"
 
 constexpr const char* kMetricsContentType = "text/plain; version=0.0.4; charset=utf-8";
 

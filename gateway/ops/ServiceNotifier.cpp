@@ -1,4 +1,4 @@
-#include "ServiceNotifier.h"
+#include "ops/ServiceNotifier.h"
 
 #include <systemd/sd-daemon.h>
 #include <time.h>

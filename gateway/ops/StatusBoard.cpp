@@ -1,4 +1,4 @@
-#include "StatusBoard.h"
+#include "ops/StatusBoard.h"
 
 #include <json/json.h>
 #include <unistd.h>
@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "GatewayMetrics.h"
-#include "Logger.h"
+#include "base/GatewayMetrics.h"
+#include "base/Logger.h"
 
 const char* phaseName(GatewayPhase phase)
 {

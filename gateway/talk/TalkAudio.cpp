@@ -1,4 +1,4 @@
-#include "TalkAudio.h"
+#include "talk/TalkAudio.h"
 
 #include <spandsp.h>
 
@@ -7,8 +7,8 @@
 #include <cstring>
 #include <vector>
 
-#include "RegularFile.h"
-#include "WavFile.h"
+#include "base/RegularFile.h"
+#include "talk/WavFile.h"
 
 namespace {
 

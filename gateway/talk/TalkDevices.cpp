@@ -1,8 +1,8 @@
-#include "TalkDevices.h"
+#include "talk/TalkDevices.h"
 
 #include <cstdlib>
 
-#include "Logger.h"
+#include "base/Logger.h"
 
 namespace {
 

@@ -17,9 +17,9 @@
 #include <string>
 #include <vector>
 
-#include "GatewayConfig.h"
-#include "TalkAudio.h"
-#include "TalkOwners.h"
+#include "config/GatewayConfig.h"
+#include "talk/TalkAudio.h"
+#include "talk/TalkOwners.h"
 
 class Logger;
 

@@ -1,4 +1,4 @@
-#include "TalkOwners.h"
+#include "talk/TalkOwners.h"
 
 TalkOwners::TalkOwners(std::function<int64_t()> now) : m_now(std::move(now))
 {

@@ -15,7 +15,7 @@
 #include <string>
 #include <utility>
 
-#include "SteadyClock.h"
+#include "base/SteadyClock.h"
 
 // A talk as the plug-in keys it: the channel and the HTTP port of its Host.
 using TalkKey = std::pair<int, int>;

@@ -1,11 +1,11 @@
-#include "TalkStream.h"
+#include "talk/TalkStream.h"
 
 #include <unistd.h>
 
 #include <cstring>
 
-#include "GatewayMetrics.h"
-#include "Logger.h"
+#include "base/GatewayMetrics.h"
+#include "base/Logger.h"
 
 namespace {
 

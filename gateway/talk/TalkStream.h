@@ -16,8 +16,8 @@
 #include <string>
 #include <thread>
 
-#include "TalkAudio.h"
-#include "WavFile.h"
+#include "talk/TalkAudio.h"
+#include "talk/WavFile.h"
 
 class GatewayMetrics;
 class Logger;

@@ -1,11 +1,11 @@
-#include "WavFile.h"
+#include "talk/WavFile.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include "RegularFile.h"
+#include "base/RegularFile.h"
 
 namespace {
 

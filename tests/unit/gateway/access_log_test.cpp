@@ -9,9 +9,9 @@
 #include <thread>
 #include <vector>
 
-#include "AccessLog.h"
-#include "GatewayMetrics.h"
-#include "Logger.h"
+#include "ops/AccessLog.h"
+#include "base/GatewayMetrics.h"
+#include "base/Logger.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // than it was told to.
 #include <gtest/gtest.h>
 
-#include "BlockPool.h"
+#include "download/BlockPool.h"
 
 TEST(BlockPool, ReusesTheWarmestBlockAndKeepsAtMostItsShare)
 {

@@ -2,10 +2,10 @@
 // admin endpoint.
 #include <gtest/gtest.h>
 
-#include "BearerToken.h"
-#include "DeliveryRate.h"
-#include "DescriptorBudget.h"
-#include "GatewayConfig.h"
+#include "auth/BearerToken.h"
+#include "download/DeliveryRate.h"
+#include "config/DescriptorBudget.h"
+#include "config/GatewayConfig.h"
 
 TEST(DescriptorBudget, BoundsShrinkToALowLimitSoThatBothPortsFitBesideTheReserve)
 {

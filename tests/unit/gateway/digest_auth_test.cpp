@@ -4,10 +4,10 @@
 
 #include <functional>
 
-#include "DigestAuthenticator.h"
-#include "DigestCredentials.h"
-#include "Md5.h"
-#include "PluginNonce.h"
+#include "auth/DigestAuthenticator.h"
+#include "auth/DigestCredentials.h"
+#include "base/Md5.h"
+#include "auth/PluginNonce.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // bytes of each that means.
 #include <gtest/gtest.h>
 
-#include "DownloadRange.h"
+#include "download/DownloadRange.h"
 
 namespace {
 

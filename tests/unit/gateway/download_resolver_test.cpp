@@ -2,8 +2,8 @@
 // refusal the client gets.
 #include <gtest/gtest.h>
 
-#include "DownloadResolver.h"
-#include "IsoTime.h"
+#include "download/DownloadResolver.h"
+#include "base/IsoTime.h"
 #include "media_fixture.h"
 
 namespace {

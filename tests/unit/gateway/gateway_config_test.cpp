@@ -1,8 +1,8 @@
 // Configuration checks: every refusal names the field, so a user can fix it.
 #include <gtest/gtest.h>
 
-#include "CommandLine.h"
-#include "ConfigFile.h"
+#include "config/CommandLine.h"
+#include "config/ConfigFile.h"
 
 namespace {
 

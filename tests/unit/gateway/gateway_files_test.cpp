@@ -6,9 +6,9 @@
 
 #include <fstream>
 
-#include "JsonFile.h"
-#include "Logger.h"
-#include "RegularFile.h"
+#include "base/JsonFile.h"
+#include "base/Logger.h"
+#include "base/RegularFile.h"
 #include "media_fixture.h"
 
 namespace {

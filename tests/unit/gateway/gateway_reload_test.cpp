@@ -2,13 +2,13 @@
 // and whoever holds the previous devices keeps them unchanged.
 #include <gtest/gtest.h>
 
-#include "AccessLog.h"
-#include "ConfigFile.h"
-#include "DigestAuthenticator.h"
-#include "GatewayMetrics.h"
-#include "GatewayReload.h"
-#include "MediaCatalog.h"
-#include "TalkDevices.h"
+#include "ops/AccessLog.h"
+#include "config/ConfigFile.h"
+#include "auth/DigestAuthenticator.h"
+#include "base/GatewayMetrics.h"
+#include "ops/GatewayReload.h"
+#include "media/MediaCatalog.h"
+#include "talk/TalkDevices.h"
 #include "media_fixture.h"
 
 namespace {

@@ -2,7 +2,7 @@
 // from another address still gets in.
 #include <gtest/gtest.h>
 
-#include "LoginThrottle.h"
+#include "auth/LoginThrottle.h"
 
 TEST(LoginThrottle, LocksAGuessingAddressForAWhileAndLogsOnce)
 {

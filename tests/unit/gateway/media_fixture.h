@@ -8,8 +8,8 @@
 #include <fstream>
 #include <string>
 
-#include "Logger.h"
-#include "MediaLibrary.h"
+#include "base/Logger.h"
+#include "media/MediaLibrary.h"
 
 class MediaFixture : public ::testing::Test {
 protected:

@@ -1,8 +1,8 @@
 // The /metrics text: what a scraper reads must be what happened, bucket by bucket.
 #include <gtest/gtest.h>
 
-#include "GatewayMetrics.h"
-#include "MetricsText.h"
+#include "base/GatewayMetrics.h"
+#include "ops/MetricsText.h"
 
 TEST(MetricsText, DurationsLandInCumulativeBucketsAndOutcomesInTheirLabels)
 {

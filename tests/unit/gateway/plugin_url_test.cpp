@@ -3,8 +3,8 @@
 // of the client's, wherever it stands, chooses a device, a client or a user.
 #include <gtest/gtest.h>
 
-#include "PlaybackUri.h"
-#include "PluginUrl.h"
+#include "download/PlaybackUri.h"
+#include "app/PluginUrl.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // nothing else.
 #include <gtest/gtest.h>
 
-#include "RequestTarget.h"
+#include "app/RequestTarget.h"
 
 TEST(RequestTarget, MustFitTheRequestTheGatewaySees)
 {

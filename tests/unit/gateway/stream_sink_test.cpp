@@ -12,11 +12,11 @@
 #include <thread>
 #include <vector>
 
-#include "AccessLog.h"
-#include "DownloadResolver.h"
-#include "GatewayMetrics.h"
-#include "StreamBlocks.h"
-#include "StreamSink.h"
+#include "ops/AccessLog.h"
+#include "download/DownloadResolver.h"
+#include "base/GatewayMetrics.h"
+#include "download/StreamBlocks.h"
+#include "app/StreamSink.h"
 #include "media_fixture.h"
 
 namespace {

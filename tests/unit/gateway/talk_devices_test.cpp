@@ -8,10 +8,10 @@
 #include <fstream>
 #include <string>
 
-#include "ConfigFile.h"
-#include "TalkAudio.h"
-#include "TalkDevices.h"
-#include "WavFile.h"
+#include "config/ConfigFile.h"
+#include "talk/TalkAudio.h"
+#include "talk/TalkDevices.h"
+#include "talk/WavFile.h"
 
 namespace {
 

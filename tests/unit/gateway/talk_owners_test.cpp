@@ -1,7 +1,7 @@
 // A talk belongs to the user who opened it; each user holds a few at most.
 #include <gtest/gtest.h>
 
-#include "TalkOwners.h"
+#include "talk/TalkOwners.h"
 
 namespace {
 const TalkKey kOne(1, 8080), kTwo(2, 8080), kOneOtherPort(1, 9090);
