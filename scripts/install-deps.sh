@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake pkg-config clang-format
-  libjsoncpp-dev libtinyxml-dev libssl-dev node-llhttp libboost1.81-dev libspandsp-dev libsystemd-dev
+  libjsoncpp-dev libtinyxml-dev libssl-dev node-llhttp libboost1.81-dev libspandsp-dev
   googletest libgtest-dev libgmock-dev
   curl wget nginx-light python3 python3-requests sox  # python3-requests: the end-to-end tests show it still logs in
   libnginx-mod-stream  # nginx's stream module: the group recipe carries talks' audio ports through it
