@@ -5,7 +5,7 @@
 
 #include <json/json.h>
 
-#include "auth/DigestUserName.h"
+#include "auth/DigestHeader.h"
 #include "errors/RestErrorCodes.h"
 #include "errors/RestErrorTable.h"
 #include "errors/XmlNamespaces.h"

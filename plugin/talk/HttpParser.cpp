@@ -7,7 +7,7 @@
 
 #include <vector>
 
-#include "auth/DigestUserName.h"
+#include "auth/DigestHeader.h"
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
 #include "util/StringUtils.h"

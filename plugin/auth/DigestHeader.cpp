@@ -1,4 +1,4 @@
-#include "auth/DigestUserName.h"
+#include "auth/DigestHeader.h"
 
 #include <stdio.h>
 #include <string.h>

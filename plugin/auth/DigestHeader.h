@@ -3,8 +3,8 @@
 // copied with a bound that counts the terminating zero, so that the name loses
 // its last character ("admin" gives "admi"). The gateway compares exactly this
 // text, so both the standard and the raw channel take it here.
-#ifndef HTTPWRAPPER_AUTH_DIGESTUSERNAME_H
-#define HTTPWRAPPER_AUTH_DIGESTUSERNAME_H
+#ifndef HTTPWRAPPER_AUTH_DIGESTHEADER_H
+#define HTTPWRAPPER_AUTH_DIGESTHEADER_H
 
 #include <string>
 
@@ -24,4 +24,4 @@ DigestUserNameResult CutDigestUserName(const std::string& authorization, const c
 
 }  // namespace HttpWrapper
 
-#endif  // HTTPWRAPPER_AUTH_DIGESTUSERNAME_H
+#endif  // HTTPWRAPPER_AUTH_DIGESTHEADER_H
