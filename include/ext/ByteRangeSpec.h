@@ -55,8 +55,7 @@ inline bool readRangeNumber(const std::string& text, size_t& at, RangeNumberOver
 // The bounds from `at` on; `at` stops after them, and whatever follows is the
 // caller's to judge. False when they are malformed or the last byte stands
 // before the first.
-inline bool readByteRangeSpec(const std::string& text, size_t& at, RangeNumberOverflow overflow,
-                              ByteRangeSpec& spec)
+inline bool readByteRangeSpec(const std::string& text, size_t& at, RangeNumberOverflow overflow, ByteRangeSpec& spec)
 {
     ByteRangeSpec parsed;
     if (at < text.size() && text[at] == '-') {
