@@ -1,5 +1,5 @@
-// What the gateway's filter chain sees of a session where the plug-in keeps an
-// odd behaviour on purpose (docs/compatibility.md, Q7 and Q8).
+// Odd behaviour of a session that the gateway's filter chain or the client
+// relies on (docs/compatibility.md, Q7, Q8 and Q15).
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,6 +7,7 @@
 #include "FakeNetServer.h"
 #include "LogCapture.h"
 #include "TestSession.h"
+#include "session/ReplyFraming.h"
 
 using namespace HttpWrapper;
 using ::testing::_;
@@ -33,4 +34,11 @@ TEST(KeptGatewayView, TheServerAddressIsNotTheFilterChainsToSet)
     TestSession session(nullptr, nullptr);
     session.SetServerIP("192.0.2.1");
     EXPECT_STREQ(session.GetServerIP(), "");
+}
+
+TEST(KeptFraming, AnEmptyChunkedBlockGetsABareLineEnd)
+{
+    CReplyFraming framing;
+    framing.setChunked(true);
+    EXPECT_EQ(framing.blockPrefix(0) + framing.blockSuffix(), "\r\n\r\n");
 }
