@@ -24,7 +24,7 @@ struct PluginUrl {
     ForwardedClient client;
 };
 
-// What the plug-in appends for a user name: "&username=" and the name without
+// What the plug-in appends for a user name (docs/compatibility.md, Q2): "&username=" and the name without
 // its last character; nothing for an empty name or one of 65 characters or more.
 std::string pluginUserSuffix(const std::string& user);
 

@@ -8,21 +8,6 @@ namespace {
 const std::string kUnit = "bytes=";
 const std::string kIfRange = ";if-range=";
 
-// Digits that fit in 64 bits; the plug-in already turned larger numbers into the largest.
-bool readNumber(const std::string& text, size_t& at, uint64_t& value)
-{
-    const size_t start = at;
-    value = 0;
-    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
-        const unsigned digit = static_cast<unsigned>(text[at] - '0');
-        if (value > (UINT64_MAX - digit) / 10) {
-            return false;
-        }
-        value = value * 10 + digit;
-    }
-    return at > start;
-}
-
 }  // namespace
 
 bool parseDownloadRange(const std::string& head, DownloadRange& range)
@@ -33,25 +18,11 @@ bool parseDownloadRange(const std::string& head, DownloadRange& range)
     const size_t condition = head.find(';');
     const std::string bounds =
         head.substr(kUnit.size(), condition == std::string::npos ? std::string::npos : condition - kUnit.size());
+    // The plug-in turned larger numbers into the largest one: a number past 64
+    // bits is not one it writes.
     DownloadRange parsed;
     size_t at = 0;
-    if (!bounds.empty() && bounds[0] == '-') {
-        parsed.suffix = true;
-        at = 1;
-        if (!readNumber(bounds, at, parsed.first)) {
-            return false;
-        }
-    } else {
-        if (!readNumber(bounds, at, parsed.first) || at >= bounds.size() || bounds[at] != '-') {
-            return false;
-        }
-        ++at;
-        parsed.hasLast = at < bounds.size();
-        if (parsed.hasLast && (!readNumber(bounds, at, parsed.last) || parsed.last < parsed.first)) {
-            return false;
-        }
-    }
-    if (at != bounds.size()) {
+    if (!ext::readByteRangeSpec(bounds, at, ext::RangeNumberOverflow::kRefuse, parsed) || at != bounds.size()) {
         return false;
     }
     if (condition != std::string::npos) {

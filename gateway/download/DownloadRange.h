@@ -13,11 +13,10 @@
 #include <cstdint>
 #include <string>
 
-struct DownloadRange {
-    bool suffix = false;  // the last `first` bytes
-    uint64_t first = 0;
-    bool hasLast = false;
-    uint64_t last = 0;
+#include <ext/ByteRangeSpec.h>
+
+// The bounds, read as the plug-in reads the client's Range, and the condition.
+struct DownloadRange : ext::ByteRangeSpec {
     bool hasIfRange = false;
     std::string ifRange;  // the client's entity tag; empty matches nothing
 };

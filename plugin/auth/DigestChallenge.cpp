@@ -1,12 +1,10 @@
 // The authentication gate of a standard session. Credentials are never checked
 // here: Digest credentials are forwarded raw inside the RTSP request for the
 // gateway's filter chain to judge; a request without them gets the challenge.
-#include <stdio.h>
 #include <string.h>
 
-#include <HttpProtocolWrapper.h>
-#include <json/json.h>
-
+#include "auth/DigestHeader.h"
+#include "errors/HttpErrorHandler.h"
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
 #include "session/HttpSession.h"
@@ -14,11 +12,9 @@
 namespace HttpWrapper {
 
 namespace {
-const char kChallengeFormat[] = "Digest qop=\"auth\", realm=\"%s\", nonce=\"%s\", stale=\"FALSE\"";
 const size_t kAuthorizationBuffer = 1024;
 const size_t kForwardedForBuffer = 129;
-const size_t kNonceBuffer = 64;
-const size_t kChallengeBuffer = 256;
+const size_t kChallengeBuffer = 256;  // the challenge's value is cut to fit, as it always was (Q4)
 
 std::string readHeader(int handle, const char* name, size_t bufferSize)
 {
@@ -29,16 +25,6 @@ std::string readHeader(int handle, const char* name, size_t bufferSize)
     }
     value.resize(strlen(value.c_str()));
     return value;
-}
-
-std::string challengeBody()
-{
-    Json::Value body;
-    body["statusCode"] = 401;
-    body["statusString"] = "Unauthorized";
-    body["subStatusCode"] = "badAuthorization";
-    Json::FastWriter writer;
-    return writer.write(body);
 }
 }  // namespace
 
@@ -71,26 +57,10 @@ int CHttpSession::processAuth()
         return 0;
     }
 
-    char nonce[kNonceBuffer];
-    memset(nonce, 0, sizeof nonce);
-    m_httpHelper.CreateNonce(nonce, static_cast<int>(sizeof nonce));  // a failure leaves the nonce empty
-    std::string realm;
-    IProtocolWrapperUtilitySink* sink = __atomic_load_n(&g_pHttpProtocolWrapperUtilitySink, __ATOMIC_ACQUIRE);
-    if (sink != nullptr) {
-        sink->GetConfigValue("AuthRealm", realm);
-    }
-    char challenge[kChallengeBuffer];
-    snprintf(challenge, sizeof challenge, kChallengeFormat, realm.c_str(), nonce);
-    std::string body = challengeBody();
-    int status = 401;
     // The staging and the reply are not checked: the session is released by the
     // manager either way.
-    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, "WWW-Authenticate", 16, challenge,
-                            static_cast<int>(strlen(challenge)));
-    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, "Content-Type", 12, "application/json", 16);
-    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_BODY, nullptr, 0, body.c_str(), static_cast<int>(body.size()));
-    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_STATUS, nullptr, 0, &status, static_cast<int>(sizeof status));
-    NET_HTTPSERVER_Reply(handle, 0);
+    std::string challenge = MakeDigestChallenge(m_httpHelper).substr(0, kChallengeBuffer - 1);
+    CHttpErrorHandler::renderChallenge(handle, challenge);
     return HPW_ERR_AUTH;
 }
 

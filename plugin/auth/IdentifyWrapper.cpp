@@ -61,7 +61,7 @@ int IdentifyWrapper_Check(const char* token, bool enabled)
 int IdentifyWrapper_Apply(char* out, int outSize, int& outLen, bool enabled)
 {
     // Unlike Check, Apply fails while tokens are switched off: there is no
-    // token to hand out. The asymmetry is intended.
+    // token to hand out. The asymmetry is intended (Q23).
     if (!enabled) {
         return IDW_ERR_TOKENS_OFF;
     }
@@ -78,7 +78,7 @@ int IdentifyWrapper_Apply(char* out, int outSize, int& outLen, bool enabled)
     const int result = Identify_Apply(0, 0, raw, &rawSize);
     if (result == IDENTIFY_E_BUFFER_SMALL) {
         delete[] raw;
-        // Intended: a positive size, not an error code. The library wrote back
+        // Intended (Q23): a positive size, not an error code. The library wrote back
         // the raw length it needs; the caller must offer its Base64 length.
         return (rawSize / 3 + 1) * 4;
     }

@@ -8,6 +8,7 @@
 #include "errors/RestErrorTable.h"
 #include "errors/XmlNamespaces.h"
 #include "frame/FatalAssert.h"
+#include "util/HttpHelper.h"
 #include "xml/mkTinyXMLConverter.h"
 
 namespace HttpWrapper {
@@ -17,6 +18,7 @@ namespace {
 const char kContentTypeJSON[] = "application/json";
 const char kContentTypeXML[] = "application/xml";
 const char kContentTypeHeader[] = "Content-Type";
+const char kChallengeHeader[] = "WWW-Authenticate";
 
 // The request parameter block of the embedded HTTP server starts with the URL.
 static_assert(sizeof(NET_HTTPSERVER_REQUEST_PARAM) == 5054, "request parameter block of the HTTP server");
@@ -29,13 +31,20 @@ std::string fastWrite(const Json::Value& value)
     return writer.write(value);
 }
 
-std::string successText()
+// A document of the three status members only, as the success and the
+// challenge answers carry it.
+std::string shortStatusText(int statusCode, const char* statusString, const char* subStatusCode)
 {
     Json::Value status;
-    status["statusCode"] = 1;
-    status["statusString"] = "OK";
-    status["subStatusCode"] = "ok";
+    status["statusCode"] = statusCode;
+    status["statusString"] = statusString;
+    status["subStatusCode"] = subStatusCode;
     return fastWrite(status);
+}
+
+std::string successText()
+{
+    return shortStatusText(1, "OK", "ok");
 }
 
 std::string statusText(ZRT_UINT32 errorNo)
@@ -44,7 +53,7 @@ std::string statusText(ZRT_UINT32 errorNo)
         return successText();
     }
     // A number without a row leaves the value null, whose text is "null\n";
-    // the value form turns that into "internalError" (intended).
+    // the value form turns that into "internalError" (intended, Q9).
     Json::Value status;
     ZRT_UINT32 httpStatus = 0;
     getResponseStatusByErrorNo(errorNo, status, httpStatus);
@@ -64,7 +73,7 @@ bool integerErrorCode(const Json::Value& status, ZRT_INT32& errorCode)
 
 // Callers of the four-argument form pass only numbers of the table, so any
 // other number is a programming error. It stops the process with the assertion
-// message operators know from this form: "0", "HttpErrorHandler", line 69.
+// message operators know from this form: "0", "HttpErrorHandler", line 69 (Q12).
 [[noreturn]] void stopOnUnknownErrorNo()
 {
     HPW_FATAL_ASSERT("0", "HttpErrorHandler", 69,
@@ -119,6 +128,46 @@ void CHttpErrorHandler::renderXMLResponseStatus(ZRT_INT32 handle, ZRT_UINT32 err
     sendReply(handle, buildXMLReply(errorNo, readRequestURL(handle)));
 }
 
+void CHttpErrorHandler::renderChallenge(ZRT_INT32 handle, const std::string& challenge)
+{
+    // Not checked, like every reply here: the manager releases the session either way.
+    NET_HTTPSERVER_SetParam(handle, NET_HTTPSERVER_PARAM_HEADER, kChallengeHeader,
+                            static_cast<int>(strlen(kChallengeHeader)), challenge.c_str(),
+                            static_cast<int>(challenge.size()));
+    sendReply(handle, buildChallengeReply());
+}
+
+std::string CHttpErrorHandler::getRawXMLResponse(ZRT_UINT32 errorNo, const std::string& requestURL,
+                                                 const std::string& extraHeaders)
+{
+    Json::Value status;
+    ZRT_UINT32 groupStatus = 200;
+    getResponseStatusByErrorNo(errorNo, status, groupStatus);
+    // The status line takes the HTTP status with the 401 exception for
+    // "badAuthorization", so the challenge of the raw channel reads 401.
+    ZRT_UINT32 httpStatus = 200;
+    getHttpStatusCodeByErrorNo(errorNo, httpStatus);
+    std::string document = getXMLResponseStatus(requestURL, status);
+
+    // Q1: the phrase text starts with the code itself, so the status line
+    // reads "HTTP/1.1 401 401 Unauthorized".
+    std::string response =
+        "HTTP/1.1 " + std::to_string(httpStatus) + " " + CHttpHelper().getHTTPStatsStringByCode(httpStatus) + "\r\n";
+    response += "Content-Length: " + std::to_string(document.size()) + "\r\n";
+    response += std::string(kContentTypeHeader) + ": " + kContentTypeXML + "\r\n";
+    if (!extraHeaders.empty()) {
+        response += extraHeaders + "\r\n";
+    }
+    response += "\r\n";
+    response += document;
+    return response;
+}
+
+tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildChallengeReply()
+{
+    return tagRESPONSE_STATUS_REPLY{kContentTypeJSON, shortStatusText(401, "Unauthorized", "badAuthorization"), 401};
+}
+
 tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildJSONReply(ZRT_UINT32 errorNo)
 {
     // The number goes through its text, so 0, 1 and unknown numbers take the
@@ -165,14 +214,14 @@ tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildJSONReplyWithExtra(ZRT_UINT32 e
     }
     status[key] = extra;
     // The group's HTTP status, without the 401 of getHttpStatusCodeByErrorNo:
-    // this form has always answered 403 for "badAuthorization" (intended).
+    // this form has always answered 403 for "badAuthorization" (intended, Q10).
     return tagRESPONSE_STATUS_REPLY{kContentTypeJSON, fastWrite(status), static_cast<ZRT_INT32>(httpStatus)};
 }
 
 tagRESPONSE_STATUS_REPLY CHttpErrorHandler::buildXMLReply(ZRT_UINT32 errorNo, const std::string& requestURL)
 {
     // The lookup's result is not checked: an unknown number still answers,
-    // with HTTP 200 and an empty status (intended).
+    // with HTTP 200 and an empty status (intended, Q11).
     ZRT_UINT32 httpStatus = 200;
     Json::Value status;
     getResponseStatusByErrorNo(errorNo, status, httpStatus);

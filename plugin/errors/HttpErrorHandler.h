@@ -1,11 +1,12 @@
 // ResponseStatus documents: the JSON and XML answers that carry a REST error
 // number to the HTTP client, replied on a connection of the embedded HTTP
-// server.
+// server or written whole for the raw audio channel. Every error document of
+// the plug-in is made here.
 //
 // The documents are built by the build* functions, which need no connection;
 // the Render* operations build and then reply. A reply is always, in this
 // order: the Content-Type header, the body, the HTTP status, then the reply
-// call itself.
+// call itself (a challenge stages its "WWW-Authenticate" header first).
 #ifndef HTTPWRAPPER_ERRORS_HTTPERRORHANDLER_H
 #define HTTPWRAPPER_ERRORS_HTTPERRORHANDLER_H
 
@@ -59,6 +60,17 @@ public:
     // and HTTP 200.
     void renderXMLResponseStatus(ZRT_INT32 handle, ZRT_UINT32 errorNo);
 
+    // The answer to a standard request without credentials: the challenge as
+    // "WWW-Authenticate", and the 401 document of a Digest challenge (Q4).
+    static void renderChallenge(ZRT_INT32 handle, const std::string& challenge);
+
+    // A complete raw HTTP response, for the audio channel, carrying the XML
+    // document of errorNo; extraHeaders (without their last line end) stand
+    // after the Content-Type line. The status line doubles the code
+    // (compatibility.md, Q1).
+    static std::string getRawXMLResponse(ZRT_UINT32 errorNo, const std::string& requestURL,
+                                         const std::string& extraHeaders);
+
     // What the Render* operations above reply, built without a connection.
     static tagRESPONSE_STATUS_REPLY buildJSONReply(ZRT_UINT32 errorNo);
     static tagRESPONSE_STATUS_REPLY buildJSONReplyFromText(const std::string& json);
@@ -66,6 +78,7 @@ public:
     static tagRESPONSE_STATUS_REPLY buildJSONReplyWithExtra(ZRT_UINT32 errorNo, const std::string& key,
                                                             const Json::Value& extra);
     static tagRESPONSE_STATUS_REPLY buildXMLReply(ZRT_UINT32 errorNo, const std::string& requestURL);
+    static tagRESPONSE_STATUS_REPLY buildChallengeReply();
 
     // The XML ResponseStatus document of a status object as
     // getResponseStatusByErrorNo fills it (missing members give 0 and empty texts).

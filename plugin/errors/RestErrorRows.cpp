@@ -5,7 +5,8 @@
 // blanks and punctuation included ("updateDatabasError",
 // "ISO 8601TimeFormatError", "wait1~3MinutesGetIPAfterSetupDHCP").
 //
-// Rows entered on purpose exactly as clients have always received them:
+// Rows entered on purpose exactly as clients have always received them (Q14 in
+// docs/compatibility.md):
 //   - 0x4000102D, 0x4000107E and 0x4000110D are listed twice; the later row
 //     wins. 0x60000053 is listed twice with the same content.
 //   - 0x40001005 "importErrorData" is entered into group 6's map although its

@@ -118,7 +118,7 @@ int getHttpStatusCodeByErrorNo(ZRT_UINT32 errorNo, ZRT_UINT32& httpStatus)
     // Only the group decides, so a number of a valid group without a row also
     // succeeds. The 401 for "badAuthorization" exists only in this lookup: the
     // ResponseStatus document of the same number reports the group's 403, and
-    // clients see both; the difference is intended.
+    // clients see both; the difference is intended (Q10).
     httpStatus = errorNo == kRestBadAuthorization ? 401 : group->uHttpStatus;
     return 1;
 }

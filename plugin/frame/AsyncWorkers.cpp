@@ -146,7 +146,7 @@ void* CHttpServerWrapper::fnAsynProcessThread(void* server)
         self->runAsyncReq(req, hpwTickMs());
         delete req;
     }
-    HPW_LOGD("Aysn http process thread exit!");
+    HPW_LOGD("Aysn http process thread exit!");  // spelt as operators search for it (Q18)
     return nullptr;
 }
 
@@ -165,7 +165,7 @@ void* CHttpServerWrapper::fnTimeoutCheckThread(void* server)
             ZRT_Sleep(kTimeoutCheckSleepMs);
         }
     }
-    HPW_LOGD("Http timeout check thread eixt!");
+    HPW_LOGD("Http timeout check thread eixt!");  // spelt as operators search for it (Q18)
     return nullptr;
 }
 

@@ -157,7 +157,7 @@ void* CreateClient(const char* url, void* sink, void* filterChain)
 
 int DestroyClient(void* client)
 {
-    // Unlike CreateClient, the last error is left alone: the asymmetry is intended.
+    // Unlike CreateClient, the last error is left alone: the asymmetry is intended (Q22).
     HPW_LOGE(HttpWrapper::HPW_ERR_NO_CLIENT, "Http DestroyClient fail, No Support");
     return HttpWrapper::HPW_ERR_NO_CLIENT;
 }

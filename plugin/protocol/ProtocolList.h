@@ -9,7 +9,7 @@
 //  - removing an element erases the index entry under that element's name,
 //    whatever element the entry points to. Removing an older duplicate thus
 //    also hides the newer one from lookups (it stays in the list). The filter
-//    chain has always seen this behaviour and it is kept on purpose;
+//    chain has always seen this behaviour and it is kept on purpose (Q16);
 //  - there is one iteration cursor per list, untouched by insertions, so
 //    nested iterations over the same list interfere.
 #ifndef HTTPWRAPPER_PROTOCOL_PROTOCOLLIST_H

@@ -102,7 +102,7 @@ int CProtocolResponse::ParseResponse(char* text, int length)
 void CProtocolResponse::ParseStatusLine(const std::string& line)
 {
     // "RTSP/1.0 200 OK" cut at blanks and slashes gives exactly four pieces.
-    // The gateway relies on what follows, which is intended as it stands:
+    // The gateway relies on what follows, which is intended as it stands (Q16):
     // the version is set from the protocol name and then from the version
     // piece (so the version wins), the protocol name itself is never set, and
     // a reason phrase with a blank ("Not Found") gives more pieces, so the

@@ -69,7 +69,7 @@ bool ParseMessageText(const char* text, int length, CProtocolCommon& common, std
     }
     // The default cut limit applies: a block of more than 65 lines keeps the
     // surplus, line breaks included, in its last piece, which then reads as
-    // one header line. The filter chain has always seen it that way.
+    // one header line. The filter chain has always seen it that way (Q16).
     std::vector<std::string> lines;
     Split(std::string(text, terminator), "\r\n", lines, kAllCuts);
     firstLine = lines[0];
@@ -113,7 +113,7 @@ void CMessageTextWriter::WriteHead(IProtocolHead* head)
         }
     }
     // One step back overwrites the last ";" or, without attributes, the blank
-    // behind the colon: "X: a=1;b" and "X:" are the intended lines.
+    // behind the colon: "X: a=1;b" and "X:" are the intended lines (Q16).
     --m_llPosition;
     Format("\r\n");
 }

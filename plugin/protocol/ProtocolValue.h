@@ -1,6 +1,7 @@
 // Text forms of head and attribute values. Numbers are formatted into a zeroed
 // 64-byte buffer, so an over-long text (a very large double with six decimals)
-// is cut at 63 characters, as the gateway has always seen it.
+// is cut at 63 characters, as the gateway has always seen it (Q16 in
+// docs/compatibility.md).
 #ifndef HTTPWRAPPER_PROTOCOL_PROTOCOLVALUE_H
 #define HTTPWRAPPER_PROTOCOL_PROTOCOLVALUE_H
 

@@ -3,8 +3,6 @@
 #include <string.h>
 #include <strings.h>
 
-#include <climits>
-
 namespace HttpWrapper {
 
 namespace {
@@ -23,18 +21,6 @@ const size_t kTagSlot = 64;
 bool isBlank(char c)
 {
     return c == ' ' || c == '\t';
-}
-
-// Digits from `at`; false without any. A value past 64 bits stays at the largest.
-bool readNumber(const std::string& text, size_t& at, unsigned long long& value)
-{
-    size_t start = at;
-    value = 0;
-    for (; at < text.size() && text[at] >= '0' && text[at] <= '9'; ++at) {
-        unsigned digit = static_cast<unsigned>(text[at] - '0');
-        value = value > (ULLONG_MAX - digit) / 10 ? ULLONG_MAX : value * 10 + digit;
-    }
-    return at > start;
 }
 
 // Only a tag the gateway could have issued is worth its comparison: strong,
@@ -88,22 +74,11 @@ bool ParseRangeHeader(const std::string& value, CByteRangeRequest& range)
     while (at < text.size() && isBlank(text[at])) {
         ++at;
     }
+    // A number past 64 bits is a start beyond every body, or an end or a
+    // suffix that covers all of it.
     CByteRangeRequest parsed;
-    if (at < text.size() && text[at] == '-') {
-        ++at;
-        parsed.suffix = true;
-        if (!readNumber(text, at, parsed.first)) {
-            return false;
-        }
-    } else {
-        if (!readNumber(text, at, parsed.first) || at >= text.size() || text[at] != '-') {
-            return false;
-        }
-        ++at;
-        parsed.hasLast = readNumber(text, at, parsed.last);
-        if (parsed.hasLast && parsed.last < parsed.first) {
-            return false;
-        }
+    if (!ext::readByteRangeSpec(text, at, ext::RangeNumberOverflow::kSaturate, parsed)) {
+        return false;
     }
     // Whatever follows, a second range included, makes the header one to ignore.
     if (at != text.size()) {

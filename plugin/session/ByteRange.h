@@ -36,14 +36,12 @@
 
 #include <string>
 
+#include <ext/ByteRangeSpec.h>
+
 namespace HttpWrapper {
 
-struct CByteRangeRequest {
-    bool suffix = false;           // "-K": the last K bytes (K in first)
-    unsigned long long first = 0;  // first byte, or K
-    bool hasLast = false;
-    unsigned long long last = 0;
-};
+// The bounds are read as the gateway reads the Download-Range head.
+using CByteRangeRequest = ext::ByteRangeSpec;
 
 // One "bytes=" range. False for a list, another unit, a last byte before the
 // first, or anything malformed: such a header is ignored and the whole body

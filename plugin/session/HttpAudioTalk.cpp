@@ -50,7 +50,8 @@ int CHttpSession::talkUrlOfRequest(const char* verb, std::string& address, int& 
 int CHttpSession::checkTalkWithGateway()
 {
     // The gateway answers an accepted talk request with this code: the
-    // conversion stops at the filter chain, and no stream is opened here.
+    // conversion stops at the filter chain, and no stream is opened here. It
+    // logs the answer as a failure (Q21).
     int result = convertToRtspProcess(true);
     if (result == HPW_ERR_TALK_URL) {
         return 0;

@@ -87,7 +87,7 @@ int CHttpSession::processQumexDownloadRequest(char* body, int length)
 {
     ZRT_Guard guard(m_lock);
     // Parse failures and a missing body answer in JSON, the rest in XML: clients
-    // of this form have always seen that mix.
+    // of this form have always seen that mix (Q13).
     if (body == nullptr || length <= 0) {
         HPW_LOGE(HPW_ERR_PARAM, "Download request invalid parameter");
         m_errorHandler.RenderJSONResponseStatus(m_iHttpHandle, kRestBadParameters);

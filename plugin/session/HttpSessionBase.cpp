@@ -3,12 +3,8 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <json/json.h>
-
-#include "auth/DigestUserName.h"
+#include "auth/DigestHeader.h"
 #include "errors/RestErrorCodes.h"
-#include "errors/RestErrorTable.h"
-#include "errors/XmlNamespaces.h"
 #include "frame/ErrorCodes.h"
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
@@ -16,7 +12,6 @@
 #include "session/RtspStatus.h"
 #include "util/RequestText.h"
 #include "util/StringUtils.h"
-#include "xml/mkTinyXMLConverter.h"
 
 namespace HttpWrapper {
 
@@ -55,39 +50,7 @@ int CHttpSessionBase::increaseTimeoutCount()
 
 std::string CHttpSessionBase::getHttpXmlResponse(unsigned int errorNo, const std::string& extraHeaders)
 {
-    Json::Value status;
-    unsigned int groupStatus = 200;
-    getResponseStatusByErrorNo(errorNo, status, groupStatus);
-    // The status line takes the HTTP status with the 401 exception for
-    // "badAuthorization", so the challenge of the raw channel reads 401.
-    unsigned int httpStatus = 200;
-    getHttpStatusCodeByErrorNo(errorNo, httpStatus);
-
-    CmkTinyXMLConverter xml;
-    xml.AddElem("ResponseStatus", static_cast<const char*>(nullptr), 0);
-    xml.AddAttrib("version", "2.0");
-    xml.AddAttrib("xmlns", XMLNS_DEVICE_API_2_0);
-    xml.IntoElem();
-    xml.AddElem("requestURL", requestUrl(), 0);
-    xml.AddElem("statusCode", status.isMember("statusCode") ? status["statusCode"].asInt() : 0, 0);
-    xml.AddElem("statusString", status.isMember("statusString") ? status["statusString"].asCString() : "", 0);
-    xml.AddElem("subStatusCode", status.isMember("subStatusCode") ? status["subStatusCode"].asCString() : "", 0);
-    std::string document = xml.GetDoc();
-
-    // The phrase text starts with the code itself, so the status line reads
-    // "HTTP/1.1 401 401 Unauthorized": the doubled code is what clients of this
-    // device API have always received.
-    std::string response =
-        "HTTP/1.1 " + std::to_string(httpStatus) + " " + m_httpHelper.getHTTPStatsStringByCode(httpStatus) + "\r\n";
-    response += "Content-Length: " + std::to_string(document.size()) + "\r\n";
-    response += "Content-Type: ";
-    response += "application/xml\r\n";
-    if (!extraHeaders.empty()) {
-        response += extraHeaders + "\r\n";
-    }
-    response += "\r\n";
-    response += document;
-    return response;
+    return CHttpErrorHandler::getRawXMLResponse(errorNo, requestUrl(), extraHeaders);
 }
 
 bool CHttpSessionBase::clientTextIsSafe()
@@ -129,7 +92,7 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
         return static_cast<int>(kRestBadParameters);
     }
     // "&clientIP=" is appended even without a "?" and with an empty address, and
-    // "Download: 0" is sent for downloads too: the gateway's parser expects both.
+    // "Download: 0" is sent for downloads too: the gateway's parser expects both (Q6).
     // The address is the client's own text (a proxy's list, or anything a
     // client writes): escaped, it stays one parameter of the URL.
     std::string text =
@@ -150,7 +113,7 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
 
     if (m_request.ParseRequest(&text[0], static_cast<int>(text.size())) == 0) {
         // Reported through the error code only; callers go on (kept as the
-        // gateway has always seen it).
+        // gateway has always seen it, Q7). The log text is Q18's.
         HPW_LOGE(HPW_ERR_RTSP_PARSE, "CovertToRtspProcess fail, cProtocolRequest ParseMsg fail, request:%s",
                  text.c_str());
         SetErrorCode(HPW_ERR_RTSP_PARSE);
@@ -160,6 +123,7 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
 
     PROTOCOL_FILTER::IProtocolRequestLine* line = m_request.GetProtocolRequestLine();
     std::string url = line->GetProtocolURL();
+    // Q2, Q3: the gateway matches requests by this shortened name.
     std::string name;
     if (CutDigestUserName(m_strAuthorization, "username=\"", name) == USER_NAME_FOUND) {
         url += "&username=" + name;
@@ -169,6 +133,7 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
     int result = m_pProtocolFilterChain != nullptr ? m_pProtocolFilterChain->Request(&m_request, 0, this)
                                                    : static_cast<int>(HPW_ERR_NO_FILTER);
     if (result != 0) {
+        // Also for an accepted talk (Q21); the text is Q18's.
         HPW_LOGE(result, "CovertToRtspProcess fail, m_pProtocolFilterChainSink Request fail");
         SetErrorCode(result);
         SetStatusCode(getStatusCodeRtspInt());

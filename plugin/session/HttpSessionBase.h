@@ -39,7 +39,7 @@ public:
     void SetFilterURL(const char* url) override { m_strFilterURL = url != nullptr ? url : ""; }
     void SetMediaURL(const char* url) override { m_strMediaURL = url != nullptr ? url : ""; }
     const char* GetServerIP() override { return m_strServerIP.c_str(); }
-    // The server address is not the filter chain's to change: the setter keeps it empty on purpose.
+    // The server address is not the filter chain's to change: the setter keeps it empty on purpose (Q8).
     void SetServerIP(const char*) override {}
     int GetStatusCode() override { return m_iStatusCode; }
     void SetStatusCode(int code) override { m_iStatusCode = code; }
@@ -54,7 +54,8 @@ public:
     int getTimeoutCount();
     int increaseTimeoutCount();
 
-    // A complete raw HTTP response carrying the XML ResponseStatus of errorNo.
+    // A complete raw HTTP response carrying the XML ResponseStatus of errorNo;
+    // its status line doubles the code (Q1).
     std::string getHttpXmlResponse(unsigned int errorNo, const std::string& extraHeaders);
 
     // Builds the RTSP request, runs it through the filter chain and opens and

@@ -88,6 +88,7 @@ int CHttpSessionMgr::init(ServerParams& params)
 
     m_releaseThread = ZRT_Thread_Create(fnAsynRelaseHandleThread, this, 0);
     if (m_releaseThread == ZRT_INVALID_THREAD) {
+        // Q18: the text and the thread's name are spelt as operators and the interface know them.
         HPW_LOGE(HPW_ERR_THREAD, "fnReleaseHandleTread Create fail, errCode<%d>", ZRT_GetSystemLastError());
         fini();
         return HPW_ERR_THREAD;
@@ -158,7 +159,7 @@ void CHttpSessionMgr::fnHttpServerDataCB(int handle, void* event, void* user)
         // The pointer only travels with the job; the worker looks the session up
         // again by handle and holds it by a shared pointer while it works.
         req.pSession = self->getSession(handle).get();
-        HPW_LOGD("[hanele=%d]vqnetutils callback exception", handle);
+        HPW_LOGD("[hanele=%d]vqnetutils callback exception", handle);  // Q18: spelt as operators know it
         singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
     }
 }

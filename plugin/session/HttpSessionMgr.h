@@ -35,7 +35,7 @@ public:
     int fini();
 
     static void fnHttpServerDataCB(int handle, void* event, void* user);
-    static void* fnAsynRelaseHandleThread(void* manager);
+    static void* fnAsynRelaseHandleThread(void* manager);  // the interface's name, spelling included (Q18)
 
     int processHttpCreate(tagAsyncReq* req);
     int processHttpProcess(tagAsyncReq* req);

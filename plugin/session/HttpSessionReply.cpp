@@ -117,7 +117,7 @@ int CHttpSession::sendStream(void* data, int length)
     ZRT_UINT64 stallStart = 0;
     while (written < length) {
         if (m_bClosing || m_iState == SESSION_CLOSED || m_iDestroyRequested != 0) {
-            HPW_LOGI("Http session allready destroyed");
+            HPW_LOGI("Http session allready destroyed");  // spelt as operators search for it (Q18)
             result = 0;
             break;
         }

@@ -10,7 +10,7 @@ const char kChunkTerminator[] = "0\r\n\r\n";
 CReplyFraming::Headers CReplyFraming::head(unsigned long long bodyLength) const
 {
     // The content types differ on purpose: clients of the device API tell the
-    // two reply forms apart by them.
+    // two reply forms apart by them (Q15).
     if (m_bChunked) {
         return {{"Content-Type", "application/octet-stream"}, {"Transfer-Encoding", "chunked"}};
     }

@@ -52,7 +52,7 @@ public:
 
     // Upper-case hexadecimal digits of a positive value, no leading zeros; 0 or
     // a negative value gives an empty string (a chunk line of an empty block
-    // is then a bare CR LF, as the gateway has always seen it).
+    // is then a bare CR LF, as the gateway has always seen it; Q15).
     static std::string decToHex(int value);
 
 private:

@@ -2,7 +2,8 @@
 // channel's own port, where no HTTP server library stands in between; the
 // standard sessions use it to take the Digest user name. It is a parser of its
 // own, beside the HTTP server library's, because the channel's clients are
-// read by its rules (exact-case "Content-Length: ", the 2048-byte limit).
+// read by its rules (exact-case "Content-Length: ", the 2048-byte limit; Q17
+// in docs/compatibility.md).
 #ifndef HTTPWRAPPER_TALK_HTTPPARSER_H
 #define HTTPWRAPPER_TALK_HTTPPARSER_H
 
@@ -33,7 +34,7 @@ public:
     const std::string& getBody() const { return m_strBody; }
     std::string getHttpHeadValue(const std::string& name) const;
     // The user name of a Digest Authorization value, cut by one character as the
-    // gateway expects it.
+    // gateway expects it (Q2, Q3).
     bool getAuthName(std::string& name, const std::string& authorization);
     void Clear();
 

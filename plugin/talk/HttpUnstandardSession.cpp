@@ -3,10 +3,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include <vector>
-
-#include <HttpProtocolWrapper.h>
-
+#include "auth/DigestHeader.h"
 #include "errors/RestErrorCodes.h"
 #include "frame/ErrorCodes.h"
 #include "frame/FatalAssert.h"
@@ -15,16 +12,12 @@
 #include "talk/AudioTalkSessionMgr.h"
 #include "talk/QumexAudioTalkSession.h"
 #include "transport/IocpTcpTransmitter.h"
-#include "util/StringUtils.h"
 
 namespace HttpWrapper {
 
 namespace {
 const char kAudioDataPattern[] = "/QUMEX/System/TwoWayAudio/channels/%d/audioData";
-const char kChallengeFormat[] =
-    "WWW-Authenticate: Digest qop=\"auth\", realm=\"%s\", nonce=\"%s\", stale=\"FALSE\"\r\n\r\n%s";
-const size_t kNonceBuffer = 64;
-const size_t kChallengeBuffer = 256;
+const size_t kChallengeBuffer = 256;   // the whole challenge line is cut to fit, as it always was (Q5)
 const size_t kMaxClientAddress = 128;  // as much of X-Forwarded-For as the standard port keeps
 
 // The heads that open a handed-over link; static, since a send may complete
@@ -40,15 +33,6 @@ void copyField(char* out, size_t size, const std::string& value)
     snprintf(out, size, "%s", value.c_str());
 }
 
-std::string trim(const std::string& text, const char* characters)
-{
-    size_t first = text.find_first_not_of(characters);
-    if (first == std::string::npos) {
-        return std::string();
-    }
-    size_t last = text.find_last_not_of(characters);
-    return text.substr(first, last - first + 1);
-}
 }  // namespace
 
 CHttpUnstandardSession::CHttpUnstandardSession(PROTOCOL_FILTER::IProtocolFilter* filterChain,
@@ -263,32 +247,15 @@ void CHttpUnstandardSession::buildHttpReqParam()
     }
     m_requestParam.iMethod = m_iMethodCode;
 
-    // The raw channel reads Digest fields with its own split on ",", as its
+    // The raw channel reads Digest fields with its own split on "," (Q5), as its
     // clients have always been read; the HTTP server library's parser serves
     // the standard port only and is not the plug-in's to call.
-    static const char kAuthorization[] = "Authorization: ";
-    const std::string& header = m_parser.getHeader();
-    size_t start = header.find(kAuthorization);
-    if (start == std::string::npos) {
+    std::string authorization;
+    if (!FindAuthorizationLine(m_parser.getHeader(), authorization)) {
         return;
     }
     m_bHasAuthorization = true;
-    start += sizeof kAuthorization - 1;
-    size_t end = header.find("\r\n", start);
-    std::string value = header.substr(start, end == std::string::npos ? std::string::npos : end - start);
-    size_t blank = value.find(' ');
-    std::vector<std::string> items;
-    Split(blank == std::string::npos ? std::string() : value.substr(blank + 1), std::vector<std::string>{","}, items,
-          -1);
-    for (const std::string& item : items) {
-        size_t equals = item.find('=');
-        if (equals == std::string::npos) {
-            continue;
-        }
-        std::string name = trim(item.substr(0, equals), " \t");
-        std::string fieldValue = trim(trim(item.substr(equals + 1), " \t"), "\"");
-        m_digestFields.insert(std::make_pair(name, fieldValue));
-    }
+    ReadDigestFields(authorization, m_digestFields);
     copyField(m_requestParam.szUserName, sizeof m_requestParam.szUserName, m_digestFields["username"]);
     copyField(m_requestParam.szRealm, sizeof m_requestParam.szRealm, m_digestFields["realm"]);
     copyField(m_requestParam.szNonce, sizeof m_requestParam.szNonce, m_digestFields["nonce"]);
@@ -305,19 +272,12 @@ int CHttpUnstandardSession::processAuth()
     }
     if (!m_bHasAuthorization || m_requestParam.szUserName[0] == '\0' || m_requestParam.szRealm[0] == '\0' ||
         m_requestParam.szNonce[0] == '\0') {
-        char nonce[kNonceBuffer];
-        memset(nonce, 0, sizeof nonce);
-        m_httpHelper.CreateNonce(nonce, static_cast<int>(sizeof nonce));
-        std::string realm;
-        IProtocolWrapperUtilitySink* sink = __atomic_load_n(&g_pHttpProtocolWrapperUtilitySink, __ATOMIC_ACQUIRE);
-        if (sink != nullptr) {
-            sink->GetConfigValue("AuthRealm", realm);
-        }
         // The challenge line ends in a blank line followed by the reply text so
         // far (none yet), so the document's head carries an extra empty line:
-        // the audio clients have always received the challenge in this form.
-        char challenge[kChallengeBuffer];
-        snprintf(challenge, sizeof challenge, kChallengeFormat, realm.c_str(), nonce, m_strReply.c_str());
+        // the audio clients have always received the challenge in this form (Q5).
+        std::string challenge =
+            ("WWW-Authenticate: " + MakeDigestChallenge(m_httpHelper) + "\r\n\r\n" + m_strReply.c_str())
+                .substr(0, kChallengeBuffer - 1);
         replyXml(kRestBadAuthorization, challenge);
         return HPW_ERR_AUTH;
     }

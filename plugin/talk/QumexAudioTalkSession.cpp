@@ -116,7 +116,7 @@ int CQumexAudioTalkSession::convertToRtspProcess(const std::string& rtspUrl)
 
     if (m_request.ParseRequest(&text[0], static_cast<int>(text.size())) == 0) {
         // Recorded in the error code only, and the talk counts as started: the
-        // gateway has always seen it so.
+        // gateway has always seen it so (Q7). The log text is Q18's.
         HPW_LOGE(HPW_ERR_RTSP_PARSE, "CovertToRtspProcess fail, cProtocolRequest ParseMsg fail, request:%s",
                  text.c_str());
         SetErrorCode(HPW_ERR_RTSP_PARSE);
@@ -129,6 +129,7 @@ int CQumexAudioTalkSession::convertToRtspProcess(const std::string& rtspUrl)
             ? m_pProtocolFilterChain->Request(&m_request, 0, static_cast<PROTOCOL_FILTER::IConnectContext*>(this))
             : static_cast<int>(HPW_ERR_NO_FILTER);
     if (result != 0) {
+        // Q18: spelt as operators search for it.
         HPW_LOGE(result, "CovertToRtspProcess fail, m_pProtocolFilterChainSink Request fail");
         SetErrorCode(result);
         SetStatusCode(getStatusCodeRtspInt());

@@ -134,7 +134,7 @@ int CIocpTcpTransmitter::SendData(char* head, int headLength, char* data, int le
             if (TakeOverLimitLogTurn(m_uLastOverLimitLogTick)) {
                 // The line prints the global limit (1500 when unset) even when a
                 // smaller per-transmitter maximum is in force. Intended: operators
-                // read these lines against the global setting.
+                // read these lines against the global setting (Q20).
                 HPW_LOGD("CIocpTcpTransmitter SendData fail, Over MaxCount<%d> count %d", GlobalSendLimit(), pending);
             }
             return IOCP_SEND_OVER_LIMIT;
@@ -205,7 +205,7 @@ char* CIocpTcpTransmitter::GetBuffer(int size)
     }
     char* buffer = NewIocpBuffer(m_pRecvData, size);
     if (buffer == nullptr) {
-        // The wording, other module's name included, is the one operators know.
+        // The wording, other module's name included, is the one operators know (Q19).
         HPW_LOGE(HPW_ERR_NO_MEMORY,
                  "RTSPProtocolWrapper CIocpTcpTransmitter GetBuffer Failed, \t\t\t\t  "
                  "ZRT_AsyncIO_PostQueuedCompleteStatusEx fail, errCode<%d>",

@@ -102,7 +102,7 @@ int CIocpUdpTransmitter::Open(const char* ip, unsigned short port)
     }
     if (ZRT_AsyncIO_BindCallBackToIOHandleEx(m_iSocketFd, pfnIocpUdpCB) != 0) {
         // This line carries error code 0, not the system's; it is intended and
-        // kept as operators know it.
+        // kept as operators know it (Q20).
         HPW_LOGE(
             HPW_ERR_SOCKET_OPTION,
             "HttpProtocolWrapper CIocpUdpTransmitter Open fail, ZRT_AsyncIO_BindCallBackToIOHandleEx fail, errCode<%d>",
@@ -187,7 +187,7 @@ int CIocpUdpTransmitter::PostIoEvent(int errorCode, unsigned int bytes)
     ++recvData->nPending;
     if (ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_hAsyncIocpQueue, m_iSocketFd, static_cast<unsigned long>(errorCode),
                                                bytes, recvData, pfnIocpUdpCB) != 0) {
-        // Names the TCP class: the line is shared with it as operators know it.
+        // Names the TCP class: the line is shared with it as operators know it (Q19).
         HPW_LOGD(
             "HttpProtocolWrapper CIocpTcpTransmitter PostIoEvent Failed, \t\t\t\t  "
             "ZRT_AsyncIO_PostQueuedCompleteStatusEx fail, errCode<%d>",
@@ -205,7 +205,7 @@ char* CIocpUdpTransmitter::GetBuffer(int size)
     }
     char* buffer = NewIocpBuffer(m_pRecvData, size);
     if (buffer == nullptr) {
-        // Same line as the TCP transmitter's, other module's name included.
+        // Same line as the TCP transmitter's, other module's name included (Q19).
         HPW_LOGE(HPW_ERR_NO_MEMORY,
                  "RTSPProtocolWrapper CIocpTcpTransmitter GetBuffer Failed, \t\t\t\t  "
                  "ZRT_AsyncIO_PostQueuedCompleteStatusEx fail, errCode<%d>",

@@ -32,7 +32,7 @@ int Connect(const char* localIp, unsigned short localPort, const char* remoteIp,
     if (localIp != nullptr || localPort != 0) {
         if (ZRT_MakeAddrByString(&address, localIp, localPort) != 0) {
             // Prints "0.0.0.0" whatever the local address was: intended, the
-            // line has always read so.
+            // line has always read so (Q20).
             HPW_LOGE(HPW_ERR_ADDRESS, "HttpProtocolWrapper ZRT_MakeAddrByString fail, Addr<%s:%d>, errCode<%d>",
                      "0.0.0.0", localPort, ZRT_GetSystemLastError());
             ZRT_CloseSocket(sock, 0);
@@ -87,7 +87,7 @@ int Listen(const char* ip, unsigned short port)
         HPW_LOGE(HPW_ERR_SOCKET_OPTION, "HttpProtocolWrapper Listen fail, ZRT_SetReuseAddr fail, errCode<%d>",
                  ZRT_GetSystemLastError());
     } else if (ZRT_MakeAddrByString(&address, ip, port) != 0) {
-        // Prints "0.0.0.0" whatever ip was: intended, the line has always read so.
+        // Prints "0.0.0.0" whatever ip was: intended, the line has always read so (Q20).
         HPW_LOGE(HPW_ERR_ADDRESS,
                  "HttpProtocolWrapper Listen fail, ZRT_MakeAddrByString fail, Addr<%s:%d>, errCode<%d>", "0.0.0.0",
                  port, ZRT_GetSystemLastError());

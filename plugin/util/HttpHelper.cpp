@@ -33,7 +33,8 @@ struct tagHttpStatusText {
 };
 
 // The plug-in keeps its own status texts: it runs against the gateway's network
-// library, whose tables are not the plug-in's to read. Ours writes the same words.
+// library, whose tables are not the plug-in's to read. Ours writes the same words,
+// each text starting with its code (Q1 in docs/compatibility.md).
 const tagHttpStatusText kHttpStatusTexts[] = {
     {100, "100 Continue"},
     {101, "101 Switching Protocols"},

@@ -131,6 +131,12 @@ TEST(PluginHost, LifecycleThroughTheExportedInterface)
     std::thread other([&] { otherThreadError = lastError(); });
     other.join();
     EXPECT_EQ(otherThreadError, 0);
+    // DestroyClient answers the same code but leaves the last error alone
+    // (docs/compatibility.md, Q22).
+    auto destroyClient = sym<PFN_DestroyClient>("DestroyClient");
+    std::thread destroying([&] { otherThreadError = destroyClient(nullptr) == 0x19308C3 ? lastError() : -1; });
+    destroying.join();
+    EXPECT_EQ(otherThreadError, 0);
 
     // "SupportIdentifyToken" started the identity library: a token round-trips.
     char token[512];

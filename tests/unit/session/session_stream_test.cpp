@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "FakeNetServer.h"
+#include "LogCapture.h"
 #include "TestSession.h"
 #include "frame/Clock.h"
 #include "frame/HttpServerWrapper.h"
@@ -153,4 +154,14 @@ TEST_F(SessionStream, AFailedHeadRequestsTheSessionsDestruction)
     sendInfo(0, 0, 10);
     EXPECT_TRUE(net.staged.empty());  // nothing staged after the failed reply
     EXPECT_EQ(queuedDestroyJobs(), 1);
+}
+
+// Compatibility Q18: the line operators know, spelling included.
+TEST_F(SessionStream, BlocksAfterTheDestroyRequestAreDroppedWithTheKnownLine)
+{
+    LogCapture log;
+    session->pushDestroyReq();
+    EXPECT_EQ(sendData("late"), 0);
+    EXPECT_EQ(net.wire, "");
+    EXPECT_TRUE(log.contains("] - Http session allready destroyed"));
 }
