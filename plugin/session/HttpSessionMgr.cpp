@@ -9,6 +9,7 @@
 #include "frame/ErrorCodes.h"
 #include "frame/FatalAssert.h"
 #include "frame/Log.h"
+#include "frame/SessionJobs.h"
 #include "session/HttpSession.h"
 #include "session/SystemTraits.h"
 
@@ -216,10 +217,8 @@ int CHttpSessionMgr::processHttpCreate(tagAsyncReq* req)
         return HPW_ERR_SESSION_NOT_FOUND;
     }
     // The request is parsed by a later job, never in the creating step.
-    tagAsyncReq process;
-    process.iCmdType = ASYNC_HTTP_PROCESS;
+    tagAsyncReq process = SessionJob(ASYNC_HTTP_PROCESS, session.get());
     process.lHttpHandle = req->lHttpHandle;
-    process.pSession = session.get();
     process.pData = req->pData;
     process.iDataLen = req->iDataLen;
     singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&process);
@@ -258,12 +257,8 @@ int CHttpSessionMgr::processHttpDestroy(tagAsyncReq* req)
 int CHttpSessionMgr::addSession(long handle, std::shared_ptr<CHttpSession> session)
 {
     int key = static_cast<int>(handle);
-    {
-        ZRT_Guard guard(m_sessionMutex);
-        if (m_sessions.find(key) == m_sessions.end()) {
-            m_sessions[key] = std::move(session);
-            return key;
-        }
+    if (m_sessions.add(key, std::move(session))) {
+        return key;
     }
     // A handle that is already in the table is a programming error (the embedded
     // server never reuses a handle before it is closed): stop, in every build.
@@ -272,26 +267,16 @@ int CHttpSessionMgr::addSession(long handle, std::shared_ptr<CHttpSession> sessi
 
 std::shared_ptr<CHttpSession> CHttpSessionMgr::getSession(long handle)
 {
-    ZRT_Guard guard(m_sessionMutex);
-    auto found = m_sessions.find(static_cast<int>(handle));
-    return found == m_sessions.end() ? std::shared_ptr<CHttpSession>() : found->second;
+    return m_sessions.get(static_cast<int>(handle));
 }
 
 std::shared_ptr<CHttpSession> CHttpSessionMgr::removeSession(long handle)
 {
-    ZRT_Guard guard(m_sessionMutex);
-    auto found = m_sessions.find(static_cast<int>(handle));
-    if (found == m_sessions.end()) {
-        return std::shared_ptr<CHttpSession>();
-    }
-    std::shared_ptr<CHttpSession> session = std::move(found->second);
-    m_sessions.erase(found);
-    return session;
+    return m_sessions.remove(static_cast<int>(handle));
 }
 
 int CHttpSessionMgr::getHttpSessionCount()
 {
-    ZRT_Guard guard(m_sessionMutex);
     return static_cast<int>(m_sessions.size());
 }
 
@@ -313,22 +298,13 @@ void CHttpSessionMgr::getInvalidHandleQueue(std::deque<long>& handles)
 
 void CHttpSessionMgr::timeOutCheck()
 {
-    // Pushing while holding the table mutex is allowed: the queue mutex is always
-    // taken inside it, never the other way round.
-    ZRT_Guard guard(m_sessionMutex);
-    for (auto& entry : m_sessions) {
-        CHttpSession* session = entry.second.get();
-        if (session->getTimeoutCount() > kSessionTimeoutPasses) {
-            // Pushed again on every later pass until the session is gone.
-            tagAsyncReq req;
-            req.iCmdType = ASYNC_HTTP_DESTROY;
-            req.lHttpHandle = entry.first;
-            req.pSession = session;
-            singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
-        } else {
-            session->increaseTimeoutCount();
-        }
-    }
+    m_sessions.agePass([](CHttpSession& session) { return session.getTimeoutCount() > kSessionTimeoutPasses; },
+                       [](CHttpSession& session) { session.increaseTimeoutCount(); },
+                       [](long handle, CHttpSession& session) {
+                           tagAsyncReq job = SessionJob(ASYNC_HTTP_DESTROY, &session);
+                           job.lHttpHandle = handle;
+                           return job;
+                       });
 }
 
 int CHttpSessionMgr::increaseDownloadNum()

@@ -8,6 +8,7 @@
 #include "frame/ErrorCodes.h"
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
+#include "frame/SessionJobs.h"
 #include "session/RtspStatus.h"
 #include "transport/IocpTcpTransmitter.h"
 #include "util/RequestText.h"
@@ -389,15 +390,9 @@ int CQumexAudioTalkSession::sendDataToDev()
 
 int CQumexAudioTalkSession::pushDestroyReq()
 {
-    int expected = 0;
-    if (!m_iDestroyPending.compare_exchange_strong(expected, 1)) {
-        return 0;
-    }
-    tagAsyncReq req;
-    req.iCmdType = ASYNC_TALK_DESTROY;
-    req.pSession = this;
-    req.strKey = m_strTalkUrl;
-    singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
+    tagAsyncReq job = SessionJob(ASYNC_TALK_DESTROY, this);
+    job.strKey = m_strTalkUrl;
+    PushDestroyOnce(m_iDestroyPending, job);
     return 0;
 }
 
