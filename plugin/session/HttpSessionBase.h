@@ -10,6 +10,7 @@
 
 #include <ProtocolFilter.h>
 #include <ProtocolWrapper.h>
+#include <ext/StreamBlockLayout.h>
 #include <netutils/VQNetUtils.h>
 #include <zrt/zrt.h>
 
@@ -92,8 +93,8 @@ protected:
     std::string m_strPlaybackURI;
     std::string m_strDownloadRange;  // the Download-Range head's value; empty without a usable Range
     std::atomic<ZRT_INT32> m_iTimeoutCount{0};
-    enum { kStreamInfoSlots = 4, kStreamInfoSize = 1620 };
-    char m_streamInfo[kStreamInfoSlots][kStreamInfoSize];
+    enum { kStreamInfoSlots = 4 };
+    char m_streamInfo[kStreamInfoSlots][StreamBlock::kInfoSize];
     int m_iStreamInfoCount = 0;
     int m_iWaitFirstInfo = 1;
     ZRT_Mutex m_lock{1};  // recursive: handlers call back into locked operations

@@ -205,20 +205,19 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
 {
     switch (dataType) {
     case PROTOCOL_WRAPPER::STREAM_INFO: {
+        size_t copy = StreamBlock::infoCopyLength(data, length);
         if (m_iWaitFirstHeader != 0) {
             if (index >= 0 && index == m_iStreamHeaderCount && m_iStreamHeaderCount < kStreamHeaderSlots) {
-                if (data != nullptr && length > 0) {
-                    memcpy(m_streamHeaders[index], data,
-                           static_cast<size_t>(length < kStreamHeaderSize ? length : kStreamHeaderSize));
+                if (copy != 0) {
+                    memcpy(m_streamHeaders[index], data, copy);
                 }
                 m_iStreamHeaderCount++;
             }
             calcAudioPacketSize();
             m_iWaitFirstHeader = 0;
-        } else if (index >= 0 && index < m_iStreamHeaderCount && data != nullptr && length > 0) {
+        } else if (index >= 0 && index < m_iStreamHeaderCount && copy != 0) {
             // Refreshes a stored header; the packet size stays what the first one made it.
-            memcpy(m_streamHeaders[index], data,
-                   static_cast<size_t>(length < kStreamHeaderSize ? length : kStreamHeaderSize));
+            memcpy(m_streamHeaders[index], data, copy);
         }
         return 0;
     }
@@ -245,8 +244,7 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
 
 void CQumexAudioTalkSession::calcAudioPacketSize()
 {
-    const char* slot = m_streamHeaders[0] + kCodecNameOffset;
-    std::string codec(slot, strnlen(slot, static_cast<size_t>(kStreamHeaderSize - kCodecNameOffset)));
+    std::string codec = StreamBlock::readCodecName(m_streamHeaders[0]);
     if (codec == "PCMU" || codec == "PCMA") {
         m_iPacketSize = kG711PacketSize;
     } else if (codec == "G7221" || codec == "G726-16") {

@@ -23,6 +23,7 @@
 
 #include <ProtocolFilter.h>
 #include <ProtocolWrapper.h>
+#include <ext/StreamBlockLayout.h>
 #include <zrt/zrt.h>
 
 #include "frame/SessionInterface.h"
@@ -108,8 +109,6 @@ public:
     const std::string& getTalkUrl() const { return m_strTalkUrl; }
 
     static const int kStreamHeaderSlots = 4;
-    static const int kStreamHeaderSize = 1620;
-    static const int kCodecNameOffset = 300;
 
 private:
     int convertToRtspProcess(const std::string& rtspUrl);
@@ -144,7 +143,7 @@ private:
     void* m_pSinkHandle = nullptr;
     std::atomic<ZRT_INT32> m_iTimeoutCount{0};
     std::atomic<ZRT_INT32> m_iRecvTimeoutCount{0};
-    char m_streamHeaders[kStreamHeaderSlots][kStreamHeaderSize];
+    char m_streamHeaders[kStreamHeaderSlots][StreamBlock::kInfoSize];
     int m_iStreamHeaderCount = 0;
     int m_iWaitFirstHeader = 1;
     CProtocolRequest m_request;
