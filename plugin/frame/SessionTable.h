@@ -14,6 +14,7 @@
 
 #include "frame/AsyncRequest.h"
 #include "frame/HttpServerWrapper.h"
+#include "frame/SessionJobs.h"
 
 namespace HttpWrapper {
 
@@ -22,6 +23,12 @@ class CSessionTable {
 public:
     using Entry = std::shared_ptr<Session>;
     using Map = std::map<Key, Entry>;
+
+    // The destroy jobs of an ageing pass have this command, and the key in this field.
+    CSessionTable(int destroyCommand, Key tagAsyncReq::*keyField)
+        : m_destroyCommand(destroyCommand), m_keyField(keyField)
+    {
+    }
 
     // False when a session is registered under the key already (the table is unchanged).
     bool add(const Key& key, Entry session)
@@ -77,17 +84,18 @@ public:
         return sessions;
     }
 
-    // One ageing pass: a session that `idle` finds idle too long gets the job
-    // `destroyJob(key, session)` makes (again on every later pass, until it is
-    // gone); every other one is aged by `age`.
-    template <typename Idle, typename Age, typename DestroyJob>
-    void agePass(Idle idle, Age age, DestroyJob destroyJob)
+    // One ageing pass: a session that `idle(key, session)` finds idle too long
+    // gets a destroy job (again on every later pass, until it is gone); every
+    // other one is aged by `age(session)`.
+    template <typename Idle, typename Age>
+    void agePass(Idle idle, Age age)
     {
         ZRT_Guard guard(m_mutex);
         for (auto& entry : m_sessions) {
             Session& session = *entry.second;
-            if (idle(session)) {
-                tagAsyncReq job = destroyJob(entry.first, session);
+            if (idle(entry.first, session)) {
+                tagAsyncReq job = SessionJob(m_destroyCommand, &session);
+                job.*m_keyField = entry.first;
                 singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&job);
             } else {
                 age(session);
@@ -98,6 +106,8 @@ public:
 private:
     static bool isMeant(const Session& session, ZRT_UINT64 serial) { return serial == 0 || session.serial() == serial; }
 
+    const int m_destroyCommand;
+    Key tagAsyncReq::*const m_keyField;
     Map m_sessions;
     ZRT_Mutex m_mutex{1};
 };

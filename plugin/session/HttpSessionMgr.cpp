@@ -2,13 +2,12 @@
 
 #include <string.h>
 
-#include <new>
-
 #include <netutils/VQNetUtils.h>
 
 #include "frame/ErrorCodes.h"
 #include "frame/FatalAssert.h"
 #include "frame/Log.h"
+#include "frame/NewSession.h"
 #include "frame/SessionJobs.h"
 #include "session/HttpSession.h"
 #include "session/SystemTraits.h"
@@ -193,14 +192,7 @@ int CHttpSessionMgr::processHttpCreate(tagAsyncReq* req)
         HPW_LOGE(HPW_ERR_PARAM, "Http create parameter error");
         return HPW_ERR_PARAM;
     }
-    std::shared_ptr<CHttpSession> session;
-    CHttpSession* created = new (std::nothrow) CHttpSession(m_pProtocolFilterChain, m_pServerSink);
-    if (created != nullptr) {
-        try {
-            session.reset(created);  // deletes the session if the control block cannot be made
-        } catch (const std::bad_alloc&) {
-        }
-    }
+    std::shared_ptr<CHttpSession> session = NewSession<CHttpSession>(m_pProtocolFilterChain, m_pServerSink);
     if (!session) {
         HPW_LOGE(HPW_ERR_NO_MEMORY, "new CHttpSession failed, errcode:%d", ZRT_GetSystemLastError());
         if (req->lHttpHandle != -1) {
@@ -298,13 +290,8 @@ void CHttpSessionMgr::getInvalidHandleQueue(std::deque<long>& handles)
 
 void CHttpSessionMgr::timeOutCheck()
 {
-    m_sessions.agePass([](CHttpSession& session) { return session.getTimeoutCount() > kSessionTimeoutPasses; },
-                       [](CHttpSession& session) { session.increaseTimeoutCount(); },
-                       [](long handle, CHttpSession& session) {
-                           tagAsyncReq job = SessionJob(ASYNC_HTTP_DESTROY, &session);
-                           job.lHttpHandle = handle;
-                           return job;
-                       });
+    m_sessions.agePass([](long, CHttpSession& session) { return session.getTimeoutCount() > kSessionTimeoutPasses; },
+                       [](CHttpSession& session) { session.increaseTimeoutCount(); });
 }
 
 int CHttpSessionMgr::increaseDownloadNum()

@@ -70,7 +70,7 @@ private:
     PROTOCOL_FILTER::IProtocolFilter* m_pProtocolFilterChain = nullptr;
     std::atomic<int> m_iReleaseRunning{0};
     std::atomic<ZRT_INT32> m_iDownloadNum{0};
-    CSessionTable<long, CHttpSession> m_sessions;
+    CSessionTable<long, CHttpSession> m_sessions{ASYNC_HTTP_DESTROY, &tagAsyncReq::lHttpHandle};
     ZRT_Sema m_releaseSema{0, 65535};  // posted once per handle to close
     std::deque<long> m_invalidHandles;
     ZRT_THREAD_T m_releaseThread = ZRT_INVALID_THREAD;

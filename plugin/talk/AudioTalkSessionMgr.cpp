@@ -3,7 +3,6 @@
 #include "frame/ErrorCodes.h"
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
-#include "frame/SessionJobs.h"
 #include "talk/QumexAudioTalkSession.h"
 
 namespace HttpWrapper {
@@ -79,24 +78,23 @@ unsigned int CAudioTalkSessionMgr::getTalkSessionCount()
 
 void CAudioTalkSessionMgr::timeOutCheck()
 {
-    auto idle = [](CQumexAudioTalkSession& talk) {
-        return static_cast<unsigned int>(talk.getTimeoutCount()) >= kIdlePasses ||
-               static_cast<unsigned int>(talk.getRecvTimeoutCount()) >= kIdlePasses;
-    };
-    auto age = [](CQumexAudioTalkSession& talk) {
-        talk.increaseTimeoutCount();
-        talk.increaseRecvTimeoutCount();
-    };
     // The counters are left as they are: every later pass pushes another
     // destroy until the talk is gone.
-    auto destroyJob = [](const std::string& url, CQumexAudioTalkSession& talk) {
-        tagAsyncReq job = SessionJob(ASYNC_TALK_DESTROY, &talk);
-        job.strKey = url;
+    auto idle = [](const std::string& url, CQumexAudioTalkSession& talk) {
+        int deviceIdle = talk.getTimeoutCount();
+        int clientIdle = talk.getRecvTimeoutCount();
+        if (static_cast<unsigned int>(deviceIdle) < kIdlePasses &&
+            static_cast<unsigned int>(clientIdle) < kIdlePasses) {
+            return false;
+        }
         HPW_LOGD("[strMediaUrl = %s, getTimeoutCount() = %d, getRecvTimeoutCount = %d]device timeOutCheck", url.c_str(),
-                 talk.getTimeoutCount(), talk.getRecvTimeoutCount());
-        return job;
+                 deviceIdle, clientIdle);
+        return true;
     };
-    m_sessions.agePass(idle, age, destroyJob);
+    m_sessions.agePass(idle, [](CQumexAudioTalkSession& talk) {
+        talk.increaseTimeoutCount();
+        talk.increaseRecvTimeoutCount();
+    });
 }
 
 int CAudioTalkSessionMgr::processHttpTalkDestroy(tagAsyncReq* req)

@@ -58,7 +58,7 @@ private:
     int m_iStarted = 0;
     PROTOCOL_WRAPPER::IServerSink* m_pServerSink = nullptr;
     PROTOCOL_FILTER::IProtocolFilter* m_pProtocolFilterChain = nullptr;
-    CSessionTable<std::string, CQumexAudioTalkSession> m_sessions;
+    CSessionTable<std::string, CQumexAudioTalkSession> m_sessions{ASYNC_TALK_DESTROY, &tagAsyncReq::strKey};
 };
 
 }  // namespace HttpWrapper

@@ -6,6 +6,7 @@
 
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
+#include "frame/NewSession.h"
 #include "frame/SessionJobs.h"
 #include "talk/HttpUnstandardSession.h"
 #include "transport/SocketHelpers.h"
@@ -167,14 +168,8 @@ int CHttpUnstandardSessionMgr::processHttpUnstandardCreate(tagAsyncReq* req)
         HPW_LOGE(HPW_ERR_PARAM, "Http unstandard create parameter error");
         return HPW_ERR_PARAM;
     }
-    std::shared_ptr<CHttpUnstandardSession> session;
-    CHttpUnstandardSession* created = new (std::nothrow) CHttpUnstandardSession(m_pProtocolFilterChain, m_pServerSink);
-    if (created != nullptr) {
-        try {
-            session.reset(created);  // deletes the session if the control block cannot be made
-        } catch (const std::bad_alloc&) {
-        }
-    }
+    std::shared_ptr<CHttpUnstandardSession> session =
+        NewSession<CHttpUnstandardSession>(m_pProtocolFilterChain, m_pServerSink);
     if (!session) {
         HPW_LOGE(HPW_ERR_NO_MEMORY, "new CHttpSession failed, errcode:%d", ZRT_GetSystemLastError());
         int socket = req->iSocket;
@@ -254,13 +249,8 @@ int CHttpUnstandardSessionMgr::getSessionCount()
 
 void CHttpUnstandardSessionMgr::timeOutCheck()
 {
-    m_sessions.agePass([](CHttpUnstandardSession& session) { return session.getTimeoutCount() > kIdlePasses; },
-                       [](CHttpUnstandardSession& session) { session.increaseTimeoutCount(); },
-                       [](int socket, CHttpUnstandardSession& session) {
-                           tagAsyncReq job = SessionJob(ASYNC_UNSTANDARD_DESTROY, &session);
-                           job.iSocket = socket;
-                           return job;
-                       });
+    m_sessions.agePass([](int, CHttpUnstandardSession& session) { return session.getTimeoutCount() > kIdlePasses; },
+                       [](CHttpUnstandardSession& session) { session.increaseTimeoutCount(); });
 }
 
 void CHttpUnstandardSessionMgr::closeAll()

@@ -74,7 +74,7 @@ private:
     // Made by startListen when connections are bounded, before the accept thread; freed by closeAll once
     // no worker runs.
     std::unique_ptr<CRawConnectionGate> m_pGate;
-    CSessionTable<int, CHttpUnstandardSession> m_sessions;
+    CSessionTable<int, CHttpUnstandardSession> m_sessions{ASYNC_UNSTANDARD_DESTROY, &tagAsyncReq::iSocket};
 };
 
 }  // namespace HttpWrapper

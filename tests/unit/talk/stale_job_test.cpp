@@ -59,48 +59,43 @@ tagAsyncReq firstDestroyJob(Manager& manager)
     return tagAsyncReq();
 }
 
+// Serves the destroy job of a first session under the key, registers a second
+// one under the same key at the same address, and runs the job again.
+template <typename Session, typename Manager, typename Key>
+void expectTheStaleJobSparesTheSecondSession(Manager& manager, Key key, int (Manager::*destroy)(tagAsyncReq*))
+{
+    SameAddress<Session> storage;
+    tagAsyncReq stale;
+    {
+        std::shared_ptr<Session> first = storage.make();
+        ASSERT_EQ(manager.addSession(key, first), 0);
+        stale = firstDestroyJob(manager);
+        tagAsyncReq served = stale;
+        ASSERT_EQ((manager.*destroy)(&served), 0);
+    }
+    std::shared_ptr<Session> second = storage.make();
+    ASSERT_EQ(stale.pSession, second.get());
+    ASSERT_EQ(manager.addSession(key, second), 0);
+
+    EXPECT_EQ((manager.*destroy)(&stale), 0x1930F43);
+    EXPECT_EQ(manager.getSession(key).get(), second.get());
+    manager.removeSession(key);
+}
+
 }  // namespace
 
 TEST(StaleJob, ATalkBornAtTheFreedAddressOutlivesTheOldTalksJob)
 {
-    CAudioTalkSessionMgr* talks = singleton<CAudioTalkSessionMgr>::instance();
-    std::string url = "/QUMEX/System/TwoWayAudio/channels/3?indexType=httpPort&httpPort=80";
-    SameAddress<CQumexAudioTalkSession> storage;
-    tagAsyncReq stale;
-    {
-        std::shared_ptr<CQumexAudioTalkSession> first = storage.make();
-        ASSERT_EQ(talks->addSession(url, first), 0);
-        stale = firstDestroyJob(*talks);
-        tagAsyncReq served = stale;
-        ASSERT_EQ(talks->processHttpTalkDestroy(&served), 0);
-    }
-    std::shared_ptr<CQumexAudioTalkSession> second = storage.make();
-    ASSERT_EQ(stale.pSession, second.get());
-    ASSERT_EQ(talks->addSession(url, second), 0);
-
-    EXPECT_EQ(talks->processHttpTalkDestroy(&stale), 0x1930F43);
-    EXPECT_EQ(talks->getSession(url).get(), second.get());
-    talks->removeSession(url);
+    expectTheStaleJobSparesTheSecondSession<CQumexAudioTalkSession>(
+        *singleton<CAudioTalkSessionMgr>::instance(),
+        std::string("/QUMEX/System/TwoWayAudio/channels/3?indexType=httpPort&httpPort=80"),
+        &CAudioTalkSessionMgr::processHttpTalkDestroy);
 }
 
 TEST(StaleJob, ARawSessionBornAtTheFreedAddressOutlivesTheOldSessionsJob)
 {
-    CHttpUnstandardSessionMgr* raw = singleton<CHttpUnstandardSessionMgr>::instance();
-    const int socket = 12345;  // never opened: the sessions are not initialised, so fini closes nothing
-    SameAddress<CHttpUnstandardSession> storage;
-    tagAsyncReq stale;
-    {
-        std::shared_ptr<CHttpUnstandardSession> first = storage.make();
-        ASSERT_EQ(raw->addSession(socket, first), 0);
-        stale = firstDestroyJob(*raw);
-        tagAsyncReq served = stale;
-        ASSERT_EQ(raw->processHttpUnstandardDestroy(&served), 0);
-    }
-    std::shared_ptr<CHttpUnstandardSession> second = storage.make();
-    ASSERT_EQ(stale.pSession, second.get());
-    ASSERT_EQ(raw->addSession(socket, second), 0);
-
-    EXPECT_EQ(raw->processHttpUnstandardDestroy(&stale), 0x1930F43);
-    EXPECT_EQ(raw->getSession(socket).get(), second.get());
-    raw->removeSession(socket);
+    // Never opened: the sessions are not initialised, so fini closes nothing.
+    expectTheStaleJobSparesTheSecondSession<CHttpUnstandardSession>(
+        *singleton<CHttpUnstandardSessionMgr>::instance(), 12345,
+        &CHttpUnstandardSessionMgr::processHttpUnstandardDestroy);
 }
