@@ -9,7 +9,6 @@
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
 #include "frame/SessionJobs.h"
-#include "session/RtspStatus.h"
 #include "transport/IocpTcpTransmitter.h"
 #include "util/RequestText.h"
 
@@ -29,8 +28,7 @@ const int kSendWithBacklogLimit = 1;
 
 CQumexAudioTalkSession::CQumexAudioTalkSession(PROTOCOL_FILTER::IProtocolFilter* filterChain,
                                                PROTOCOL_WRAPPER::IServerSink* serverSink)
-    : m_pServerSink(serverSink),
-      m_pProtocolFilterChain(filterChain),
+    : CRtspConnection(filterChain, serverSink),
       m_iSendCheckLimit(singleton<CHttpServerWrapper>::instance()->options().checkTalkBacklog ? kSendWithBacklogLimit
                                                                                               : kSendWithoutLimit)
 {
@@ -114,53 +112,16 @@ int CQumexAudioTalkSession::convertToRtspProcess(const std::string& rtspUrl)
     text += "Accept: application/sdp\r\n";
     text += "User-Agent: httpClient\r\n";
     text += "\r\n";
-
-    if (m_request.ParseRequest(&text[0], static_cast<int>(text.size())) == 0) {
-        // Recorded in the error code only, and the talk counts as started: the
-        // gateway has always seen it so.
-        HPW_LOGE(HPW_ERR_RTSP_PARSE, "CovertToRtspProcess fail, cProtocolRequest ParseMsg fail, request:%s",
-                 text.c_str());
-        SetErrorCode(HPW_ERR_RTSP_PARSE);
+    // A request that does not parse is recorded in the error code only, and the
+    // talk counts as started: the gateway has always seen it so.
+    if (!parseRequest(text, false)) {
         return 0;
     }
-    m_request.setNeedAuth(false);
-
-    int result =
-        m_pProtocolFilterChain != nullptr
-            ? m_pProtocolFilterChain->Request(&m_request, 0, static_cast<PROTOCOL_FILTER::IConnectContext*>(this))
-            : static_cast<int>(HPW_ERR_NO_FILTER);
+    int result = filterRequest();
     if (result != 0) {
-        HPW_LOGE(result, "CovertToRtspProcess fail, m_pProtocolFilterChainSink Request fail");
-        SetErrorCode(result);
-        SetStatusCode(getStatusCodeRtspInt());
         return result;
     }
-
-    result = m_pServerSink != nullptr ? m_pServerSink->OnOpen(GetFilterURL(), GetMediaURL(),
-                                                              static_cast<ISessionInterface*>(this), &m_pSinkHandle)
-                                      : static_cast<int>(HPW_ERR_NO_FILTER);
-    if (result != 0) {
-        HPW_LOGE(result, "m_pServerSink OnOpen fail, pszUrl == %s", text.c_str());
-        SetErrorCode(result);
-        SetStatusCode(500);
-        return result;
-    }
-    HPW_LOGD("OnOpen success, SessionHandle[%p], pszUrl=%s", m_pSinkHandle, rtspUrl.c_str());
-
-    result = m_pServerSink->pushStream(m_pSinkHandle);
-    if (result != 0) {
-        HPW_LOGE(result, "m_pServerSink pushStream fail, pszUrl == %s", text.c_str());
-        SetErrorCode(result);
-        SetStatusCode(500);
-        return result;
-    }
-    m_pServerSink->OnStart(m_pSinkHandle, 0);
-    return 0;
-}
-
-int CQumexAudioTalkSession::getStatusCodeRtspInt()
-{
-    return rtspStatusCode(GetStatusCode());
+    return openStream(this, &m_pSinkHandle, text, rtspUrl);
 }
 
 void CQumexAudioTalkSession::closeLink(CIocpTcpTransmitter* link)
