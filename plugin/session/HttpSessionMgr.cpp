@@ -155,9 +155,11 @@ void CHttpSessionMgr::fnHttpServerDataCB(int handle, void* event, void* user)
         tagAsyncReq req;
         req.iCmdType = ASYNC_HTTP_DESTROY;
         req.lHttpHandle = handle;
-        // The pointer only travels with the job; the worker looks the session up
-        // again by handle and holds it by a shared pointer while it works.
-        req.pSession = self->getSession(handle).get();
+        // The session only travels by name with the job; the worker looks it up
+        // again by handle and serial and holds it by a shared pointer while it works.
+        std::shared_ptr<CHttpSession> session = self->getSession(handle);
+        req.pSession = session.get();
+        req.ullSessionSerial = session ? session->serial() : 0;
         HPW_LOGD("[hanele=%d]vqnetutils callback exception", handle);
         singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
     }
@@ -238,7 +240,8 @@ int CHttpSessionMgr::processHttpDestroy(tagAsyncReq* req)
         return HPW_ERR_PARAM;
     }
     HPW_LOGD("[handle=%d]start destroy http session", static_cast<int>(req->lHttpHandle));
-    std::shared_ptr<CHttpSession> session = removeSession(req->lHttpHandle);
+    // Handles are reused once closed: a stale job names the session it was made for.
+    std::shared_ptr<CHttpSession> session = m_sessions.take(static_cast<int>(req->lHttpHandle), req->ullSessionSerial);
     if (!session) {
         HPW_LOGE(HPW_ERR_SESSION_NOT_FOUND, "[handle=%d]Http session not found!", static_cast<int>(req->lHttpHandle));
         return HPW_ERR_SESSION_NOT_FOUND;

@@ -10,6 +10,8 @@
 
 #include "frame/AsyncRequest.h"
 #include "frame/HttpServerWrapper.h"
+#include "session/HttpSession.h"
+#include "session/HttpSessionMgr.h"
 #include "talk/AudioTalkSessionMgr.h"
 #include "talk/HttpUnstandardSession.h"
 #include "talk/HttpUnstandardSessionMgr.h"
@@ -68,14 +70,14 @@ void expectTheStaleJobSparesTheSecondSession(Manager& manager, Key key, int (Man
     tagAsyncReq stale;
     {
         std::shared_ptr<Session> first = storage.make();
-        ASSERT_EQ(manager.addSession(key, first), 0);
+        ASSERT_NE(manager.addSession(key, first), -1);
         stale = firstDestroyJob(manager);
         tagAsyncReq served = stale;
         ASSERT_EQ((manager.*destroy)(&served), 0);
     }
     std::shared_ptr<Session> second = storage.make();
     ASSERT_EQ(stale.pSession, second.get());
-    ASSERT_EQ(manager.addSession(key, second), 0);
+    ASSERT_NE(manager.addSession(key, second), -1);
 
     EXPECT_EQ((manager.*destroy)(&stale), 0x1930F43);
     EXPECT_EQ(manager.getSession(key).get(), second.get());
@@ -98,4 +100,10 @@ TEST(StaleJob, ARawSessionBornAtTheFreedAddressOutlivesTheOldSessionsJob)
     expectTheStaleJobSparesTheSecondSession<CHttpUnstandardSession>(
         *singleton<CHttpUnstandardSessionMgr>::instance(), 12345,
         &CHttpUnstandardSessionMgr::processHttpUnstandardDestroy);
+}
+
+TEST(StaleJob, AnHttpSessionBornAtTheFreedAddressOutlivesTheOldSessionsJob)
+{
+    expectTheStaleJobSparesTheSecondSession<CHttpSession>(*singleton<CHttpSessionMgr>::instance(), 54321L,
+                                                          &CHttpSessionMgr::processHttpDestroy);
 }
