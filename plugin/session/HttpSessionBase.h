@@ -1,7 +1,7 @@
-// Common base of the standard and raw HTTP sessions: the connection context the
-// filter chain sees, the status and error state, the XML error reply, and the
-// step that joins an HTTP request to the gateway: its conversion to an RTSP
-// request that goes through the filter chain and is opened on the gateway's sink.
+// Common base of the standard and raw HTTP sessions: the XML error reply, and
+// the step that joins an HTTP request to the gateway: its conversion to an RTSP
+// request, which goes through the filter chain and is opened on the gateway's
+// sink (the connection context and the steps the talk shares: RtspConnection.h).
 #ifndef HTTPWRAPPER_SESSION_HTTPSESSIONBASE_H
 #define HTTPWRAPPER_SESSION_HTTPSESSIONBASE_H
 
