@@ -9,7 +9,7 @@
 #include <cstring>
 #include <thread>
 
-#include <HttpProtocolWrapper.h>
+#include <ext/DownloadSendCodes.h>
 
 #include "base/Logger.h"
 #include "download/StreamBlocks.h"

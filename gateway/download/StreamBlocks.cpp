@@ -3,51 +3,36 @@
 #include <algorithm>
 #include <cstring>
 
-namespace {
-
-void putLittleEndian(unsigned char* at, uint64_t value, int bytes)
-{
-    for (int i = 0; i < bytes; ++i) {
-        at[i] = static_cast<unsigned char>(value >> (8 * i));
-    }
-}
-
-}  // namespace
+using namespace StreamBlock;
 
 std::array<unsigned char, kStreamInfoSize> buildStreamInfo(uint64_t fileLength)
 {
     std::array<unsigned char, kStreamInfoSize> info{};
-    // Native words: the plug-in reads them back as 32-bit integers of this machine.
-    uint32_t high = static_cast<uint32_t>(fileLength >> 32);
-    uint32_t low = static_cast<uint32_t>(fileLength);
-    memcpy(info.data() + 1612, &high, sizeof(high));
-    memcpy(info.data() + 1616, &low, sizeof(low));
+    writeFileLength(info.data(), fileLength);
     return info;
 }
 
 void addRangeRecord(std::array<unsigned char, kStreamInfoSize>& info, const ServedPart& part,
                     const std::string& entityTag)
 {
-    const size_t kRecord = 1520;
-    const size_t kTagSlot = 64;
-    memcpy(info.data() + kRecord, "MGBR", 4);
-    info[kRecord + 4] = 1;
-    info[kRecord + 5] = static_cast<unsigned char>(part.outcome);
-    putLittleEndian(info.data() + kRecord + 8, part.first, 8);
-    putLittleEndian(info.data() + kRecord + 16, part.last, 8);
-    memcpy(info.data() + kRecord + 24, entityTag.data(), std::min(entityTag.size(), kTagSlot));
+    memcpy(info.data() + kRangeOffset, kRangeMagic, kRangeMagicSize);
+    info[kRangeVersionOffset] = kRangeVersion;
+    info[kRangeOutcomeOffset] = static_cast<unsigned char>(part.outcome);
+    writeLittleEndian(info.data() + kRangeFirstOffset, part.first, 8);
+    writeLittleEndian(info.data() + kRangeLastOffset, part.last, 8);
+    memcpy(info.data() + kRangeTagOffset, entityTag.data(), std::min(entityTag.size(), kRangeTagSize));
 }
 
 std::array<unsigned char, kStreamHeadSize> buildStreamHead(uint64_t fileLength, int64_t start, int64_t end,
                                                            uint32_t blockSize)
 {
     std::array<unsigned char, kStreamHeadSize> head{};
-    memcpy(head.data(), "MGRH", 4);
-    putLittleEndian(head.data() + 4, 1, 2);
-    putLittleEndian(head.data() + 6, kStreamHeadSize, 2);
-    putLittleEndian(head.data() + 8, fileLength, 8);
-    putLittleEndian(head.data() + 16, static_cast<uint64_t>(start), 8);
-    putLittleEndian(head.data() + 24, static_cast<uint64_t>(end), 8);
-    putLittleEndian(head.data() + 32, blockSize, 4);
+    memcpy(head.data(), kHeadMagic, sizeof kHeadMagic - 1);
+    writeLittleEndian(head.data() + kHeadVersionOffset, kHeadVersion, 2);
+    writeLittleEndian(head.data() + kHeadLengthOffset, kHeadSize, 2);
+    writeLittleEndian(head.data() + kHeadFileLengthOffset, fileLength, 8);
+    writeLittleEndian(head.data() + kHeadStartOffset, static_cast<uint64_t>(start), 8);
+    writeLittleEndian(head.data() + kHeadEndOffset, static_cast<uint64_t>(end), 8);
+    writeLittleEndian(head.data() + kHeadBlockSizeOffset, blockSize, 4);
     return head;
 }

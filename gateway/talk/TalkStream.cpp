@@ -4,15 +4,10 @@
 
 #include <cstring>
 
+#include <ext/StreamBlockLayout.h>
+
 #include "base/GatewayMetrics.h"
 #include "base/Logger.h"
-
-namespace {
-
-constexpr int kStreamHeaderSize = 1620;  // the plug-in's stream header slot
-constexpr int kCodecNameOffset = 300;    // where it reads the codec's name
-
-}  // namespace
 
 TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics, Logger& log)
     : m_setup(std::move(setup)),
@@ -67,9 +62,8 @@ bool TalkStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server)
 
 void TalkStream::announceCodec(PROTOCOL_WRAPPER::IServer* server)
 {
-    char header[kStreamHeaderSize];
-    memset(header, 0, sizeof header);
-    strncpy(header + kCodecNameOffset, m_setup.codec->name, sizeof header - kCodecNameOffset - 1);
+    char header[StreamBlock::kInfoSize] = {};
+    StreamBlock::writeCodecName(header, m_setup.codec->name);
     server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_INFO, header, sizeof header);
     m_codecAnnounced = true;
 }

@@ -29,6 +29,8 @@ struct tagAsyncReq {
     int iSocket = -1;
     std::string strKey;  // URL of a talk session
     ZRT_UINT64 ullEnqueueTime = 0;
+    // The serial of the session the job was made for (SessionJobs.h); 0: whichever holds the key.
+    ZRT_UINT64 ullSessionSerial = 0;
 };
 
 }  // namespace HttpWrapper

@@ -65,6 +65,7 @@ CAsyncRequestQueue::PushResult CAsyncRequestQueue::push(const tagAsyncReq& req, 
     job->iSocket = req.iSocket;
     job->strKey = req.strKey;
     job->ullEnqueueTime = nowMs;
+    job->ullSessionSerial = req.ullSessionSerial;
     {
         ZRT_Guard guard(m_mutex);
         m_jobs.push_back(job);

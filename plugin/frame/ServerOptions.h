@@ -63,7 +63,7 @@ struct CServerOptions {
     // HPW_ERR_SEND_TIMEOUT, instead of the reply being retried for 60 s.
     bool strictSendTimeout = false;
     // "streamAbort=1": the gateway may end a download short with data type
-    // HPW_STREAM_ABORT (HttpProtocolWrapper.h); the client's connection is
+    // HPW_STREAM_ABORT (ext/DownloadSendCodes.h); the client's connection is
     // reset at once, instead of waiting for the session to age out.
     bool streamAbort = false;
 

@@ -3,20 +3,13 @@
 #include <string.h>
 #include <strings.h>
 
+#include <ext/StreamBlockLayout.h>
+
 namespace HttpWrapper {
 
 namespace {
 const char kUnit[] = "bytes=";
 const size_t kUnitLength = sizeof kUnit - 1;
-const size_t kRecordOffset = 1520;
-const char kRecordMagic[] = "MGBR";
-const unsigned char kRecordVersion = 1;
-const size_t kVersionOffset = kRecordOffset + 4;
-const size_t kOutcomeOffset = kRecordOffset + 5;
-const size_t kFirstOffset = kRecordOffset + 8;
-const size_t kLastOffset = kRecordOffset + 16;
-const size_t kTagOffset = kRecordOffset + 24;
-const size_t kTagSlot = 64;
 
 bool isBlank(char c)
 {
@@ -27,7 +20,7 @@ bool isBlank(char c)
 // and of the characters the gateway writes tags in.
 bool isIssuableTag(const std::string& tag)
 {
-    if (tag.size() < 3 || tag.size() >= kTagSlot || tag.front() != '"' || tag.back() != '"') {
+    if (tag.size() < 3 || tag.size() >= StreamBlock::kRangeTagSize || tag.front() != '"' || tag.back() != '"') {
         return false;
     }
     for (size_t i = 1; i + 1 < tag.size(); ++i) {
@@ -54,14 +47,6 @@ std::string trimBlanks(const std::string& text)
     return text.substr(start, end - start);
 }
 
-unsigned long long readLittleEndian(const char* at)
-{
-    unsigned long long value = 0;
-    for (int i = 7; i >= 0; --i) {
-        value = (value << 8) | static_cast<unsigned char>(at[i]);
-    }
-    return value;
-}
 }  // namespace
 
 bool ParseRangeHeader(const std::string& value, CByteRangeRequest& range)
@@ -108,15 +93,15 @@ std::string DownloadRangeHead(const CByteRangeRequest& range, bool hasIfRange, c
 
 ServedRangeRecord ReadServedRange(const char* info, size_t length, unsigned long long bodyLength, CServedRange& served)
 {
-    if (info == nullptr || length < kTagOffset + kTagSlot ||
-        memcmp(info + kRecordOffset, kRecordMagic, sizeof kRecordMagic - 1) != 0) {
+    using namespace StreamBlock;
+    if (info == nullptr || length < kRangeEnd || memcmp(info + kRangeOffset, kRangeMagic, kRangeMagicSize) != 0) {
         return RANGE_RECORD_ABSENT;
     }
     CServedRange record;
-    record.outcome = static_cast<unsigned char>(info[kOutcomeOffset]);
-    const char* tag = info + kTagOffset;
-    const char* tagEnd = static_cast<const char*>(memchr(tag, '\0', kTagSlot));
-    if (static_cast<unsigned char>(info[kVersionOffset]) != kRecordVersion ||
+    record.outcome = static_cast<unsigned char>(info[kRangeOutcomeOffset]);
+    const char* tag = info + kRangeTagOffset;
+    const char* tagEnd = static_cast<const char*>(memchr(tag, '\0', kRangeTagSize));
+    if (static_cast<unsigned char>(info[kRangeVersionOffset]) != kRangeVersion ||
         record.outcome > CServedRange::UNSATISFIABLE || tagEnd == nullptr) {
         return RANGE_RECORD_INVALID;
     }
@@ -127,8 +112,8 @@ ServedRangeRecord ReadServedRange(const char* info, size_t length, unsigned long
     }
     record.entityTag.assign(tag, tagEnd);
     if (record.outcome == CServedRange::PART) {
-        record.first = readLittleEndian(info + kFirstOffset);
-        record.last = readLittleEndian(info + kLastOffset);
+        record.first = readLittleEndian(info + kRangeFirstOffset, 8);
+        record.last = readLittleEndian(info + kRangeLastOffset, 8);
         if (record.first > record.last || record.last >= bodyLength) {
             return RANGE_RECORD_INVALID;
         }

@@ -17,18 +17,10 @@
 // an empty value, which matches nothing: the whole body comes back, with the
 // current tag.
 //
-// From the gateway: a record in the STREAM_INFO block (1620 bytes, the file
-// length stays at 1612..1619), present only when the request carried
-// Download-Range; other gateways leave these bytes zero:
-//   1520  4  "MGBR"
-//   1524  1  record version, 1
-//   1525  1  outcome: 0 whole body (If-Range did not match), 1 part, 2 unsatisfiable
-//   1526  2  zero
-//   1528  8  first body byte served, little-endian (part only)
-//   1536  8  last body byte served, little-endian (part only)
-//   1544 64  entity tag of this version of the recording, quotes included,
-//            zero-terminated ASCII (empty: none)
-// Offsets count in the reply body: the 40-byte stream head, then the file.
+// From the gateway: the range report in the STREAM_INFO block
+// (ext/StreamBlockLayout.h), present only when the request carried
+// Download-Range; other gateways leave it zero. The entity tag it carries is
+// that of this version of the recording (empty: none).
 #ifndef HTTPWRAPPER_SESSION_BYTERANGE_H
 #define HTTPWRAPPER_SESSION_BYTERANGE_H
 

@@ -10,6 +10,7 @@
 #include "frame/ErrorCodes.h"
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
+#include "frame/NewSession.h"
 #include "session/HttpSession.h"
 #include "talk/AudioTalkSessionMgr.h"
 #include "talk/QumexAudioTalkSession.h"
@@ -76,14 +77,8 @@ int CHttpSession::processQumexAudioTalkOpen(char* body, int length)
     }
 
     std::string sessionId = std::to_string(static_cast<unsigned int>(ZRT_Rand()));
-    std::shared_ptr<CQumexAudioTalkSession> talk;
-    CQumexAudioTalkSession* created = new (std::nothrow) CQumexAudioTalkSession(m_pProtocolFilterChain, m_pServerSink);
-    if (created != nullptr) {
-        try {
-            talk.reset(created);  // deletes the talk if the control block cannot be made
-        } catch (const std::bad_alloc&) {
-        }
-    }
+    std::shared_ptr<CQumexAudioTalkSession> talk =
+        NewSession<CQumexAudioTalkSession>(m_pProtocolFilterChain, m_pServerSink);
     if (!talk) {
         HPW_LOGE(HPW_ERR_NO_MEMORY, "new CQumexAudioTalkSession failed, errcode:%d", ZRT_GetSystemLastError());
         m_errorHandler.renderXMLResponseStatus(m_iHttpHandle, kRestInternalError);

@@ -7,6 +7,7 @@
 #include "frame/ErrorCodes.h"
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
+#include "frame/SessionJobs.h"
 #include "session/HttpSessionMgr.h"
 
 namespace HttpWrapper {
@@ -155,15 +156,9 @@ int CHttpSession::fini()
 
 int CHttpSession::pushDestroyReq()
 {
-    int expected = 0;
-    if (!m_iDestroyRequested.compare_exchange_strong(expected, 1)) {
-        return 0;
-    }
-    tagAsyncReq req;
-    req.iCmdType = ASYNC_HTTP_DESTROY;
-    req.pSession = this;
-    req.lHttpHandle = m_iHttpHandle;
-    singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
+    tagAsyncReq job = SessionJob(ASYNC_HTTP_DESTROY, this);
+    job.lHttpHandle = m_iHttpHandle;
+    PushDestroyOnce(m_iDestroyRequested, job);
     return 0;
 }
 

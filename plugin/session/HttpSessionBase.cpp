@@ -9,7 +9,6 @@
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
 #include "session/HttpSessionMgr.h"
-#include "session/RtspStatus.h"
 #include "util/RequestText.h"
 #include "util/StringUtils.h"
 
@@ -23,7 +22,7 @@ const int kMaxDownloads = 400;
 
 CHttpSessionBase::CHttpSessionBase(PROTOCOL_FILTER::IProtocolFilter* filterChain,
                                    PROTOCOL_WRAPPER::IServerSink* serverSink)
-    : m_pServerSink(serverSink), m_pProtocolFilterChain(filterChain)
+    : CRtspConnection(filterChain, serverSink)
 {
     memset(m_streamInfo, 0, sizeof m_streamInfo);
     memset(&m_requestParam, 0, sizeof m_requestParam);
@@ -31,11 +30,6 @@ CHttpSessionBase::CHttpSessionBase(PROTOCOL_FILTER::IProtocolFilter* filterChain
 
 // The gateway's stream is closed by fini, never here.
 CHttpSessionBase::~CHttpSessionBase() = default;
-
-int CHttpSessionBase::getStatusCodeRtspInt()
-{
-    return rtspStatusCode(GetStatusCode());
-}
 
 int CHttpSessionBase::getTimeoutCount()
 {
@@ -111,15 +105,9 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
     }
     text += "\r\n";
 
-    if (m_request.ParseRequest(&text[0], static_cast<int>(text.size())) == 0) {
-        // Reported through the error code only; callers go on (kept as the
-        // gateway has always seen it, Q7). The log text is Q18's.
-        HPW_LOGE(HPW_ERR_RTSP_PARSE, "CovertToRtspProcess fail, cProtocolRequest ParseMsg fail, request:%s",
-                 text.c_str());
-        SetErrorCode(HPW_ERR_RTSP_PARSE);
+    if (!parseRequest(text, needAuth)) {
         return 0;
     }
-    m_request.setNeedAuth(needAuth);
 
     PROTOCOL_FILTER::IProtocolRequestLine* line = m_request.GetProtocolRequestLine();
     std::string url = line->GetProtocolURL();
@@ -130,13 +118,8 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
     }
     line->SetProtocolURL(url.c_str());
 
-    int result = m_pProtocolFilterChain != nullptr ? m_pProtocolFilterChain->Request(&m_request, 0, this)
-                                                   : static_cast<int>(HPW_ERR_NO_FILTER);
+    int result = filterRequest();
     if (result != 0) {
-        // Also for an accepted talk (Q21); the text is Q18's.
-        HPW_LOGE(result, "CovertToRtspProcess fail, m_pProtocolFilterChainSink Request fail");
-        SetErrorCode(result);
-        SetStatusCode(getStatusCodeRtspInt());
         return result;
     }
 
@@ -147,32 +130,7 @@ int CHttpSessionBase::convertToRtspProcess(bool needAuth)
         return static_cast<int>(kRestReachDownloadLimit);
     }
 
-    result = m_pServerSink != nullptr ? m_pServerSink->OnOpen(GetFilterURL(), GetMediaURL(),
-                                                              static_cast<ISessionInterface*>(this), &m_pSessionHandle)
-                                      : static_cast<int>(HPW_ERR_NO_FILTER);
-    if (result != 0) {
-        HPW_LOGE(result, "m_pServerSink OnOpen fail, pszUrl == %s", text.c_str());
-        SetErrorCode(result);
-        SetStatusCode(500);
-        return result;
-    }
-    HPW_LOGD("OnOpen success, SessionHandle[%p], pszUrl=%s", m_pSessionHandle, m_strPlaybackURI.c_str());
-
-    if (m_pServerSink == nullptr) {
-        SetErrorCode(HPW_ERR_NO_FILTER);
-        SetStatusCode(500);
-        HPW_LOGE(HPW_ERR_NO_FILTER, "Proc rtsp play fail, m_pServerSink is NULL");
-        return 0;
-    }
-    result = m_pServerSink->pushStream(m_pSessionHandle);
-    if (result != 0) {
-        HPW_LOGE(result, "m_pServerSink pushStream fail, pszUrl == %s", text.c_str());
-        SetErrorCode(result);
-        SetStatusCode(500);
-        return result;
-    }
-    m_pServerSink->OnStart(m_pSessionHandle, 0);
-    return 0;
+    return openStream(this, &m_pSessionHandle, text, m_strPlaybackURI);
 }
 
 }  // namespace HttpWrapper

@@ -1,7 +1,7 @@
-// Common base of the standard and raw HTTP sessions: the connection context the
-// filter chain sees, the status and error state, the XML error reply, and the
-// step that joins an HTTP request to the gateway: its conversion to an RTSP
-// request that goes through the filter chain and is opened on the gateway's sink.
+// Common base of the standard and raw HTTP sessions: the XML error reply, and
+// the step that joins an HTTP request to the gateway: its conversion to an RTSP
+// request, which goes through the filter chain and is opened on the gateway's
+// sink (the connection context and the steps the talk shares: RtspConnection.h).
 #ifndef HTTPWRAPPER_SESSION_HTTPSESSIONBASE_H
 #define HTTPWRAPPER_SESSION_HTTPSESSIONBASE_H
 
@@ -10,12 +10,14 @@
 
 #include <ProtocolFilter.h>
 #include <ProtocolWrapper.h>
+#include <ext/StreamBlockLayout.h>
 #include <netutils/VQNetUtils.h>
 #include <zrt/zrt.h>
 
 #include "errors/HttpErrorHandler.h"
 #include "frame/SessionInterface.h"
 #include "protocol/ProtocolFilter.h"
+#include "session/RtspConnection.h"
 #include "util/HttpHelper.h"
 
 namespace HttpWrapper {
@@ -28,29 +30,14 @@ enum SessionState {
     SESSION_CLOSED = 3,       // fini ran
 };
 
-class CHttpSessionBase : public PROTOCOL_FILTER::IConnectContext, public ISessionInterface {
+class CHttpSessionBase : public CRtspConnection, public ISessionInterface {
 public:
     CHttpSessionBase(PROTOCOL_FILTER::IProtocolFilter* filterChain, PROTOCOL_WRAPPER::IServerSink* serverSink);
     ~CHttpSessionBase() override;
 
-    // IConnectContext: written by the filter chain while it handles the request.
-    const char* GetFilterURL() override { return m_strFilterURL.c_str(); }
-    const char* GetMediaURL() override { return m_strMediaURL.c_str(); }
-    void SetFilterURL(const char* url) override { m_strFilterURL = url != nullptr ? url : ""; }
-    void SetMediaURL(const char* url) override { m_strMediaURL = url != nullptr ? url : ""; }
-    const char* GetServerIP() override { return m_strServerIP.c_str(); }
     // The server address is not the filter chain's to change: the setter keeps it empty on purpose (Q8).
     void SetServerIP(const char*) override {}
-    int GetStatusCode() override { return m_iStatusCode; }
-    void SetStatusCode(int code) override { m_iStatusCode = code; }
-    int GetErrorCode() override { return m_iErrorCode; }
-    void SetErrorCode(int code) override { m_iErrorCode = code; }
-    const char* GetErrorDescribe() override { return m_strErrorDescribe.c_str(); }
-    void SetErrorDescribe(const char* text) override { m_strErrorDescribe = text != nullptr ? text : ""; }
-    const char* GetErrorRsp() override { return m_strErrorRsp.c_str(); }
-    void SetErrorRsp(const char* text) override { m_strErrorRsp = text != nullptr ? text : ""; }
 
-    int getStatusCodeRtspInt();
     int getTimeoutCount();
     int increaseTimeoutCount();
 
@@ -77,24 +64,15 @@ protected:
     // gateway or the conversion left when it is a REST error number.
     unsigned int talkRefusalError();
 
-    std::string m_strFilterURL;
-    std::string m_strMediaURL;
-    std::string m_strServerIP;  // SetServerIP stores nothing on purpose
     std::string m_strClientIP;  // X-Forwarded-For, forwarded as "&clientIP="
-    std::string m_strErrorDescribe;
-    std::atomic<int> m_iStatusCode{0};
-    std::atomic<int> m_iErrorCode{0};
     CHttpErrorHandler m_errorHandler;
     CHttpHelper m_httpHelper;
-    PROTOCOL_WRAPPER::IServerSink* m_pServerSink;
-    PROTOCOL_FILTER::IProtocolFilter* m_pProtocolFilterChain;
     void* m_pSessionHandle = nullptr;  // the gateway's stream, from OnOpen
-    CProtocolRequest m_request;
     std::string m_strPlaybackURI;
     std::string m_strDownloadRange;  // the Download-Range head's value; empty without a usable Range
     std::atomic<ZRT_INT32> m_iTimeoutCount{0};
-    enum { kStreamInfoSlots = 4, kStreamInfoSize = 1620 };
-    char m_streamInfo[kStreamInfoSlots][kStreamInfoSize];
+    enum { kStreamInfoSlots = 4 };
+    char m_streamInfo[kStreamInfoSlots][StreamBlock::kInfoSize];
     int m_iStreamInfoCount = 0;
     int m_iWaitFirstInfo = 1;
     ZRT_Mutex m_lock{1};  // recursive: handlers call back into locked operations
@@ -103,7 +81,6 @@ protected:
     std::string m_strAuthorization;
     std::string m_strMethod;
     std::string m_strUserName;
-    std::string m_strErrorRsp;
 };
 
 }  // namespace HttpWrapper

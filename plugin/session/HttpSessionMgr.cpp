@@ -2,13 +2,13 @@
 
 #include <string.h>
 
-#include <new>
-
 #include <netutils/VQNetUtils.h>
 
 #include "frame/ErrorCodes.h"
 #include "frame/FatalAssert.h"
 #include "frame/Log.h"
+#include "frame/NewSession.h"
+#include "frame/SessionJobs.h"
 #include "session/HttpSession.h"
 #include "session/SystemTraits.h"
 
@@ -156,9 +156,11 @@ void CHttpSessionMgr::fnHttpServerDataCB(int handle, void* event, void* user)
         tagAsyncReq req;
         req.iCmdType = ASYNC_HTTP_DESTROY;
         req.lHttpHandle = handle;
-        // The pointer only travels with the job; the worker looks the session up
-        // again by handle and holds it by a shared pointer while it works.
-        req.pSession = self->getSession(handle).get();
+        // The session only travels by name with the job; the worker looks it up
+        // again by handle and serial and holds it by a shared pointer while it works.
+        std::shared_ptr<CHttpSession> session = self->getSession(handle);
+        req.pSession = session.get();
+        req.ullSessionSerial = session ? session->serial() : 0;
         HPW_LOGD("[hanele=%d]vqnetutils callback exception", handle);  // Q18: spelt as operators know it
         singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
     }
@@ -193,14 +195,7 @@ int CHttpSessionMgr::processHttpCreate(tagAsyncReq* req)
         HPW_LOGE(HPW_ERR_PARAM, "Http create parameter error");
         return HPW_ERR_PARAM;
     }
-    std::shared_ptr<CHttpSession> session;
-    CHttpSession* created = new (std::nothrow) CHttpSession(m_pProtocolFilterChain, m_pServerSink);
-    if (created != nullptr) {
-        try {
-            session.reset(created);  // deletes the session if the control block cannot be made
-        } catch (const std::bad_alloc&) {
-        }
-    }
+    std::shared_ptr<CHttpSession> session = NewSession<CHttpSession>(m_pProtocolFilterChain, m_pServerSink);
     if (!session) {
         HPW_LOGE(HPW_ERR_NO_MEMORY, "new CHttpSession failed, errcode:%d", ZRT_GetSystemLastError());
         if (req->lHttpHandle != -1) {
@@ -217,10 +212,8 @@ int CHttpSessionMgr::processHttpCreate(tagAsyncReq* req)
         return HPW_ERR_SESSION_NOT_FOUND;
     }
     // The request is parsed by a later job, never in the creating step.
-    tagAsyncReq process;
-    process.iCmdType = ASYNC_HTTP_PROCESS;
+    tagAsyncReq process = SessionJob(ASYNC_HTTP_PROCESS, session.get());
     process.lHttpHandle = req->lHttpHandle;
-    process.pSession = session.get();
     process.pData = req->pData;
     process.iDataLen = req->iDataLen;
     singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&process);
@@ -248,7 +241,8 @@ int CHttpSessionMgr::processHttpDestroy(tagAsyncReq* req)
         return HPW_ERR_PARAM;
     }
     HPW_LOGD("[handle=%d]start destroy http session", static_cast<int>(req->lHttpHandle));
-    std::shared_ptr<CHttpSession> session = removeSession(req->lHttpHandle);
+    // Handles are reused once closed: a stale job names the session it was made for.
+    std::shared_ptr<CHttpSession> session = m_sessions.take(static_cast<int>(req->lHttpHandle), req->ullSessionSerial);
     if (!session) {
         HPW_LOGE(HPW_ERR_SESSION_NOT_FOUND, "[handle=%d]Http session not found!", static_cast<int>(req->lHttpHandle));
         return HPW_ERR_SESSION_NOT_FOUND;
@@ -259,12 +253,8 @@ int CHttpSessionMgr::processHttpDestroy(tagAsyncReq* req)
 int CHttpSessionMgr::addSession(long handle, std::shared_ptr<CHttpSession> session)
 {
     int key = static_cast<int>(handle);
-    {
-        ZRT_Guard guard(m_sessionMutex);
-        if (m_sessions.find(key) == m_sessions.end()) {
-            m_sessions[key] = std::move(session);
-            return key;
-        }
+    if (m_sessions.add(key, std::move(session))) {
+        return key;
     }
     // A handle that is already in the table is a programming error (the embedded
     // server never reuses a handle before it is closed): stop, in every build.
@@ -273,26 +263,16 @@ int CHttpSessionMgr::addSession(long handle, std::shared_ptr<CHttpSession> sessi
 
 std::shared_ptr<CHttpSession> CHttpSessionMgr::getSession(long handle)
 {
-    ZRT_Guard guard(m_sessionMutex);
-    auto found = m_sessions.find(static_cast<int>(handle));
-    return found == m_sessions.end() ? std::shared_ptr<CHttpSession>() : found->second;
+    return m_sessions.get(static_cast<int>(handle));
 }
 
 std::shared_ptr<CHttpSession> CHttpSessionMgr::removeSession(long handle)
 {
-    ZRT_Guard guard(m_sessionMutex);
-    auto found = m_sessions.find(static_cast<int>(handle));
-    if (found == m_sessions.end()) {
-        return std::shared_ptr<CHttpSession>();
-    }
-    std::shared_ptr<CHttpSession> session = std::move(found->second);
-    m_sessions.erase(found);
-    return session;
+    return m_sessions.remove(static_cast<int>(handle));
 }
 
 int CHttpSessionMgr::getHttpSessionCount()
 {
-    ZRT_Guard guard(m_sessionMutex);
     return static_cast<int>(m_sessions.size());
 }
 
@@ -314,22 +294,8 @@ void CHttpSessionMgr::getInvalidHandleQueue(std::deque<long>& handles)
 
 void CHttpSessionMgr::timeOutCheck()
 {
-    // Pushing while holding the table mutex is allowed: the queue mutex is always
-    // taken inside it, never the other way round.
-    ZRT_Guard guard(m_sessionMutex);
-    for (auto& entry : m_sessions) {
-        CHttpSession* session = entry.second.get();
-        if (session->getTimeoutCount() > kSessionTimeoutPasses) {
-            // Pushed again on every later pass until the session is gone.
-            tagAsyncReq req;
-            req.iCmdType = ASYNC_HTTP_DESTROY;
-            req.lHttpHandle = entry.first;
-            req.pSession = session;
-            singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
-        } else {
-            session->increaseTimeoutCount();
-        }
-    }
+    m_sessions.agePass([](long, CHttpSession& session) { return session.getTimeoutCount() > kSessionTimeoutPasses; },
+                       [](CHttpSession& session) { session.increaseTimeoutCount(); });
 }
 
 int CHttpSessionMgr::increaseDownloadNum()

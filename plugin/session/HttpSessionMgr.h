@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <deque>
-#include <map>
 #include <memory>
 #include <string>
 
@@ -17,6 +16,7 @@
 
 #include "frame/AsyncRequest.h"
 #include "frame/HttpServerWrapper.h"
+#include "frame/SessionTable.h"
 #include "frame/singleton.h"
 
 namespace HttpWrapper {
@@ -70,8 +70,7 @@ private:
     PROTOCOL_FILTER::IProtocolFilter* m_pProtocolFilterChain = nullptr;
     std::atomic<int> m_iReleaseRunning{0};
     std::atomic<ZRT_INT32> m_iDownloadNum{0};
-    std::map<long, std::shared_ptr<CHttpSession>> m_sessions;
-    ZRT_Mutex m_sessionMutex{1};       // guards m_sessions
+    CSessionTable<long, CHttpSession> m_sessions{ASYNC_HTTP_DESTROY, &tagAsyncReq::lHttpHandle};
     ZRT_Sema m_releaseSema{0, 65535};  // posted once per handle to close
     std::deque<long> m_invalidHandles;
     ZRT_THREAD_T m_releaseThread = ZRT_INVALID_THREAD;

@@ -8,7 +8,8 @@
 // sleep below only runs after a reply that made partial progress.
 #include <string.h>
 
-#include <HttpProtocolWrapper.h>
+#include <ext/DownloadSendCodes.h>
+#include <ext/StreamBlockLayout.h>
 
 #include "frame/Clock.h"
 #include "frame/ErrorCodes.h"
@@ -21,8 +22,6 @@ namespace HttpWrapper {
 namespace {
 const int kReplySendTimeoutMs = 5000;
 const ZRT_UINT32 kPartialRetrySleepMs = 10;
-const size_t kFileLengthHighOffset = 1612;
-const size_t kFileLengthLowOffset = 1616;
 
 bool stageHeader(int handle, const char* name, const std::string& value)
 {
@@ -43,9 +42,7 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
         HPW_LOGD("Http download get STREAM_INFO");
         bool validIndex = index >= 0 && index < kStreamInfoSlots;
         // A block is never copied past its record, whatever length the gateway gives.
-        size_t copy = data == nullptr || length <= 0
-                          ? 0
-                          : static_cast<size_t>(length < kStreamInfoSize ? length : kStreamInfoSize);
+        size_t copy = StreamBlock::infoCopyLength(data, length);
         if (m_iWaitFirstInfo != 0) {
             if (validIndex && index == m_iStreamInfoCount && m_iStreamInfoCount <= 3) {
                 if (copy != 0) {
@@ -54,13 +51,8 @@ int CHttpSession::send(int index, int dataType, void* data, int length)
                 m_iStreamInfoCount++;
             }
             m_iWaitFirstInfo = 0;
-            unsigned int high = 0;
-            unsigned int low = 0;
-            if (validIndex) {
-                memcpy(&high, m_streamInfo[index] + kFileLengthHighOffset, sizeof high);
-                memcpy(&low, m_streamInfo[index] + kFileLengthLowOffset, sizeof low);
-            }
-            m_ullFileLen = CReplyFraming::announcedLength((static_cast<unsigned long long>(high) << 32) | low);
+            uint64_t fileLength = validIndex ? StreamBlock::readFileLength(m_streamInfo[index]) : 0;
+            m_ullFileLen = CReplyFraming::announcedLength(fileLength);
             HPW_LOGD("[fileLen = %d]Http download get file len", static_cast<int>(m_ullFileLen.load()));
             if (m_strDownloadRange.empty()) {
                 sendHead(200);

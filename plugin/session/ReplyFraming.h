@@ -19,6 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include <ext/StreamBlockLayout.h>
+
 #include "session/ByteRange.h"
 
 namespace HttpWrapper {
@@ -28,7 +30,7 @@ public:
     typedef std::vector<std::pair<std::string, std::string>> Headers;
 
     // The bytes the gateway sends before the media file.
-    static const unsigned long long kStreamHeadLength = 40;
+    static const unsigned long long kStreamHeadLength = StreamBlock::kHeadSize;
 
     void setChunked(bool chunked) { m_bChunked = chunked; }
     bool isChunked() const { return m_bChunked; }

@@ -1,7 +1,5 @@
 #include "talk/AudioTalkSessionMgr.h"
 
-#include <vector>
-
 #include "frame/ErrorCodes.h"
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
@@ -42,12 +40,8 @@ int CAudioTalkSessionMgr::setProtocolFilterChain(PROTOCOL_FILTER::IProtocolFilte
 
 int CAudioTalkSessionMgr::addSession(std::string& url, std::shared_ptr<CQumexAudioTalkSession> session)
 {
-    {
-        ZRT_Guard guard(m_mutex);
-        if (m_sessions.find(url) == m_sessions.end()) {
-            m_sessions[url] = std::move(session);
-            return 0;
-        }
+    if (m_sessions.add(url, std::move(session))) {
+        return 0;
     }
     HPW_LOGE(HPW_ERR_TALK_EXISTS, "[url = %s]talk already opened", url.c_str());
     return -1;
@@ -55,28 +49,18 @@ int CAudioTalkSessionMgr::addSession(std::string& url, std::shared_ptr<CQumexAud
 
 std::shared_ptr<CQumexAudioTalkSession> CAudioTalkSessionMgr::removeSession(std::string& url)
 {
-    ZRT_Guard guard(m_mutex);
-    auto found = m_sessions.find(url);
-    if (found == m_sessions.end()) {
-        return std::shared_ptr<CQumexAudioTalkSession>();
-    }
-    std::shared_ptr<CQumexAudioTalkSession> session = std::move(found->second);
-    m_sessions.erase(found);
-    return session;
+    return m_sessions.remove(url);
 }
 
 std::shared_ptr<CQumexAudioTalkSession> CAudioTalkSessionMgr::getSession(std::string& url)
 {
-    ZRT_Guard guard(m_mutex);
-    auto found = m_sessions.find(url);
-    return found == m_sessions.end() ? std::shared_ptr<CQumexAudioTalkSession>() : found->second;
+    return m_sessions.get(url);
 }
 
 int CAudioTalkSessionMgr::checkSession(std::string& url, std::string& sessionId)
 {
-    ZRT_Guard guard(m_mutex);
-    auto found = m_sessions.find(url);
-    if (found == m_sessions.end()) {
+    std::shared_ptr<CQumexAudioTalkSession> talk = m_sessions.get(url);
+    if (!talk) {
         return -1;
     }
     // An empty id is accepted without comparison: clients that never learnt the
@@ -84,39 +68,33 @@ int CAudioTalkSessionMgr::checkSession(std::string& url, std::string& sessionId)
     if (sessionId.empty()) {
         return 0;
     }
-    return found->second->getTalkSessionId() == sessionId ? 0 : -1;
+    return talk->getTalkSessionId() == sessionId ? 0 : -1;
 }
 
 unsigned int CAudioTalkSessionMgr::getTalkSessionCount()
 {
-    ZRT_Guard guard(m_mutex);
     return static_cast<unsigned int>(m_sessions.size());
 }
 
 void CAudioTalkSessionMgr::timeOutCheck()
 {
-    // Pushing while holding the table mutex is allowed: the queue's mutex is
-    // always taken inside it, never the other way round.
-    ZRT_Guard guard(m_mutex);
-    for (auto& entry : m_sessions) {
-        CQumexAudioTalkSession* session = entry.second.get();
-        unsigned int deviceIdle = static_cast<unsigned int>(session->getTimeoutCount());
-        unsigned int clientIdle = static_cast<unsigned int>(session->getRecvTimeoutCount());
-        if (deviceIdle >= kIdlePasses || clientIdle >= kIdlePasses) {
-            // The counters are left as they are: every later pass pushes another
-            // destroy until the talk is gone.
-            tagAsyncReq req;
-            req.iCmdType = ASYNC_TALK_DESTROY;
-            req.strKey = entry.first;
-            req.pSession = session;
-            HPW_LOGD("[strMediaUrl = %s, getTimeoutCount() = %d, getRecvTimeoutCount = %d]device timeOutCheck",
-                     entry.first.c_str(), static_cast<int>(deviceIdle), static_cast<int>(clientIdle));
-            singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
-        } else {
-            session->increaseTimeoutCount();
-            session->increaseRecvTimeoutCount();
+    // The counters are left as they are: every later pass pushes another
+    // destroy until the talk is gone.
+    auto idle = [](const std::string& url, CQumexAudioTalkSession& talk) {
+        int deviceIdle = talk.getTimeoutCount();
+        int clientIdle = talk.getRecvTimeoutCount();
+        if (static_cast<unsigned int>(deviceIdle) < kIdlePasses &&
+            static_cast<unsigned int>(clientIdle) < kIdlePasses) {
+            return false;
         }
-    }
+        HPW_LOGD("[strMediaUrl = %s, getTimeoutCount() = %d, getRecvTimeoutCount = %d]device timeOutCheck", url.c_str(),
+                 deviceIdle, clientIdle);
+        return true;
+    };
+    m_sessions.agePass(idle, [](CQumexAudioTalkSession& talk) {
+        talk.increaseTimeoutCount();
+        talk.increaseRecvTimeoutCount();
+    });
 }
 
 int CAudioTalkSessionMgr::processHttpTalkDestroy(tagAsyncReq* req)
@@ -125,18 +103,10 @@ int CAudioTalkSessionMgr::processHttpTalkDestroy(tagAsyncReq* req)
         HPW_LOGE(HPW_ERR_PARAM, "Http process parameter error");
         return HPW_ERR_PARAM;
     }
-    std::shared_ptr<CQumexAudioTalkSession> session;
-    {
-        ZRT_Guard guard(m_mutex);
-        auto found = m_sessions.find(req->strKey);
-        // A destroy job names the talk it was made for: a later talk opened on
-        // the same channel is not the one a stale job (a second time-out pass,
-        // a late end of stream) meant.
-        if (found != m_sessions.end() && (req->pSession == nullptr || req->pSession == found->second.get())) {
-            session = std::move(found->second);
-            m_sessions.erase(found);
-        }
-    }
+    // A destroy job names the talk it was made for: a later talk opened on the
+    // same channel is not the one a stale job (a second time-out pass, a late
+    // end of stream) meant.
+    std::shared_ptr<CQumexAudioTalkSession> session = m_sessions.take(req->strKey, req->ullSessionSerial);
     if (!session) {
         HPW_LOGE(HPW_ERR_SESSION_NOT_FOUND, "Http talk session not found!");
         return HPW_ERR_SESSION_NOT_FOUND;
@@ -147,12 +117,7 @@ int CAudioTalkSessionMgr::processHttpTalkDestroy(tagAsyncReq* req)
 
 void CAudioTalkSessionMgr::closeAll()
 {
-    std::map<std::string, std::shared_ptr<CQumexAudioTalkSession>> sessions;
-    {
-        ZRT_Guard guard(m_mutex);
-        sessions.swap(m_sessions);
-    }
-    for (auto& entry : sessions) {
+    for (auto& entry : m_sessions.takeAll()) {
         HPW_LOGD("[strMediaUrl = %s]talk closed with the server", entry.first.c_str());
         entry.second->stop();
     }

@@ -4,14 +4,11 @@
 // request, found by the close request and by the raw audio channel, aged by the
 // time-out thread and torn down by queued destroy jobs.
 //
-// Lock order: the table mutex may be held while a talk's own lock is taken
-// (getTalkSessionId) and while a job is pushed onto the request queue, never
-// the reverse; a talk is stopped only after it has left the table, outside the
-// mutex.
+// The table's lock order (SessionTable.h): a talk is stopped only after it has
+// left the table, outside its mutex.
 #ifndef HTTPWRAPPER_TALK_AUDIOTALKSESSIONMGR_H
 #define HTTPWRAPPER_TALK_AUDIOTALKSESSIONMGR_H
 
-#include <map>
 #include <memory>
 #include <string>
 
@@ -20,6 +17,7 @@
 #include <zrt/zrt.h>
 
 #include "frame/AsyncRequest.h"
+#include "frame/SessionTable.h"
 #include "frame/singleton.h"
 
 namespace HttpWrapper {
@@ -60,8 +58,7 @@ private:
     int m_iStarted = 0;
     PROTOCOL_WRAPPER::IServerSink* m_pServerSink = nullptr;
     PROTOCOL_FILTER::IProtocolFilter* m_pProtocolFilterChain = nullptr;
-    std::map<std::string, std::shared_ptr<CQumexAudioTalkSession>> m_sessions;
-    ZRT_Mutex m_mutex{1};  // guards m_sessions
+    CSessionTable<std::string, CQumexAudioTalkSession> m_sessions{ASYNC_TALK_DESTROY, &tagAsyncReq::strKey};
 };
 
 }  // namespace HttpWrapper

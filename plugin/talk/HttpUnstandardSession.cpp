@@ -9,6 +9,7 @@
 #include "frame/FatalAssert.h"
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
+#include "frame/SessionJobs.h"
 #include "talk/AudioTalkSessionMgr.h"
 #include "talk/QumexAudioTalkSession.h"
 #include "transport/IocpTcpTransmitter.h"
@@ -119,16 +120,10 @@ int CHttpUnstandardSession::fini()
 
 int CHttpUnstandardSession::pushDestroyReq()
 {
-    int expected = 0;
-    if (!m_iDestroyRequested.compare_exchange_strong(expected, 1)) {
-        return 0;
-    }
-    tagAsyncReq req;
-    req.iCmdType = ASYNC_UNSTANDARD_DESTROY;
-    req.pSession = this;
+    tagAsyncReq job = SessionJob(ASYNC_UNSTANDARD_DESTROY, this);
     int socket = m_iConnSocketFd;
-    req.iSocket = socket != -1 ? socket : m_iHandedSocket.load();
-    singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
+    job.iSocket = socket != -1 ? socket : m_iHandedSocket.load();
+    PushDestroyOnce(m_iDestroyRequested, job);
     return 0;
 }
 

@@ -6,6 +6,8 @@
 
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
+#include "frame/NewSession.h"
+#include "frame/SessionJobs.h"
 #include "talk/HttpUnstandardSession.h"
 #include "transport/SocketHelpers.h"
 
@@ -166,14 +168,8 @@ int CHttpUnstandardSessionMgr::processHttpUnstandardCreate(tagAsyncReq* req)
         HPW_LOGE(HPW_ERR_PARAM, "Http unstandard create parameter error");
         return HPW_ERR_PARAM;
     }
-    std::shared_ptr<CHttpUnstandardSession> session;
-    CHttpUnstandardSession* created = new (std::nothrow) CHttpUnstandardSession(m_pProtocolFilterChain, m_pServerSink);
-    if (created != nullptr) {
-        try {
-            session.reset(created);  // deletes the session if the control block cannot be made
-        } catch (const std::bad_alloc&) {
-        }
-    }
+    std::shared_ptr<CHttpUnstandardSession> session =
+        NewSession<CHttpUnstandardSession>(m_pProtocolFilterChain, m_pServerSink);
     if (!session) {
         HPW_LOGE(HPW_ERR_NO_MEMORY, "new CHttpSession failed, errcode:%d", ZRT_GetSystemLastError());
         int socket = req->iSocket;
@@ -191,26 +187,10 @@ int CHttpUnstandardSessionMgr::processHttpUnstandardCreate(tagAsyncReq* req)
         session->fini();
         return HPW_ERR_SESSION_NOT_FOUND;
     }
-    tagAsyncReq process;
-    process.iCmdType = ASYNC_UNSTANDARD_PROCESS;
-    process.pSession = session.get();
+    tagAsyncReq process = SessionJob(ASYNC_UNSTANDARD_PROCESS, session.get());
     process.iSocket = req->iSocket;
     singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&process);
     return 0;
-}
-
-std::shared_ptr<CHttpUnstandardSession> CHttpUnstandardSessionMgr::findJobSession(tagAsyncReq* req, bool remove)
-{
-    ZRT_Guard guard(m_mutex);
-    auto found = m_sessions.find(req->iSocket);
-    if (found == m_sessions.end() || (req->pSession != nullptr && req->pSession != found->second.get())) {
-        return std::shared_ptr<CHttpUnstandardSession>();
-    }
-    std::shared_ptr<CHttpUnstandardSession> session = found->second;
-    if (remove) {
-        m_sessions.erase(found);
-    }
-    return session;
 }
 
 int CHttpUnstandardSessionMgr::processHttpUnstandardProcess(tagAsyncReq* req)
@@ -219,7 +199,7 @@ int CHttpUnstandardSessionMgr::processHttpUnstandardProcess(tagAsyncReq* req)
         HPW_LOGE(HPW_ERR_PARAM, "Http unstandard process parameter error");
         return HPW_ERR_PARAM;
     }
-    std::shared_ptr<CHttpUnstandardSession> session = findJobSession(req, false);
+    std::shared_ptr<CHttpUnstandardSession> session = m_sessions.find(req->iSocket, req->ullSessionSerial);
     if (!session) {
         HPW_LOGE(HPW_ERR_SESSION_NOT_FOUND, "Http unstandard session not found!");
         return HPW_ERR_SESSION_NOT_FOUND;
@@ -233,7 +213,7 @@ int CHttpUnstandardSessionMgr::processHttpUnstandardDestroy(tagAsyncReq* req)
         HPW_LOGE(HPW_ERR_PARAM, "Http unstandard destroy parameter error");
         return HPW_ERR_PARAM;
     }
-    std::shared_ptr<CHttpUnstandardSession> session = findJobSession(req, true);
+    std::shared_ptr<CHttpUnstandardSession> session = m_sessions.take(req->iSocket, req->ullSessionSerial);
     if (!session) {
         HPW_LOGE(HPW_ERR_SESSION_NOT_FOUND, "Http unstandard session not found!");
         return HPW_ERR_SESSION_NOT_FOUND;
@@ -245,12 +225,8 @@ int CHttpUnstandardSessionMgr::processHttpUnstandardDestroy(tagAsyncReq* req)
 
 int CHttpUnstandardSessionMgr::addSession(int socket, std::shared_ptr<CHttpUnstandardSession> session)
 {
-    {
-        ZRT_Guard guard(m_mutex);
-        if (m_sessions.find(socket) == m_sessions.end()) {
-            m_sessions[socket] = std::move(session);
-            return 0;
-        }
+    if (m_sessions.add(socket, std::move(session))) {
+        return 0;
     }
     HPW_LOGE(HPW_ERR_TALK_EXISTS, "[socket = %d]talk already opened", socket);
     return -1;
@@ -258,55 +234,28 @@ int CHttpUnstandardSessionMgr::addSession(int socket, std::shared_ptr<CHttpUnsta
 
 std::shared_ptr<CHttpUnstandardSession> CHttpUnstandardSessionMgr::removeSession(int socket)
 {
-    ZRT_Guard guard(m_mutex);
-    auto found = m_sessions.find(socket);
-    if (found == m_sessions.end()) {
-        return std::shared_ptr<CHttpUnstandardSession>();
-    }
-    std::shared_ptr<CHttpUnstandardSession> session = std::move(found->second);
-    m_sessions.erase(found);
-    return session;
+    return m_sessions.remove(socket);
 }
 
 std::shared_ptr<CHttpUnstandardSession> CHttpUnstandardSessionMgr::getSession(int socket)
 {
-    ZRT_Guard guard(m_mutex);
-    auto found = m_sessions.find(socket);
-    return found == m_sessions.end() ? std::shared_ptr<CHttpUnstandardSession>() : found->second;
+    return m_sessions.get(socket);
 }
 
 int CHttpUnstandardSessionMgr::getSessionCount()
 {
-    ZRT_Guard guard(m_mutex);
     return static_cast<int>(m_sessions.size());
 }
 
 void CHttpUnstandardSessionMgr::timeOutCheck()
 {
-    // Pushing under the table mutex is allowed: the queue's mutex comes after it.
-    ZRT_Guard guard(m_mutex);
-    for (auto& entry : m_sessions) {
-        CHttpUnstandardSession* session = entry.second.get();
-        if (session->getTimeoutCount() > kIdlePasses) {
-            tagAsyncReq req;
-            req.iCmdType = ASYNC_UNSTANDARD_DESTROY;
-            req.iSocket = entry.first;
-            req.pSession = session;
-            singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
-        } else {
-            session->increaseTimeoutCount();
-        }
-    }
+    m_sessions.agePass([](int, CHttpUnstandardSession& session) { return session.getTimeoutCount() > kIdlePasses; },
+                       [](CHttpUnstandardSession& session) { session.increaseTimeoutCount(); });
 }
 
 void CHttpUnstandardSessionMgr::closeAll()
 {
-    std::map<int, std::shared_ptr<CHttpUnstandardSession>> sessions;
-    {
-        ZRT_Guard guard(m_mutex);
-        sessions.swap(m_sessions);
-    }
-    for (auto& entry : sessions) {
+    for (auto& entry : m_sessions.takeAll()) {
         entry.second->fini();
     }
     m_pGate.reset();

@@ -8,7 +8,6 @@
 #define HTTPWRAPPER_TALK_HTTPUNSTANDARDSESSIONMGR_H
 
 #include <atomic>
-#include <map>
 #include <memory>
 #include <string>
 
@@ -18,6 +17,7 @@
 
 #include "frame/AsyncRequest.h"
 #include "frame/HttpServerWrapper.h"
+#include "frame/SessionTable.h"
 #include "frame/singleton.h"
 #include "talk/RawConnectionGate.h"
 
@@ -61,9 +61,6 @@ public:
     static const int kIdlePasses = 1;
 
 private:
-    // The session registered under the job's socket, when it is the one the job
-    // was made for (sockets are reused once closed).
-    std::shared_ptr<CHttpUnstandardSession> findJobSession(tagAsyncReq* req, bool remove);
     // The gate forgets the socket's connection: its session is gone or was never made.
     void releaseAtGate(int socket);
 
@@ -77,8 +74,7 @@ private:
     // Made by startListen when connections are bounded, before the accept thread; freed by closeAll once
     // no worker runs.
     std::unique_ptr<CRawConnectionGate> m_pGate;
-    std::map<int, std::shared_ptr<CHttpUnstandardSession>> m_sessions;
-    ZRT_Mutex m_mutex{1};  // guards m_sessions
+    CSessionTable<int, CHttpUnstandardSession> m_sessions{ASYNC_UNSTANDARD_DESTROY, &tagAsyncReq::iSocket};
 };
 
 }  // namespace HttpWrapper

@@ -8,7 +8,7 @@
 #include "frame/ErrorCodes.h"
 #include "frame/HttpServerWrapper.h"
 #include "frame/Log.h"
-#include "session/RtspStatus.h"
+#include "frame/SessionJobs.h"
 #include "transport/IocpTcpTransmitter.h"
 #include "util/RequestText.h"
 
@@ -28,8 +28,7 @@ const int kSendWithBacklogLimit = 1;
 
 CQumexAudioTalkSession::CQumexAudioTalkSession(PROTOCOL_FILTER::IProtocolFilter* filterChain,
                                                PROTOCOL_WRAPPER::IServerSink* serverSink)
-    : m_pServerSink(serverSink),
-      m_pProtocolFilterChain(filterChain),
+    : CRtspConnection(filterChain, serverSink),
       m_iSendCheckLimit(singleton<CHttpServerWrapper>::instance()->options().checkTalkBacklog ? kSendWithBacklogLimit
                                                                                               : kSendWithoutLimit)
 {
@@ -113,54 +112,16 @@ int CQumexAudioTalkSession::convertToRtspProcess(const std::string& rtspUrl)
     text += "Accept: application/sdp\r\n";
     text += "User-Agent: httpClient\r\n";
     text += "\r\n";
-
-    if (m_request.ParseRequest(&text[0], static_cast<int>(text.size())) == 0) {
-        // Recorded in the error code only, and the talk counts as started: the
-        // gateway has always seen it so (Q7). The log text is Q18's.
-        HPW_LOGE(HPW_ERR_RTSP_PARSE, "CovertToRtspProcess fail, cProtocolRequest ParseMsg fail, request:%s",
-                 text.c_str());
-        SetErrorCode(HPW_ERR_RTSP_PARSE);
+    // A request that does not parse is recorded in the error code only, and the
+    // talk counts as started: the gateway has always seen it so (Q7).
+    if (!parseRequest(text, false)) {
         return 0;
     }
-    m_request.setNeedAuth(false);
-
-    int result =
-        m_pProtocolFilterChain != nullptr
-            ? m_pProtocolFilterChain->Request(&m_request, 0, static_cast<PROTOCOL_FILTER::IConnectContext*>(this))
-            : static_cast<int>(HPW_ERR_NO_FILTER);
+    int result = filterRequest();
     if (result != 0) {
-        // Q18: spelt as operators search for it.
-        HPW_LOGE(result, "CovertToRtspProcess fail, m_pProtocolFilterChainSink Request fail");
-        SetErrorCode(result);
-        SetStatusCode(getStatusCodeRtspInt());
         return result;
     }
-
-    result = m_pServerSink != nullptr ? m_pServerSink->OnOpen(GetFilterURL(), GetMediaURL(),
-                                                              static_cast<ISessionInterface*>(this), &m_pSinkHandle)
-                                      : static_cast<int>(HPW_ERR_NO_FILTER);
-    if (result != 0) {
-        HPW_LOGE(result, "m_pServerSink OnOpen fail, pszUrl == %s", text.c_str());
-        SetErrorCode(result);
-        SetStatusCode(500);
-        return result;
-    }
-    HPW_LOGD("OnOpen success, SessionHandle[%p], pszUrl=%s", m_pSinkHandle, rtspUrl.c_str());
-
-    result = m_pServerSink->pushStream(m_pSinkHandle);
-    if (result != 0) {
-        HPW_LOGE(result, "m_pServerSink pushStream fail, pszUrl == %s", text.c_str());
-        SetErrorCode(result);
-        SetStatusCode(500);
-        return result;
-    }
-    m_pServerSink->OnStart(m_pSinkHandle, 0);
-    return 0;
-}
-
-int CQumexAudioTalkSession::getStatusCodeRtspInt()
-{
-    return rtspStatusCode(GetStatusCode());
+    return openStream(this, &m_pSinkHandle, text, rtspUrl);
 }
 
 void CQumexAudioTalkSession::closeLink(CIocpTcpTransmitter* link)
@@ -205,20 +166,19 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
 {
     switch (dataType) {
     case PROTOCOL_WRAPPER::STREAM_INFO: {
+        size_t copy = StreamBlock::infoCopyLength(data, length);
         if (m_iWaitFirstHeader != 0) {
             if (index >= 0 && index == m_iStreamHeaderCount && m_iStreamHeaderCount < kStreamHeaderSlots) {
-                if (data != nullptr && length > 0) {
-                    memcpy(m_streamHeaders[index], data,
-                           static_cast<size_t>(length < kStreamHeaderSize ? length : kStreamHeaderSize));
+                if (copy != 0) {
+                    memcpy(m_streamHeaders[index], data, copy);
                 }
                 m_iStreamHeaderCount++;
             }
             calcAudioPacketSize();
             m_iWaitFirstHeader = 0;
-        } else if (index >= 0 && index < m_iStreamHeaderCount && data != nullptr && length > 0) {
+        } else if (index >= 0 && index < m_iStreamHeaderCount && copy != 0) {
             // Refreshes a stored header; the packet size stays what the first one made it.
-            memcpy(m_streamHeaders[index], data,
-                   static_cast<size_t>(length < kStreamHeaderSize ? length : kStreamHeaderSize));
+            memcpy(m_streamHeaders[index], data, copy);
         }
         return 0;
     }
@@ -245,8 +205,7 @@ int CQumexAudioTalkSession::send(int index, int dataType, void* data, int length
 
 void CQumexAudioTalkSession::calcAudioPacketSize()
 {
-    const char* slot = m_streamHeaders[0] + kCodecNameOffset;
-    std::string codec(slot, strnlen(slot, static_cast<size_t>(kStreamHeaderSize - kCodecNameOffset)));
+    std::string codec = StreamBlock::readCodecName(m_streamHeaders[0]);
     if (codec == "PCMU" || codec == "PCMA") {
         m_iPacketSize = kG711PacketSize;
     } else if (codec == "G7221" || codec == "G726-16") {
@@ -390,15 +349,9 @@ int CQumexAudioTalkSession::sendDataToDev()
 
 int CQumexAudioTalkSession::pushDestroyReq()
 {
-    int expected = 0;
-    if (!m_iDestroyPending.compare_exchange_strong(expected, 1)) {
-        return 0;
-    }
-    tagAsyncReq req;
-    req.iCmdType = ASYNC_TALK_DESTROY;
-    req.pSession = this;
-    req.strKey = m_strTalkUrl;
-    singleton<CHttpServerWrapper>::instance()->pushAsyncReq(&req);
+    tagAsyncReq job = SessionJob(ASYNC_TALK_DESTROY, this);
+    job.strKey = m_strTalkUrl;
+    PushDestroyOnce(m_iDestroyPending, job);
     return 0;
 }
 

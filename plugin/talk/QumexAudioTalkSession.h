@@ -23,38 +23,27 @@
 
 #include <ProtocolFilter.h>
 #include <ProtocolWrapper.h>
+#include <ext/StreamBlockLayout.h>
 #include <zrt/zrt.h>
 
 #include "frame/SessionInterface.h"
 #include "protocol/ProtocolRequest.h"
+#include "session/RtspConnection.h"
 #include "talk/CycleBuffer.h"
 
 namespace HttpWrapper {
 
 class CIocpTcpTransmitter;
 
-class CQumexAudioTalkSession : public PROTOCOL_FILTER::IConnectContext, public ISessionInterface {
+class CQumexAudioTalkSession : public CRtspConnection, public ISessionInterface {
 public:
     CQumexAudioTalkSession(PROTOCOL_FILTER::IProtocolFilter* filterChain, PROTOCOL_WRAPPER::IServerSink* serverSink);
     ~CQumexAudioTalkSession() override;
     CQumexAudioTalkSession(const CQumexAudioTalkSession&) = delete;
     CQumexAudioTalkSession& operator=(const CQumexAudioTalkSession&) = delete;
 
-    // IConnectContext: written by the filter chain while it handles the DESCRIBE.
-    const char* GetFilterURL() override { return m_strFilterURL.c_str(); }
-    const char* GetMediaURL() override { return m_strMediaURL.c_str(); }
-    void SetFilterURL(const char* url) override { m_strFilterURL = url != nullptr ? url : ""; }
-    void SetMediaURL(const char* url) override { m_strMediaURL = url != nullptr ? url : ""; }
-    const char* GetServerIP() override { return m_strServerIP.c_str(); }
+    // The filter chain may set the server address of the DESCRIBE.
     void SetServerIP(const char* ip) override { m_strServerIP = ip != nullptr ? ip : ""; }
-    int GetStatusCode() override { return m_iStatusCode; }
-    void SetStatusCode(int code) override { m_iStatusCode = code; }
-    int GetErrorCode() override { return m_iErrorCode; }
-    void SetErrorCode(int code) override { m_iErrorCode = code; }
-    const char* GetErrorDescribe() override { return m_strErrorDescribe.c_str(); }
-    void SetErrorDescribe(const char* text) override { m_strErrorDescribe = text != nullptr ? text : ""; }
-    const char* GetErrorRsp() override { return m_strErrorRsp.c_str(); }
-    void SetErrorRsp(const char* text) override { m_strErrorRsp = text != nullptr ? text : ""; }
 
     // ISessionInterface: the gateway's delivery of the device's stream info (10),
     // audio (2) and end (100). 0 or -1.
@@ -93,7 +82,6 @@ public:
     int sendDataToDev();
     void calcAudioPacketSize();
     int pushDestroyReq();  // always 0; queues the talk's destruction once
-    int getStatusCodeRtspInt();
 
     // Idle counters aged by the manager: passes without device audio, and
     // without client audio.
@@ -108,8 +96,6 @@ public:
     const std::string& getTalkUrl() const { return m_strTalkUrl; }
 
     static const int kStreamHeaderSlots = 4;
-    static const int kStreamHeaderSize = 1620;
-    static const int kCodecNameOffset = 300;
 
 private:
     int convertToRtspProcess(const std::string& rtspUrl);
@@ -117,14 +103,6 @@ private:
     void postAudioReceive();
     static void closeLink(CIocpTcpTransmitter* link);
 
-    std::string m_strFilterURL;
-    std::string m_strMediaURL;
-    std::string m_strServerIP;
-    std::string m_strErrorDescribe;
-    std::atomic<int> m_iStatusCode{0};
-    std::atomic<int> m_iErrorCode{0};
-    PROTOCOL_WRAPPER::IServerSink* m_pServerSink;
-    PROTOCOL_FILTER::IProtocolFilter* m_pProtocolFilterChain;
     const int m_iSendCheckLimit;  // SendData's checkLimit for device audio
     ZRT_Mutex m_lock{1};
     CIocpTcpTransmitter* m_pUploadLink = nullptr;    // the client's GET connection
@@ -144,11 +122,9 @@ private:
     void* m_pSinkHandle = nullptr;
     std::atomic<ZRT_INT32> m_iTimeoutCount{0};
     std::atomic<ZRT_INT32> m_iRecvTimeoutCount{0};
-    char m_streamHeaders[kStreamHeaderSlots][kStreamHeaderSize];
+    char m_streamHeaders[kStreamHeaderSlots][StreamBlock::kInfoSize];
     int m_iStreamHeaderCount = 0;
     int m_iWaitFirstHeader = 1;
-    CProtocolRequest m_request;
-    std::string m_strErrorRsp;
 };
 
 }  // namespace HttpWrapper

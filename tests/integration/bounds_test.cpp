@@ -3,7 +3,7 @@
 // HTTP port's head deadline, and downloads that end at the send time-out or when the gateway aborts them.
 #include <gtest/gtest.h>
 
-#include <HttpProtocolWrapper.h>
+#include <ext/DownloadSendCodes.h>
 
 #include <chrono>
 #include <thread>

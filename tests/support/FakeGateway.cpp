@@ -91,8 +91,8 @@ int FakeServerSink::OnStart(void* sessionHandle, int)
     Stream* stream = static_cast<Stream*>(sessionHandle);
     if (stream->talk) {
         // As the reference gateway does: the codec is known before the open is answered.
-        char header[1620] = {};
-        snprintf(header + 300, sizeof header - 300, "%s", talkCodec.c_str());
+        char header[StreamBlock::kInfoSize] = {};
+        StreamBlock::writeCodecName(header, talkCodec.c_str());
         m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_INFO, header, sizeof header);
     }
     if (!silent) {
@@ -145,14 +145,12 @@ std::vector<int> FakeServerSink::clientPacketSizes()
 
 void FakeServerSink::deliver(Stream* stream)
 {
-    char info[1620] = {};
-    unsigned int high = static_cast<unsigned int>(recordingSize >> 32);
-    unsigned int low = static_cast<unsigned int>(recordingSize);
-    memcpy(info + 1612, &high, 4);
-    memcpy(info + 1616, &low, 4);
+    char info[StreamBlock::kInfoSize] = {};
+    StreamBlock::writeFileLength(info, recordingSize);
     m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_INFO, info, sizeof info);
     std::string block = streamHead;
-    int result = m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_HEAD, &block[0], 40);
+    int result =
+        m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_HEAD, &block[0], static_cast<int>(block.size()));
     for (unsigned long long offset = 0; result == 0 && !stream->stop && offset < recordingSize; offset += blockSize) {
         if (abortAfter >= 0 && offset >= static_cast<unsigned long long>(abortAfter.load())) {
             m_server->Send(stream->data, 0, HPW_STREAM_ABORT, nullptr, 0);

@@ -15,6 +15,8 @@
 #include <vector>
 
 #include <HttpProtocolWrapper.h>
+#include <ext/DownloadSendCodes.h>
+#include <ext/StreamBlockLayout.h>
 
 // The gateway's settings and log output. Header-only: the host's test, which
 // loads the plug-in as a library, uses it too.
@@ -86,7 +88,7 @@ public:
 
     static std::string recordingBytes(unsigned long long offset, size_t length);
     unsigned long long recordingSize = 0;
-    const std::string streamHead = std::string(40, 'H');
+    const std::string streamHead = std::string(StreamBlock::kHeadSize, 'H');
     size_t blockSize = 64 * 1024;
     std::atomic<int> openResult{0};
     std::atomic<int> pushResult{0};

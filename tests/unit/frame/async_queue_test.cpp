@@ -33,6 +33,7 @@ TEST(AsyncRequestQueue, JobsCarryAZeroTerminatedCopyInQueueOrder)
     tagAsyncReq req = Request(7, body, 3);
     req.iCmdType = 2;
     req.strKey = "/talk";
+    req.ullSessionSerial = 0x100000002ull;
     ASSERT_EQ(queue.push(req, 1234), CAsyncRequestQueue::PUSHED);
     body[0] = 'z';  // the caller's buffer may be reused at once
     ASSERT_EQ(queue.push(Request(8, body, 0), 1235), CAsyncRequestQueue::PUSHED);  // no data with length 0
@@ -46,6 +47,7 @@ TEST(AsyncRequestQueue, JobsCarryAZeroTerminatedCopyInQueueOrder)
     EXPECT_STREQ(first->pData, "abc");
     EXPECT_EQ(first->strKey, "/talk");
     EXPECT_EQ(first->ullEnqueueTime, 1234u);
+    EXPECT_EQ(first->ullSessionSerial, 0x100000002ull);
     CAsyncRequestQueue::freeJob(first);
 
     tagAsyncReq* second = queue.pop(100);

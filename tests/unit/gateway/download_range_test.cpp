@@ -3,6 +3,8 @@
 // bytes of each that means.
 #include <gtest/gtest.h>
 
+#include <ext/StreamBlockLayout.h>
+
 #include "download/DownloadRange.h"
 
 namespace {
@@ -60,11 +62,11 @@ TEST(DownloadRange, RefusesHeadsThePluginDoesNotWriteAndTagsTellVersionsApart)
         DownloadRange range;
         EXPECT_FALSE(parseDownloadRange(head, range)) << head;
     }
-    unsigned char head[40] = {'M', 'G', 'R', 'H'};
+    unsigned char head[StreamBlock::kHeadSize] = {'M', 'G', 'R', 'H'};
     const std::string tag = entityTagOf(1000, 1767225600123456789, head, sizeof head);
     EXPECT_EQ(tag, entityTagOf(1000, 1767225600123456789, head, sizeof head));
     EXPECT_NE(tag, entityTagOf(1001, 1767225600123456789, head, sizeof head));
     EXPECT_NE(tag, entityTagOf(1000, 1767225600123456790, head, sizeof head));
-    head[32] = 1;  // another block size
+    head[StreamBlock::kHeadBlockSizeOffset] = 1;  // another block size
     EXPECT_NE(tag, entityTagOf(1000, 1767225600123456789, head, sizeof head));
 }

@@ -4,9 +4,12 @@
 
 #include <string.h>
 
+#include <ext/StreamBlockLayout.h>
+
 #include "session/ByteRange.h"
 
 using namespace HttpWrapper;
+using namespace StreamBlock;
 
 TEST(ByteRange, OneRangeIsForwardedEverythingElseIgnored)
 {
@@ -56,19 +59,17 @@ TEST(ByteRange, TheGatewaysReportIsTrustedOnlyWhenItMakesSense)
         {CServedRange::PART, 0, 1, "\"t\"\r\nX: y", RANGE_RECORD_INVALID},
     };
     for (const auto& row : rows) {
-        std::string info(1620, '\0');
-        memcpy(&info[1520], "MGBR", 4);
-        info[1524] = 1;  // the record's version
-        info[1525] = static_cast<char>(row.outcome);
-        for (int i = 0; i < 8; ++i) {
-            info[1528 + i] = static_cast<char>(row.first >> (8 * i));
-            info[1536 + i] = static_cast<char>(row.last >> (8 * i));
-        }
-        memcpy(&info[1544], row.tag.data(), row.tag.size());
+        std::string info(kInfoSize, '\0');
+        memcpy(&info[kRangeOffset], kRangeMagic, kRangeMagicSize);
+        info[kRangeVersionOffset] = kRangeVersion;
+        info[kRangeOutcomeOffset] = static_cast<char>(row.outcome);
+        writeLittleEndian(&info[kRangeFirstOffset], row.first, 8);
+        writeLittleEndian(&info[kRangeLastOffset], row.last, 8);
+        memcpy(&info[kRangeTagOffset], row.tag.data(), row.tag.size());
         CServedRange served;
         EXPECT_EQ(ReadServedRange(info.data(), info.size(), 1040, served), row.expected) << row.tag;
-        EXPECT_EQ(ReadServedRange(info.data(), 1600, 1040, served), RANGE_RECORD_ABSENT) << "a short block";
+        EXPECT_EQ(ReadServedRange(info.data(), kRangeEnd - 1, 1040, served), RANGE_RECORD_ABSENT) << "a short block";
     }
     CServedRange served;
-    EXPECT_EQ(ReadServedRange(std::string(1620, '\0').data(), 1620, 1040, served), RANGE_RECORD_ABSENT);
+    EXPECT_EQ(ReadServedRange(std::string(kInfoSize, '\0').data(), kInfoSize, 1040, served), RANGE_RECORD_ABSENT);
 }

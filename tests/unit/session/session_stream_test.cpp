@@ -7,6 +7,8 @@
 
 #include <memory>
 
+#include <ext/StreamBlockLayout.h>
+
 #include "FakeNetServer.h"
 #include "LogCapture.h"
 #include "TestSession.h"
@@ -46,9 +48,8 @@ protected:
 
     void sendInfo(int index, unsigned int high, unsigned int low)
     {
-        std::string info(1620, '\0');
-        memcpy(&info[1612], &high, 4);
-        memcpy(&info[1616], &low, 4);
+        std::string info(StreamBlock::kInfoSize, '\0');
+        StreamBlock::writeFileLength(&info[0], (static_cast<uint64_t>(high) << 32) | low);
         EXPECT_EQ(session->send(index, PROTOCOL_WRAPPER::STREAM_INFO, &info[0], static_cast<int>(info.size())), 0);
     }
 
@@ -88,8 +89,8 @@ TEST_F(SessionStream, OnlyTheFirstStreamInfoSendsTheHeadWithTheLengthPlusForty)
 TEST_F(SessionStream, AnUnreadableRangeReportIsAnsweredFiveHundredNotWithUnknownBytes)
 {
     session->m_strDownloadRange = "bytes=40-";
-    std::string info(1620, '\0');
-    memcpy(&info[1520], "MGBR\x01\x07", 6);  // an outcome no gateway reports
+    std::string info(StreamBlock::kInfoSize, '\0');
+    memcpy(&info[StreamBlock::kRangeOffset], "MGBR\x01\x07", 6);  // an outcome no gateway reports
     EXPECT_EQ(session->send(0, PROTOCOL_WRAPPER::STREAM_INFO, &info[0], static_cast<int>(info.size())), 0);
     EXPECT_EQ(net.replies, std::vector<Staged>({{"status 500", "timeout 5000"}}));
 }

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <ext/StreamBlockLayout.h>
+
 #include "frame/AsyncRequest.h"
 #include "frame/HttpServerWrapper.h"
 #include "talk/AudioTalkSessionMgr.h"
@@ -20,8 +22,8 @@ namespace {
 
 int sendHeader(CQumexAudioTalkSession& talk, int index, const char* codec)
 {
-    std::string block(CQumexAudioTalkSession::kStreamHeaderSize, '\0');
-    strcpy(&block[CQumexAudioTalkSession::kCodecNameOffset], codec);
+    std::string block(StreamBlock::kInfoSize, '\0');
+    StreamBlock::writeCodecName(&block[0], codec);
     return talk.send(index, PROTOCOL_WRAPPER::STREAM_INFO, &block[0], static_cast<int>(block.size()));
 }
 
