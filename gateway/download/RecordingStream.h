@@ -19,7 +19,7 @@
 
 #include "download/BlockPool.h"
 #include "download/DeliveryRate.h"
-#include "download/DeliveryThread.h"
+#include "base/WorkerThread.h"
 #include "download/DownloadRange.h"
 #include "base/GatewayMetrics.h"
 #include "media/MediaLibrary.h"
@@ -111,7 +111,7 @@ private:
     std::atomic<bool> m_stopRequested;
     std::atomic<uint64_t> m_bytesSent;
     std::mutex m_controlLock;  // guards m_thread and m_started; held while joining
-    DeliveryThread m_thread;
+    WorkerThread m_thread;
     bool m_started;
     std::mutex m_outcomeLock;  // separate: the delivery thread writes the outcome while stop() joins it
     DownloadOutcome m_outcome = DownloadOutcome::kNotStarted;
