@@ -6,6 +6,7 @@
 
 #include "base/GatewayMetrics.h"
 #include "base/Logger.h"
+#include "base/RestErrors.h"
 
 namespace {
 
@@ -14,9 +15,11 @@ constexpr int kCodecNameOffset = 300;    // where it reads the codec's name
 
 }  // namespace
 
-TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics, Logger& log)
+TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, ServerLatch& server,
+                       GatewayMetrics& metrics, Logger& log)
     : m_setup(std::move(setup)),
       m_data(data),
+      m_server(server),
       m_metrics(metrics),
       m_log(log),
       m_opened(std::chrono::steady_clock::now())
@@ -33,36 +36,35 @@ TalkStream::~TalkStream()
     stop();
 }
 
-bool TalkStream::prepare()
+int TalkStream::prepare()
 {
     if (m_setup.capturePath.empty()) {
-        return true;
+        return 0;
     }
     std::string error;
     std::lock_guard<std::mutex> guard(m_captureLock);
     if (!m_capture.open(m_setup.capturePath, m_setup.codec->wavFormatTag, error)) {
         m_log.logf(kLogError, "talk %llu: capture file refused: %s", static_cast<unsigned long long>(m_setup.id),
                    error.c_str());
-        return false;
+        return RestError::kInternalError;
     }
-    return true;
+    return 0;
 }
 
-bool TalkStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server)
+int TalkStream::start()
 {
     std::lock_guard<std::mutex> guard(m_controlLock);
     if (m_started || m_stopRequested) {
-        return false;
+        return RestError::kInternalError;
     }
     m_started = true;
     // The codec is announced before the plug-in answers the open: a client that
     // speaks at once must find its audio cut into the codec's packets.
-    PROTOCOL_WRAPPER::IServer* known = server.load();
+    PROTOCOL_WRAPPER::IServer* known = m_server.get();
     if (known != nullptr) {
         announceCodec(known);
     }
-    m_thread = std::thread(&TalkStream::play, this, &server);
-    return true;
+    return m_thread.start([this] { play(); }) ? 0 : RestError::kInternalError;
 }
 
 void TalkStream::announceCodec(PROTOCOL_WRAPPER::IServer* server)
@@ -76,15 +78,16 @@ void TalkStream::announceCodec(PROTOCOL_WRAPPER::IServer* server)
 
 void TalkStream::stop()
 {
-    std::thread thread;
     {
         std::lock_guard<std::mutex> guard(m_controlLock);
         m_stopRequested = true;
-        thread = std::move(m_thread);
     }
     m_wake.notify_all();
-    if (thread.joinable()) {
-        thread.join();
+    m_server.wake();
+    // Joined once, by whichever caller comes first; the others wait for it here.
+    {
+        std::lock_guard<std::mutex> guard(m_joinLock);
+        m_thread.join();
     }
     std::lock_guard<std::mutex> guard(m_captureLock);
     m_capture.close();
@@ -96,15 +99,11 @@ void TalkStream::stop()
     }
 }
 
-void TalkStream::play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
+void TalkStream::play()
 {
+    PROTOCOL_WRAPPER::IServer* server = m_server.wait([this] { return m_stopRequested.load(); });
     std::unique_lock<std::mutex> lock(m_controlLock);
-    PROTOCOL_WRAPPER::IServer* server = nullptr;
-    // The server is known once CreateServer returned; a talk opened before that waits.
-    while (!m_stopRequested && (server = serverSlot->load()) == nullptr) {
-        m_wake.wait_for(lock, std::chrono::milliseconds(10));
-    }
-    if (m_stopRequested) {
+    if (m_stopRequested || server == nullptr) {
         return;
     }
     if (!m_codecAnnounced) {
@@ -134,14 +133,14 @@ void TalkStream::play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
         }
         next += period;
         lock.lock();
-        m_wake.wait_until(lock, next, [this] { return m_stopRequested; });
+        m_wake.wait_until(lock, next, [this] { return m_stopRequested.load(); });
     }
 }
 
-void TalkStream::input(const void* data, int length)
+int TalkStream::input(int dataType, const void* data, int length)
 {
-    if (data == nullptr || length <= 0) {
-        return;
+    if (dataType != PROTOCOL_WRAPPER::STREAM_DATA || data == nullptr || length <= 0) {
+        return 0;
     }
     m_bytesFromClient += static_cast<uint64_t>(length);
     m_metrics.addTalkBytesFromClient(static_cast<uint64_t>(length));
@@ -151,6 +150,7 @@ void TalkStream::input(const void* data, int length)
         m_log.logf(kLogError, "talk %llu: %s cannot grow: %s; the rest of the talk is not kept",
                    static_cast<unsigned long long>(m_setup.id), m_capture.path().c_str(), strerror(errno));
     }
+    return 0;
 }
 
 std::string TalkStream::summary(const char* outcome)

@@ -14,8 +14,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
+#include "base/GatewayStream.h"
+#include "base/ServerLatch.h"
+#include "base/WorkerThread.h"
 #include "talk/TalkAudio.h"
 #include "talk/WavFile.h"
 
@@ -34,39 +36,42 @@ struct TalkStreamSetup {
     std::string capturePath;                   // empty: what the client says is not kept
 };
 
-class TalkStream {
+class TalkStream : public GatewayStream {
 public:
     // Audio bytes each way are counted in metrics as they pass.
-    TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics, Logger& log);
-    ~TalkStream();
+    TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, ServerLatch& server, GatewayMetrics& metrics,
+               Logger& log);
+    ~TalkStream() override;
     TalkStream(const TalkStream&) = delete;
     TalkStream& operator=(const TalkStream&) = delete;
 
-    uint64_t id() const { return m_setup.id; }
+    Kind kind() const override { return Kind::kTalk; }
+    uint64_t id() const override { return m_setup.id; }
     const TalkStreamSetup& setup() const { return m_setup; }
     uint64_t bytesToClient() const { return m_bytesToClient; }
     uint64_t bytesFromClient() const { return m_bytesFromClient; }
     double secondsOpen() const;
 
-    // Opens the capture file; false (and logged) when it cannot be written.
-    bool prepare();
+    // Opens the capture file; kInternalError (and logged) when it cannot be written.
+    int prepare() override;
     // Starts the device's audio once; it waits for the server to be known.
-    bool start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server);
-    // Stops the audio and waits for its thread: no Send follows. Idempotent.
-    void stop();
-    // What the client said; kept in order of arrival.
-    void input(const void* data, int length);
+    int start() override;
+    // Stops the audio and waits for its thread, then closes the capture.
+    void stop() override;
+    // What the client said (STREAM_DATA); kept in order of arrival.
+    int input(int dataType, const void* data, int length) override;
     // The talk's log line: device, channel, client, user, codec, seconds, bytes
     // each way, outcome.
     std::string summary(const char* outcome);
 
 private:
-    void play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot);
+    void play();
     // The STREAM_INFO header naming the codec; the first thing the talk sends.
     void announceCodec(PROTOCOL_WRAPPER::IServer* server);
 
     const TalkStreamSetup m_setup;
     PROTOCOL_WRAPPER::IServerData* const m_data;  // the plug-in's talk; valid until OnClose
+    ServerLatch& m_server;
     GatewayMetrics& m_metrics;
     Logger& m_log;
     const std::chrono::steady_clock::time_point m_opened;
@@ -78,12 +83,13 @@ private:
     bool m_captureFailed = false;
     bool m_captureDropped = false;  // nothing was said: the empty file is gone
 
-    std::mutex m_controlLock;  // guards the thread and the stop request
+    std::mutex m_controlLock;  // guards the thread's start and the stop request; the thread takes it
     std::condition_variable m_wake;
-    bool m_stopRequested = false;
+    std::atomic<bool> m_stopRequested{false};
     bool m_started = false;
     bool m_codecAnnounced = false;
-    std::thread m_thread;
+    std::mutex m_joinLock;  // the thread is joined under it: no start follows a stop request
+    WorkerThread m_thread;
 };
 
 #endif  // GATEWAY_TALK_STREAM_H
