@@ -221,7 +221,7 @@ int StreamSink::openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_W
         setup.capturePath = device->captureFolder + "/talk-ch" + std::to_string(channel) + "-" + stamp + "-" +
                             std::to_string(setup.id) + device->codec->rawExtension;
     }
-    add(std::make_shared<TalkStream>(setup, data, m_server, m_metrics, m_log), sessionHandle);
+    add(std::make_shared<TalkStream>(setup, data, m_server, m_pacer, m_metrics, m_log), sessionHandle);
     m_metrics.talkStarted();
     m_log.logf(kLogInfo, "talk %llu opened: device %s channel %d client \"%s\" user \"%s\" codec %s%s%s",
                static_cast<unsigned long long>(setup.id), setup.devIndex.c_str(), channel, setup.client.c_str(),

@@ -18,6 +18,7 @@
 #include "download/BlockPool.h"
 #include "download/RecordingStream.h"
 #include "media/MediaCatalog.h"
+#include "talk/TalkPacer.h"
 #include "talk/TalkStream.h"
 
 class AccessLog;
@@ -85,6 +86,8 @@ private:
     Logger& m_log;
     ServerLatch m_server;
     std::atomic<uint64_t> m_nextId;
+    // Paces every talk's device audio; declared before the streams, which leave it when they end.
+    TalkPacer m_pacer;
     // Streams by handle. Shared, so an OnStop on one thread and an OnClose on
     // another never leave a thread joining a deleted stream.
     std::mutex m_lock;

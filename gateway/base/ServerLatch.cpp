@@ -19,6 +19,8 @@ PROTOCOL_WRAPPER::IServer* ServerLatch::wait(const std::function<bool()>& giveUp
 void ServerLatch::wake()
 {
     // Taken and dropped so that a waiter between its check and its sleep sees the change.
-    { std::lock_guard<std::mutex> guard(m_lock); }
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+    }
     m_known.notify_all();
 }

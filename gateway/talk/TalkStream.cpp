@@ -16,10 +16,11 @@ constexpr int kCodecNameOffset = 300;    // where it reads the codec's name
 }  // namespace
 
 TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, ServerLatch& server,
-                       GatewayMetrics& metrics, Logger& log)
+                       TalkPacer& pacer, GatewayMetrics& metrics, Logger& log)
     : m_setup(std::move(setup)),
       m_data(data),
       m_server(server),
+      m_pacer(pacer),
       m_metrics(metrics),
       m_log(log),
       m_opened(std::chrono::steady_clock::now())
@@ -64,7 +65,9 @@ int TalkStream::start()
     if (known != nullptr) {
         announceCodec(known);
     }
-    return m_thread.start([this] { play(); }) ? 0 : RestError::kInternalError;
+    const auto period =
+        std::chrono::microseconds(1000000LL * m_setup.codec->packetBytes / m_setup.codec->bytesPerSecond);
+    return m_pacer.add(this, period, [this] { sendPacket(); }) ? 0 : RestError::kInternalError;
 }
 
 void TalkStream::announceCodec(PROTOCOL_WRAPPER::IServer* server)
@@ -82,13 +85,8 @@ void TalkStream::stop()
         std::lock_guard<std::mutex> guard(m_controlLock);
         m_stopRequested = true;
     }
-    m_wake.notify_all();
-    m_server.wake();
-    // Joined once, by whichever caller comes first; the others wait for it here.
-    {
-        std::lock_guard<std::mutex> guard(m_joinLock);
-        m_thread.join();
-    }
+    // No start follows the request, and no packet follows the removal.
+    m_pacer.remove(this);
     std::lock_guard<std::mutex> guard(m_captureLock);
     m_capture.close();
     // A talk in which the client said nothing (it only listened, or its link
@@ -99,41 +97,27 @@ void TalkStream::stop()
     }
 }
 
-void TalkStream::play()
+void TalkStream::sendPacket()
 {
-    PROTOCOL_WRAPPER::IServer* server = m_server.wait([this] { return m_stopRequested.load(); });
-    std::unique_lock<std::mutex> lock(m_controlLock);
-    if (m_stopRequested || server == nullptr) {
+    // A talk opened before CreateServer returned is heard once the server is known.
+    PROTOCOL_WRAPPER::IServer* server = m_server.get();
+    if (server == nullptr) {
         return;
     }
     if (!m_codecAnnounced) {
         announceCodec(server);
     }
-    lock.unlock();
-
     // Live audio at the codec's pace, looped; a packet nobody listens to is lost,
     // as a microphone's would be.
     const std::string& audio = *m_setup.audio;
-    const size_t packet = static_cast<size_t>(m_setup.codec->packetBytes);
-    const auto period =
-        std::chrono::microseconds(1000000LL * m_setup.codec->packetBytes / m_setup.codec->bytesPerSecond);
-    std::string block(packet, '\0');
-    size_t offset = 0;
-    auto next = std::chrono::steady_clock::now();
-    lock.lock();
-    while (!m_stopRequested) {
-        lock.unlock();
-        for (size_t i = 0; i < packet; ++i) {
-            block[i] = audio[(offset + i) % audio.size()];
-        }
-        offset = (offset + packet) % audio.size();
-        if (server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], static_cast<int>(packet)) == 0) {
-            m_bytesToClient += packet;
-            m_metrics.addTalkBytesToClient(packet);
-        }
-        next += period;
-        lock.lock();
-        m_wake.wait_until(lock, next, [this] { return m_stopRequested.load(); });
+    const size_t packet = m_block.size();
+    for (size_t i = 0; i < packet; ++i) {
+        m_block[i] = audio[(m_offset + i) % audio.size()];
+    }
+    m_offset = (m_offset + packet) % audio.size();
+    if (server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &m_block[0], static_cast<int>(packet)) == 0) {
+        m_bytesToClient += packet;
+        m_metrics.addTalkBytesToClient(packet);
     }
 }
 

@@ -1,6 +1,6 @@
 // One talk as the gateway's device plays it: on start the stream header that
 // names the codec, then the device's audio, looped and paced in real time (one
-// packet per packet time), through IServer::Send; what the client says comes
+// packet per packet time, on the talk pacer's thread), through IServer::Send; what the client says comes
 // in through OnInputData and goes to the capture file.
 #ifndef GATEWAY_TALK_STREAM_H
 #define GATEWAY_TALK_STREAM_H
@@ -9,7 +9,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -17,8 +16,8 @@
 
 #include "base/GatewayStream.h"
 #include "base/ServerLatch.h"
-#include "base/WorkerThread.h"
 #include "talk/TalkAudio.h"
+#include "talk/TalkPacer.h"
 #include "talk/WavFile.h"
 
 class GatewayMetrics;
@@ -39,8 +38,8 @@ struct TalkStreamSetup {
 class TalkStream : public GatewayStream {
 public:
     // Audio bytes each way are counted in metrics as they pass.
-    TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, ServerLatch& server, GatewayMetrics& metrics,
-               Logger& log);
+    TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, ServerLatch& server, TalkPacer& pacer,
+               GatewayMetrics& metrics, Logger& log);
     ~TalkStream() override;
     TalkStream(const TalkStream&) = delete;
     TalkStream& operator=(const TalkStream&) = delete;
@@ -54,9 +53,9 @@ public:
 
     // Opens the capture file; kInternalError (and logged) when it cannot be written.
     int prepare() override;
-    // Starts the device's audio once; it waits for the server to be known.
+    // Starts the device's audio once; it is heard once the server is known.
     int start() override;
-    // Stops the audio and waits for its thread, then closes the capture.
+    // Stops the audio (a packet being sent is waited for), then closes the capture.
     void stop() override;
     // What the client said (STREAM_DATA); kept in order of arrival.
     int input(int dataType, const void* data, int length) override;
@@ -65,13 +64,15 @@ public:
     std::string summary(const char* outcome);
 
 private:
-    void play();
+    // The next packet of the device's audio; on the pacer's thread.
+    void sendPacket();
     // The STREAM_INFO header naming the codec; the first thing the talk sends.
     void announceCodec(PROTOCOL_WRAPPER::IServer* server);
 
     const TalkStreamSetup m_setup;
     PROTOCOL_WRAPPER::IServerData* const m_data;  // the plug-in's talk; valid until OnClose
     ServerLatch& m_server;
+    TalkPacer& m_pacer;
     GatewayMetrics& m_metrics;
     Logger& m_log;
     const std::chrono::steady_clock::time_point m_opened;
@@ -83,13 +84,13 @@ private:
     bool m_captureFailed = false;
     bool m_captureDropped = false;  // nothing was said: the empty file is gone
 
-    std::mutex m_controlLock;  // guards the thread's start and the stop request; the thread takes it
-    std::condition_variable m_wake;
-    std::atomic<bool> m_stopRequested{false};
+    std::mutex m_controlLock;  // guards the start and the stop request
+    bool m_stopRequested = false;
     bool m_started = false;
+    // Written by start before the talk is paced, then only on the pacer's thread.
     bool m_codecAnnounced = false;
-    std::mutex m_joinLock;  // the thread is joined under it: no start follows a stop request
-    WorkerThread m_thread;
+    std::string m_block = std::string(static_cast<size_t>(m_setup.codec->packetBytes), '\0');
+    size_t m_offset = 0;
 };
 
 #endif  // GATEWAY_TALK_STREAM_H
