@@ -26,9 +26,19 @@ struct itimerspec timerAt(TalkPacer::Clock::time_point at)
     return spec;
 }
 
+// The first multiple of period (counted from the clock's epoch) at or after at.
+TalkPacer::Clock::time_point inStep(TalkPacer::Clock::time_point at, TalkPacer::Clock::duration period)
+{
+    const auto since = at.time_since_epoch();
+    const auto steps = (since + period - TalkPacer::Clock::duration(1)) / period;
+    return TalkPacer::Clock::time_point(steps * period);
+}
+
 }  // namespace
 
-TalkPacer::TalkPacer() : m_timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC)) {}
+TalkPacer::TalkPacer() : m_timer(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC))
+{
+}
 
 TalkPacer::~TalkPacer()
 {
@@ -58,7 +68,7 @@ bool TalkPacer::add(const void* key, Clock::duration period, std::function<void(
             return false;
         }
     }
-    m_paced[key] = Paced{period, Clock::now(), std::move(packet)};
+    m_paced[key] = Paced{period, Clock::now(), std::move(packet), true};
     arm();
     return true;
 }
@@ -81,9 +91,8 @@ void TalkPacer::arm()
     if (m_stopping) {
         spec = timerAt(Clock::time_point());
     } else if (!m_paced.empty()) {
-        auto earliest = std::min_element(m_paced.begin(), m_paced.end(), [](const auto& a, const auto& b) {
-            return a.second.due < b.second.due;
-        });
+        auto earliest = std::min_element(m_paced.begin(), m_paced.end(),
+                                         [](const auto& a, const auto& b) { return a.second.due < b.second.due; });
         spec = timerAt(earliest->second.due);
     }
     timerfd_settime(m_timer, TFD_TIMER_ABSTIME, &spec, nullptr);
@@ -116,6 +125,13 @@ void TalkPacer::run()
                 }
                 paced.packet();
                 paced.due += paced.period;
+            }
+            // After its first packet (sent at once) a talk falls in step with every talk of its
+            // period, so that they all go out in one wake-up: its second packet comes between
+            // half a period and one and a half periods after the first.
+            if (paced.first) {
+                paced.first = false;
+                paced.due = inStep(now + paced.period / 2, paced.period);
             }
         }
         arm();

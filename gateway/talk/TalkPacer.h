@@ -1,9 +1,8 @@
 // The clock of every talking device: one thread and one timerfd send every
 // talk's next packet when it is due, instead of a thread per talk that wakes
 // for each of its packets. Talks due within the same millisecond go out in one
-// wake-up, so a hundred PCMU talks opened at different moments still cost at
-// most fifty wake-ups a second each, and far fewer once their packet times
-// fall together.
+// wake-up; after its first packet each talk falls in step with the others of
+// its period, so a hundred PCMU talks cost fifty wake-ups a second in all.
 #ifndef GATEWAY_TALK_PACER_H
 #define GATEWAY_TALK_PACER_H
 
@@ -35,6 +34,7 @@ private:
         Clock::duration period;
         Clock::time_point due;
         std::function<void()> packet;
+        bool first;  // its first packet is still to be sent
     };
 
     void run();
