@@ -47,7 +47,7 @@ private:
     std::mutex m_lock;
     std::map<const void*, Paced> m_paced;
     bool m_stopping = false;
-    bool m_started = false;
+    bool m_started = false;  // set once, in the constructor
     WorkerThread m_thread;
 };
 
