@@ -13,6 +13,7 @@ Cases:
   concurrent  400 simultaneous downloads of a 16 MiB recording (asyncio client)
   challenge   requests without credentials (401), one connection each, 50 in flight
   ttfb        time to the first byte of a download, one download at a time
+  talks       100 talks both ways for 10 s against a one-thread epoll relay (talk_bench.py)
 
 Usage: bench.py <build-dir> [--rounds N] [--cases LIST] [--block-size BYTES]
                 [--results FILE] [--keep]
@@ -41,6 +42,8 @@ import time
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tools"))
 import gateway_client  # noqa: E402
 from gateway_client import free_port, free_port_pair  # noqa: E402
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import talk_bench  # noqa: E402
 
 USER, PASSWORD, REALM = "bench", "bench-secret", "bench-realm"
 DEVICE = "be0c0000-0000-4000-8000-000000000001"
@@ -578,6 +581,15 @@ def main():
 
     began = time.monotonic()
     load_before = os.getloadavg()[0]
+    talk_rows = []
+    if "talks" in cases:
+        cases.remove("talks")
+        talk_rows = talk_case(args.build_dir, args.keep)
+        if not cases:
+            print(render_talks(talk_rows, load_before))
+            if args.results:
+                write_results(args.results, render_talks(talk_rows, load_before), TALK_MARKERS)
+            return 0
     bed = Bed(args.build_dir, args.keep, args.block_size)
     try:
         print("bench: writing recordings into %s" % bed.dir, flush=True)
@@ -591,13 +603,57 @@ def main():
         bed.stop()
     table = render(rows, args.rounds, args.block_size, time.monotonic() - began, load_before)
     print(table)
+    if talk_rows:
+        print(render_talks(talk_rows, load_before))
+        if args.results:
+            write_results(args.results, render_talks(talk_rows, load_before), TALK_MARKERS)
     # A partial run would replace the full table with fewer rows.
-    if args.results and len(cases) == len(CASES):
+    if args.results and len(cases) == len(DOWNLOAD_CASES):
         write_results(args.results, table)
     return 0
 
 
-CASES = ("single", "concurrent", "challenge", "ttfb")
+DOWNLOAD_CASES = ("single", "concurrent", "challenge", "ttfb")
+CASES = DOWNLOAD_CASES + ("talks",)
+TALK_MARKERS = ("<!-- talk table begin -->", "<!-- talk table end -->")
+TALKS, TALK_SECONDS = 100, 10.0
+
+
+def talk_case(build_dir, keep):
+    """Rows of the talk case: (metric, ours, reference, target, verdict)."""
+    results = talk_bench.run_talk_bench(build_dir, TALKS, TALK_SECONDS, keep)
+    ours, theirs = results["ours"], results[talk_bench.RelayTalks.label]
+    targets = {
+        "slowest link B/s": (">= 7920 (real time)", lambda o: o >= 7920),
+        "p99 ms": ("<= 21 ms", lambda o: o <= 21),
+        "cpu %": ("<= 10 % of a core", lambda o: o <= 10),
+        "extra threads": ("<= %d" % (TALKS // 10), lambda o: o <= TALKS // 10),
+        "complete captures": ("= %d" % TALKS, lambda o: o == TALKS),
+    }
+    rows = []
+    for metric in ("slowest link B/s", "p50 ms", "p99 ms", "cpu %", "switches/s", "perf switches/s",
+                   "perf migrations/s", "threads", "extra threads", "complete captures"):
+        if metric not in ours:
+            continue
+        target, passed = targets.get(metric, ("-", None))
+        verdict = "" if passed is None else "PASS" if passed(ours[metric]) else "MISS"
+        rows.append((metric, ours[metric], theirs.get(metric, float("nan")), target, verdict))
+    return rows
+
+
+def render_talks(rows, load_before):
+    lines = [
+        "Date: %s" % datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
+        "Machine: %s" % machine(),
+        "%d talks both ways (PCMU, 160 bytes every 20 ms each way) for %.0f s; one run" % (TALKS, TALK_SECONDS),
+        "Load average (1 min) before / after: %.2f / %.2f" % (load_before, os.getloadavg()[0]),
+        "",
+        "| metric | ours | %s | target | result |" % talk_bench.RelayTalks.label,
+        "|---|---:|---:|---|---|",
+    ]
+    for metric, ours, theirs, target, verdict in rows:
+        lines.append("| %s | %.1f | %.1f | %s | %s |" % (metric, ours, theirs, target, verdict))
+    return "\n".join(lines)
 
 
 def run_cases(bed, rounds, cases):
@@ -659,15 +715,15 @@ def render(rows, rounds, block_size, seconds, load_before):
     return "\n".join(lines)
 
 
-def write_results(path, table):
+def write_results(path, table, markers=("<!-- bench table begin -->", "<!-- bench table end -->")):
     """Replaces the measured table in the results file, keeping the analysis written around it."""
-    begin, end = "<!-- bench table begin -->", "<!-- bench table end -->"
+    begin, end = markers
     block = "%s\n%s\n%s" % (begin, table, end)
     text = read_text(path)
     if begin in text and end in text:
         text = text[:text.index(begin)] + block + text[text.index(end) + len(end):]
     else:
-        text = "# Benchmark results\n\n%s\n" % block
+        text += "\n%s\n" % block
     with open(path, "w") as out:
         out.write(text)
 

@@ -24,11 +24,17 @@ The load, per client thread, is a random mix of:
                 the server drops it at the head's deadline
   refusals      garbage, oversized head, bad chunked framing, wrong Digest,
                 no credentials (401 challenge), unknown device, no recording
+  talks         open, both links, audio both ways, close; a client that drops
+                both links mid-talk; one that never reads its GET link; one
+                that opens and never links; two users talking at once on
+                neighbouring channels. After every talk that spoke, the device's
+                capture file must hold every byte that was said, and only those
 Any reply other than the expected one, a wrong body, or a gateway that dies ends
 the load at once; the end checks still run. Exit code 0 only when all passed.
 """
 import argparse
 import fcntl
+import glob
 import json
 import os
 import random
@@ -44,8 +50,14 @@ import threading
 import time
 
 import gateway_client
+import talk
 
 USER, PASSWORD, REALM = "admin", "soak-secret", "soak-realm"
+OTHER_USER, OTHER_PASSWORD = "second", "soak-second"   # the other user of neighbouring talks
+# One talking device each (channels 1 and 2 are those of DEVICE and CAMERA, by their place); a talk
+# scenario holds its channel(s) while it runs.
+TALK_CHANNELS = range(3, 11)
+TALK_PACKET, TALK_PERIOD = 160, 0.020  # PCMU
 DEVICE = "50a40000-0000-4000-8000-000000000001"   # RTSP port 554, addressed by devIndex or port
 CAMERA = "50a40000-0000-4000-8000-00000000ca3e"   # RTSP port 8554, addressed by camera path as well
 UNKNOWN = "50a40000-0000-4000-8000-00000000dead"
@@ -103,6 +115,10 @@ class Recording:
         self.rtsp_port = 554 if device == DEVICE else 8554
 
 
+def talk_device(channel):
+    return "50a40000-0000-4000-8000-0000000071%02d" % channel
+
+
 def write_media(folder):
     """<media>/<devIndex>/<file> plus each device's recordings.json index."""
     recordings = [Recording(*fields) for fields in RECORDINGS + [stall_recording()]]
@@ -116,6 +132,10 @@ def write_media(folder):
                 index.append({"name": rec.name, "starttime": rec.start, "endtime": rec.end})
         with open(os.path.join(folder, device, "recordings.json"), "w") as out:
             json.dump({"recordings": index}, out)
+    for channel in TALK_CHANNELS:
+        os.makedirs(os.path.join(folder, talk_device(channel)))
+        with open(os.path.join(folder, talk_device(channel), "recordings.json"), "w") as out:
+            json.dump({"recordings": []}, out)
     return recordings[:-1], recordings[-1]
 
 
@@ -134,10 +154,14 @@ class Gateway(gateway_client.GatewayProcess):
     def start(self, media):
         super().start({
             "server": {"httpPort": self.port},  # default threads, send and receive time-outs
-            "auth": {"realm": REALM, "users": [{"name": USER, "password": PASSWORD}]},
+            "auth": {"realm": REALM, "users": [{"name": USER, "password": PASSWORD},
+                                               {"name": OTHER_USER, "password": OTHER_PASSWORD}]},
             "media": {"folder": media, "devices": [
                 {"devIndex": DEVICE, "address": "127.0.0.1", "rtspPort": 554},
-                {"devIndex": CAMERA, "address": "127.0.0.1", "rtspPort": 8554}]},
+                {"devIndex": CAMERA, "address": "127.0.0.1", "rtspPort": 8554}] + [
+                {"devIndex": talk_device(channel), "address": "127.0.0.1", "rtspPort": 9000 + channel,
+                 "talk": {"channel": channel, "codec": "PCMU", "capture": True}}
+                for channel in TALK_CHANNELS]},
             "log": {"level": "info"},
             "plugin": self.plugin,
         })
@@ -154,7 +178,7 @@ class Gateway(gateway_client.GatewayProcess):
         sample = self.resources()
         status = self.status()
         sample.update({"open_streams": status.get("openStreams"), "opened": status.get("opened"),
-                       "closed": status.get("closed")})
+                       "closed": status.get("closed"), "open_talks": status.get("openTalks")})
         return sample
 
     def stop(self):
@@ -368,7 +392,11 @@ class Load:
             ("drop-download", 6), ("drop-after-request", 3), ("drop-request", 4), ("hold-request", 0.15),
             ("garbage", 3), ("oversized", 3), ("bad-chunked", 3), ("wrong-digest", 3),
             ("no-credentials", 3), ("refused", 3),
+            ("talk-both-ways", 1), ("talk-drop", 0.5), ("talk-deaf", 0.3), ("talk-unlinked", 0.5),
+            ("talk-neighbours", 0.3),
         ]
+        self.media = os.path.join(gateway.workdir, "media")
+        self.free_channels = set(TALK_CHANNELS)
         unknown = set(skip) - {kind for kind, _ in self.kinds}
         if unknown:
             raise Failure("unknown kind(s) to skip: %s" % ", ".join(sorted(unknown)))
@@ -657,6 +685,147 @@ class Load:
 
 # ------------------------------------------------------------------ the soak
 
+    # --- talks
+
+    def run_talk_both_ways(self, rng, digest):
+        self.with_channels(rng, 1, lambda channels: self.talk_scenario(channels, seconds=rng.uniform(0.5, 2)))
+
+    def run_talk_drop(self, rng, digest):
+        self.with_channels(rng, 1, lambda channels: self.talk_scenario(channels, seconds=rng.uniform(0.3, 1.5),
+                                                                       drop=True))
+
+    def run_talk_deaf(self, rng, digest):
+        self.with_channels(rng, 1, lambda channels: self.talk_scenario(channels, seconds=rng.uniform(1, 2),
+                                                                       deaf=True))
+
+    def run_talk_unlinked(self, rng, digest):
+        self.with_channels(rng, 1, lambda channels: self.talk_scenario(channels, seconds=rng.uniform(0.2, 1),
+                                                                       linked=False))
+
+    def run_talk_neighbours(self, rng, digest):
+        self.with_channels(rng, 2, lambda channels: self.talk_scenario(channels, seconds=rng.uniform(0.5, 2)))
+
+    def with_channels(self, rng, count, scenario):
+        """Runs scenario on count neighbouring channels no other client talks on; skipped when none are free."""
+        with self.lock:
+            starts = [first for first in self.free_channels
+                      if all(first + i in self.free_channels for i in range(count))]
+            channels = None
+            if starts:
+                first = rng.choice(sorted(starts))
+                channels = list(range(first, first + count))
+                self.free_channels.difference_update(channels)
+        if not channels:
+            self.pause(0.05)
+            return
+        try:
+            scenario(channels)
+        except talk.TalkError as failure:
+            raise Failure("talk on channel(s) %s: %s" % (channels, failure))
+        finally:
+            with self.lock:
+                self.free_channels.update(channels)
+
+    def talk_scenario(self, channels, seconds, drop=False, deaf=False, linked=True):
+        """Talks on every channel at once, each as the user its channel belongs to (odd: one user, even: the
+        other, so neighbouring channels are two users' talks), then checks every capture file."""
+        port = self.gateway.port
+        talks = []
+        try:
+            for channel in channels:
+                user, password = (USER, PASSWORD) if channel % 2 else (OTHER_USER, OTHER_PASSWORD)
+                entry = {"channel": channel, "digest": talk.Digest(user, password), "said": bytearray(), "heard": 0,
+                         "before": self.captures_of(channel), "links": []}
+                talks.append(entry)
+                body = talk.talk_request("127.0.0.1", port, entry["digest"], channel, "open")
+                session = re.search(r"<sessionId>([0-9]+)</sessionId>", body).group(1)
+                if not linked:
+                    continue
+                listener, early = talk.open_link("127.0.0.1", port + 1, port, entry["digest"], "GET", channel,
+                                                 session)
+                if deaf:
+                    listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+                listener.setblocking(False)
+                speaker, _ = talk.open_link("127.0.0.1", port + 1, port, entry["digest"], "PUT", channel, session)
+                entry["links"] = [speaker, listener]
+                entry["heard"] = len(early)
+            # Audio both ways at the codec's pace; each channel says its own bytes.
+            next_time = end = time.monotonic()
+            end += seconds
+            while time.monotonic() < end and not self.stop_event.is_set():
+                for entry in talks:
+                    if not entry["links"]:
+                        continue
+                    packet = bytes((entry["channel"] * 37 + len(entry["said"]) + i) & 0xFF
+                                   for i in range(TALK_PACKET))
+                    entry["links"][0].sendall(packet)
+                    entry["said"] += packet
+                    while not deaf:
+                        try:
+                            heard = entry["links"][1].recv(65536)
+                        except BlockingIOError:
+                            break
+                        if not heard:
+                            raise Failure("channel %d: the GET link closed mid-talk" % entry["channel"])
+                        entry["heard"] += len(heard)
+                next_time += TALK_PERIOD
+                time.sleep(max(0.0, next_time - time.monotonic()))
+            if drop:
+                self.close_links(talks)  # gone without closing the talk, which its PUT link's end ends
+            for entry in talks:
+                self.close_talk(entry, drop)
+        finally:
+            self.close_links(talks)
+        for entry in talks:
+            if linked and not deaf and seconds >= 0.5 and entry["heard"] == 0 and not self.stop_event.is_set():
+                raise Failure("channel %d: nothing heard from the device in %.1f s" % (entry["channel"], seconds))
+            self.check_capture(entry["channel"], entry["before"], bytes(entry["said"]))
+
+    def close_talk(self, entry, dropped):
+        """Closes the talk. After a drop the talk ends by itself: the close finds none (badParameters), or one
+        whose end is under way (invalidOperation), and is asked again until the channel is free for the next."""
+        deadline = time.monotonic() + READ_TIMEOUT
+        while True:
+            try:
+                talk.talk_request("127.0.0.1", self.gateway.port, entry["digest"], entry["channel"], "close")
+                return
+            except talk.TalkError as failure:
+                if not dropped or "badParameters" in str(failure):
+                    if dropped:
+                        return
+                    raise
+                if "invalidOperation" not in str(failure) or time.monotonic() > deadline:
+                    raise
+            time.sleep(0.1)
+
+    @staticmethod
+    def close_links(talks):
+        for entry in talks:
+            for link in entry["links"]:
+                link.close()
+            entry["links"] = []
+
+    def captures_of(self, channel):
+        return set(glob.glob(os.path.join(self.media, talk_device(channel), "talk-ch%d-*" % channel)))
+
+    def check_capture(self, channel, before, said):
+        """The talk's capture holds exactly what was said; a talk in which nothing was said keeps none."""
+        deadline = time.monotonic() + READ_TIMEOUT
+        while True:
+            new = sorted(self.captures_of(channel) - before)
+            kept = None
+            if len(new) == 1:
+                try:
+                    kept = talk.read_wav(new[0])[4]
+                except (OSError, talk.TalkError, struct.error):
+                    kept = None  # still being written
+            if (not said and not new) or kept == said:
+                return
+            if time.monotonic() > deadline:
+                raise Failure("channel %d: %d capture file(s), %s bytes kept of %d said" % (
+                    channel, len(new), "no" if kept is None else len(kept), len(said)))
+            time.sleep(0.1)
+
 def quiesce(gateway, cold, timeout):
     """Waits up to `timeout` for the cold idle state: no open stream, and no more
     descriptors or threads than before any load. Returns the last sample."""
@@ -664,7 +833,7 @@ def quiesce(gateway, cold, timeout):
     while True:
         gateway.check_alive()
         sample = gateway.sample()
-        if (sample["open_streams"] == 0 and sample["opened"] == sample["closed"] and
+        if (sample["open_streams"] == 0 and sample["opened"] == sample["closed"] and sample["open_talks"] == 0 and
                 sample["fds"] <= cold["fds"] and sample["threads"] <= cold["threads"]):
             return sample
         if time.monotonic() > deadline:
@@ -750,6 +919,8 @@ def soak(gateway, load, args):
     if final["open_streams"] != 0 or final["opened"] != final["closed"]:
         problems.append("streams still open: %s of %s opened closed, openStreams %s" % (
             final["closed"], final["opened"], final["open_streams"]))
+    if final["open_talks"] != 0:
+        problems.append("talks still open: %s" % final["open_talks"])
     if final["fds"] != cold["fds"]:
         problems.append("open descriptors %d, cold idle %d" % (final["fds"], cold["fds"]))
     if final["threads"] != cold["threads"]:

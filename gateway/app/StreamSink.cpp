@@ -36,7 +36,6 @@ StreamSink::StreamSink(const MediaCatalog& catalog, size_t blockSize, GatewayMet
       m_metrics(metrics),
       m_accessLog(accessLog),
       m_log(log),
-      m_server(nullptr),
       m_nextId(1),
       m_talks(talks)
 {
@@ -47,32 +46,42 @@ StreamSink::~StreamSink()
     closeAll();
 }
 
+namespace {
+
+int countOf(const std::map<void*, std::shared_ptr<GatewayStream>>& streams, GatewayStream::Kind kind)
+{
+    return static_cast<int>(std::count_if(streams.begin(), streams.end(),
+                                          [kind](const auto& entry) { return entry.second->kind() == kind; }));
+}
+
+}  // namespace
+
 int StreamSink::openStreamCount()
 {
     std::lock_guard<std::mutex> guard(m_lock);
-    return static_cast<int>(m_streams.size());
+    return countOf(m_streams, GatewayStream::Kind::kDownload);
 }
 
 int StreamSink::openTalkCount()
 {
     std::lock_guard<std::mutex> guard(m_lock);
-    return static_cast<int>(m_talkStreams.size());
+    return countOf(m_streams, GatewayStream::Kind::kTalk);
 }
 
 void StreamSink::closeAll()
 {
-    std::map<void*, std::shared_ptr<RecordingStream>> streams;
-    std::map<void*, std::shared_ptr<TalkStream>> talks;
+    std::map<void*, std::shared_ptr<GatewayStream>> streams;
     {
         std::lock_guard<std::mutex> guard(m_lock);
         streams.swap(m_streams);
-        talks.swap(m_talkStreams);
     }
-    for (auto& entry : streams) {
-        release(entry.second, "left open by the plug-in at shutdown");
-    }
-    for (auto& entry : talks) {
-        releaseTalk(entry.second, "left open by the plug-in at shutdown");
+    // Downloads first, then talks, as the log has always shown them.
+    for (const GatewayStream::Kind kind : {GatewayStream::Kind::kDownload, GatewayStream::Kind::kTalk}) {
+        for (auto& entry : streams) {
+            if (entry.second->kind() == kind) {
+                release(entry.second, "left open by the plug-in at shutdown");
+            }
+        }
     }
 }
 
@@ -80,7 +89,9 @@ void StreamSink::cutOffDownloads()
 {
     std::lock_guard<std::mutex> guard(m_lock);
     for (auto& entry : m_streams) {
-        entry.second->cutOff();
+        if (entry.second->kind() == GatewayStream::Kind::kDownload) {
+            static_cast<RecordingStream&>(*entry.second).cutOff();
+        }
     }
 }
 
@@ -106,6 +117,12 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
     if (talkChannelOfMediaUrl(text(mediaUrl)) != 0) {
         return openTalk(filterUrl, mediaUrl, data, sessionHandle);
     }
+    return openDownload(filterUrl, mediaUrl, data, sessionHandle);
+}
+
+int StreamSink::openDownload(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
+                             void** sessionHandle)
+{
     // Held while the stream is set up: a reload may replace the library meanwhile.
     const std::shared_ptr<const MediaLibrary> library = m_catalog.current();
     const DeviceMedia* device = nullptr;
@@ -159,12 +176,8 @@ int StreamSink::openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL
         m_log.logf(kLogWarn, "%s: range \"%s\" is not one the plug-in writes; the whole body is sent",
                    recording->path.c_str(), rangeHead.c_str());
     }
-    auto stream = std::make_shared<RecordingStream>(std::move(setup), data, m_blocks, m_metrics, m_log);
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        m_streams[stream.get()] = stream;
-    }
-    *sessionHandle = stream.get();
+    auto stream = std::make_shared<RecordingStream>(std::move(setup), data, m_server, m_blocks, m_metrics, m_log);
+    add(stream, sessionHandle);
     m_metrics.downloadStarted();
     m_log.logf(kLogInfo, "stream %llu opened: %s (%llu bytes)%s for %s", static_cast<unsigned long long>(stream->id()),
                recording->path.c_str(), static_cast<unsigned long long>(stream->fileLength()), rangeNote.c_str(),
@@ -208,12 +221,7 @@ int StreamSink::openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_W
         setup.capturePath = device->captureFolder + "/talk-ch" + std::to_string(channel) + "-" + stamp + "-" +
                             std::to_string(setup.id) + device->codec->rawExtension;
     }
-    auto talk = std::make_shared<TalkStream>(setup, data, m_metrics, m_log);
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        m_talkStreams[talk.get()] = talk;
-    }
-    *sessionHandle = talk.get();
+    add(std::make_shared<TalkStream>(setup, data, m_server, m_pacer, m_metrics, m_log), sessionHandle);
     m_metrics.talkStarted();
     m_log.logf(kLogInfo, "talk %llu opened: device %s channel %d client \"%s\" user \"%s\" codec %s%s%s",
                static_cast<unsigned long long>(setup.id), setup.devIndex.c_str(), channel, setup.client.c_str(),
@@ -222,43 +230,29 @@ int StreamSink::openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_W
     return 0;
 }
 
-std::shared_ptr<TalkStream> StreamSink::findTalk(void* sessionHandle)
+void StreamSink::add(const std::shared_ptr<GatewayStream>& stream, void** sessionHandle)
 {
     std::lock_guard<std::mutex> guard(m_lock);
-    auto found = m_talkStreams.find(sessionHandle);
-    return found == m_talkStreams.end() ? nullptr : found->second;
+    m_streams[stream.get()] = stream;
+    *sessionHandle = stream.get();
 }
 
-void StreamSink::releaseTalk(const std::shared_ptr<TalkStream>& talk, const char* outcome)
+std::shared_ptr<GatewayStream> StreamSink::find(void* sessionHandle, const char* operation)
 {
-    talk->stop();
-    if (m_talks != nullptr) {
-        m_talks->owners().ended(TalkKey(talk->setup().channel, talk->setup().httpPort));
+    std::lock_guard<std::mutex> guard(m_lock);
+    auto found = m_streams.find(sessionHandle);
+    if (found == m_streams.end()) {
+        if (operation != nullptr) {
+            m_log.logf(kLogWarn, "%s of unknown stream handle %p", operation, sessionHandle);
+        }
+        return nullptr;
     }
-    const double seconds = talk->secondsOpen();
-    m_metrics.talkFinished(seconds);
-    m_log.logf(kLogInfo, "%s", talk->summary(outcome).c_str());
-    if (m_accessLog != nullptr) {
-        const TalkStreamSetup& setup = talk->setup();
-        AccessEntry entry;
-        entry.time = std::chrono::system_clock::now();
-        entry.kind = "talk";
-        entry.client = setup.client;
-        entry.user = setup.user;
-        entry.device = setup.devIndex;
-        entry.channel = setup.channel;
-        entry.bytesSent = talk->bytesToClient();
-        entry.bytesReceived = talk->bytesFromClient();
-        entry.seconds = seconds;
-        entry.outcome = strcmp(outcome, "closed") == 0 ? "closed" : "shutdown";
-        m_accessLog->record(std::move(entry));
-    }
+    return found->second;
 }
 
 int StreamSink::OnClose(void* sessionHandle)
 {
-    std::shared_ptr<RecordingStream> stream;
-    std::shared_ptr<TalkStream> talk;
+    std::shared_ptr<GatewayStream> stream;
     {
         std::lock_guard<std::mutex> guard(m_lock);
         auto found = m_streams.find(sessionHandle);
@@ -266,15 +260,6 @@ int StreamSink::OnClose(void* sessionHandle)
             stream = found->second;
             m_streams.erase(found);
         }
-        auto foundTalk = m_talkStreams.find(sessionHandle);
-        if (foundTalk != m_talkStreams.end()) {
-            talk = foundTalk->second;
-            m_talkStreams.erase(foundTalk);
-        }
-    }
-    if (talk) {
-        releaseTalk(talk, "closed");
-        return 0;
     }
     if (!stream) {
         m_log.logf(kLogWarn, "OnClose of unknown stream handle %p", sessionHandle);
@@ -286,45 +271,19 @@ int StreamSink::OnClose(void* sessionHandle)
 
 int StreamSink::pushStream(void* sessionHandle)
 {
-    if (std::shared_ptr<TalkStream> talk = findTalk(sessionHandle)) {
-        return talk->prepare() ? 0 : RestError::kInternalError;
-    }
-    std::shared_ptr<RecordingStream> stream = find(sessionHandle, "pushStream");
-    if (!stream) {
-        return RestError::kInternalError;
-    }
-    if (!stream->prepare()) {
-        m_log.logf(kLogError, "stream %llu: no memory for a %zu-byte block",
-                   static_cast<unsigned long long>(stream->id()), m_blockSize);
-        return RestError::kNoMemory;
-    }
-    return 0;
+    std::shared_ptr<GatewayStream> stream = find(sessionHandle, "pushStream");
+    return stream ? stream->prepare() : RestError::kInternalError;
 }
 
 int StreamSink::OnStart(void* sessionHandle, int reserved)
 {
-    if (std::shared_ptr<TalkStream> talk = findTalk(sessionHandle)) {
-        return talk->start(m_server) ? 0 : RestError::kInternalError;
-    }
-    std::shared_ptr<RecordingStream> stream = find(sessionHandle, "OnStart");
-    if (!stream) {
-        return RestError::kInternalError;
-    }
-    if (!stream->start(m_server)) {
-        m_log.logf(kLogError, "stream %llu: delivery cannot start (not prepared, already started or no thread)",
-                   static_cast<unsigned long long>(stream->id()));
-        return RestError::kInternalError;
-    }
-    return 0;
+    std::shared_ptr<GatewayStream> stream = find(sessionHandle, "OnStart");
+    return stream ? stream->start() : RestError::kInternalError;
 }
 
 int StreamSink::OnStop(void* sessionHandle, int reserved)
 {
-    if (std::shared_ptr<TalkStream> talk = findTalk(sessionHandle)) {
-        talk->stop();
-        return 0;
-    }
-    std::shared_ptr<RecordingStream> stream = find(sessionHandle, "OnStop");
+    std::shared_ptr<GatewayStream> stream = find(sessionHandle, "OnStop");
     if (!stream) {
         return -1;
     }
@@ -335,35 +294,52 @@ int StreamSink::OnStop(void* sessionHandle, int reserved)
 int StreamSink::OnInputData(void* sessionHandle, int index, int dataType, void* data, int length)
 {
     // Only talks hear: what their client says, one codec packet at a time.
-    std::shared_ptr<TalkStream> talk = findTalk(sessionHandle);
-    if (!talk) {
-        return -1;
-    }
-    if (dataType == PROTOCOL_WRAPPER::STREAM_DATA) {
-        talk->input(data, length);
-    }
-    return 0;
+    std::shared_ptr<GatewayStream> stream = find(sessionHandle, nullptr);
+    return stream ? stream->input(dataType, data, length) : -1;
 }
 
-std::shared_ptr<RecordingStream> StreamSink::find(void* sessionHandle, const char* operation)
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    auto found = m_streams.find(sessionHandle);
-    if (found == m_streams.end()) {
-        m_log.logf(kLogWarn, "%s of unknown stream handle %p", operation, sessionHandle);
-        return nullptr;
-    }
-    return found->second;
-}
-
-void StreamSink::release(const std::shared_ptr<RecordingStream>& stream, const char* why)
+void StreamSink::release(const std::shared_ptr<GatewayStream>& stream, const char* why)
 {
     stream->stop();
-    m_metrics.downloadFinished(stream->outcome(), stream->secondsOpen());
-    m_log.logf(kLogInfo, "stream %llu %s: %s, %llu of %llu bytes sent", static_cast<unsigned long long>(stream->id()),
-               why, stream->outcomeText().c_str(), static_cast<unsigned long long>(stream->bytesSent()),
-               static_cast<unsigned long long>(stream->bodyLength()));
-    logAccess(*stream);
+    if (stream->kind() == GatewayStream::Kind::kTalk) {
+        releaseTalk(static_cast<TalkStream&>(*stream), why);
+    } else {
+        releaseDownload(static_cast<RecordingStream&>(*stream), why);
+    }
+}
+
+void StreamSink::releaseDownload(RecordingStream& stream, const char* why)
+{
+    m_metrics.downloadFinished(stream.outcome(), stream.secondsOpen());
+    m_log.logf(kLogInfo, "stream %llu %s: %s, %llu of %llu bytes sent", static_cast<unsigned long long>(stream.id()),
+               why, stream.outcomeText().c_str(), static_cast<unsigned long long>(stream.bytesSent()),
+               static_cast<unsigned long long>(stream.bodyLength()));
+    logAccess(stream);
+}
+
+void StreamSink::releaseTalk(TalkStream& talk, const char* outcome)
+{
+    if (m_talks != nullptr) {
+        m_talks->owners().ended(TalkKey(talk.setup().channel, talk.setup().httpPort));
+    }
+    const double seconds = talk.secondsOpen();
+    m_metrics.talkFinished(seconds);
+    m_log.logf(kLogInfo, "%s", talk.summary(outcome).c_str());
+    if (m_accessLog != nullptr) {
+        const TalkStreamSetup& setup = talk.setup();
+        AccessEntry entry;
+        entry.time = std::chrono::system_clock::now();
+        entry.kind = "talk";
+        entry.client = setup.client;
+        entry.user = setup.user;
+        entry.device = setup.devIndex;
+        entry.channel = setup.channel;
+        entry.bytesSent = talk.bytesToClient();
+        entry.bytesReceived = talk.bytesFromClient();
+        entry.seconds = seconds;
+        entry.outcome = strcmp(outcome, "closed") == 0 ? "closed" : "shutdown";
+        m_accessLog->record(std::move(entry));
+    }
 }
 
 void StreamSink::logAccess(RecordingStream& stream)

@@ -13,9 +13,12 @@
 #include <memory>
 #include <mutex>
 
+#include "base/GatewayStream.h"
+#include "base/ServerLatch.h"
 #include "download/BlockPool.h"
-#include "media/MediaCatalog.h"
 #include "download/RecordingStream.h"
+#include "media/MediaCatalog.h"
+#include "talk/TalkPacer.h"
 #include "talk/TalkStream.h"
 
 class AccessLog;
@@ -40,7 +43,7 @@ public:
         m_minRateSeconds = seconds;
     }
     // The server that CreateServer returned; deliveries wait for it.
-    void attachServer(PROTOCOL_WRAPPER::IServer* server) { m_server = server; }
+    void attachServer(PROTOCOL_WRAPPER::IServer* server) { m_server.set(server); }
     int openStreamCount();
     int openTalkCount();
     // Stops and releases every stream the plug-in left open; for shutdown.
@@ -59,13 +62,18 @@ public:
 private:
     int openStream(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
                    void** sessionHandle);
-    std::shared_ptr<RecordingStream> find(void* sessionHandle, const char* operation);
-    void release(const std::shared_ptr<RecordingStream>& stream, const char* why);
-    void logAccess(RecordingStream& stream);
+    int openDownload(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
+                     void** sessionHandle);
     int openTalk(const char* filterUrl, const char* mediaUrl, PROTOCOL_WRAPPER::IServerData* data,
                  void** sessionHandle);
-    std::shared_ptr<TalkStream> findTalk(void* sessionHandle);
-    void releaseTalk(const std::shared_ptr<TalkStream>& talk, const char* outcome);
+    void add(const std::shared_ptr<GatewayStream>& stream, void** sessionHandle);
+    // The stream of a handle; null (and logged when operation is given) for one it does not know.
+    std::shared_ptr<GatewayStream> find(void* sessionHandle, const char* operation);
+    // Stops the stream and writes its end to metrics, the log and the access log.
+    void release(const std::shared_ptr<GatewayStream>& stream, const char* why);
+    void releaseDownload(RecordingStream& stream, const char* why);
+    void logAccess(RecordingStream& stream);
+    void releaseTalk(TalkStream& talk, const char* outcome);
 
     const MediaCatalog& m_catalog;
     const size_t m_blockSize;
@@ -76,13 +84,14 @@ private:
     GatewayMetrics& m_metrics;
     AccessLog* m_accessLog;
     Logger& m_log;
-    std::atomic<PROTOCOL_WRAPPER::IServer*> m_server;
+    ServerLatch m_server;
     std::atomic<uint64_t> m_nextId;
+    // Paces every talk's device audio; declared before the streams, which leave it when they end.
+    TalkPacer m_pacer;
     // Streams by handle. Shared, so an OnStop on one thread and an OnClose on
     // another never leave a thread joining a deleted stream.
     std::mutex m_lock;
-    std::map<void*, std::shared_ptr<RecordingStream>> m_streams;
-    std::map<void*, std::shared_ptr<TalkStream>> m_talkStreams;  // under m_lock too
+    std::map<void*, std::shared_ptr<GatewayStream>> m_streams;
     TalkDevices* m_talks;
     uint64_t m_minRate = 0;  // set before the server starts
     int m_minRateSeconds = 30;

@@ -7,17 +7,18 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
-#include <thread>
 
 #include <ext/DownloadSendCodes.h>
 
 #include "base/Logger.h"
+#include "base/RestErrors.h"
 #include "download/StreamBlocks.h"
 
-RecordingStream::RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, BlockPool& blocks,
-                                 GatewayMetrics& metrics, Logger& log)
+RecordingStream::RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, ServerLatch& server,
+                                 BlockPool& blocks, GatewayMetrics& metrics, Logger& log)
     : m_setup(std::move(setup)),
       m_data(data),
+      m_server(server),
       m_metrics(metrics),
       m_log(log),
       m_slices(sliceBody(m_setup.part.part, kStreamHeadSize, m_setup.fileLength)),
@@ -36,43 +37,55 @@ RecordingStream::~RecordingStream()
     m_blocks.release(m_buffer);
 }
 
-bool RecordingStream::prepare()
+int RecordingStream::prepare()
 {
-    if (m_buffer) {
-        return true;
+    if (!m_buffer) {
+        m_buffer = m_blocks.acquire();
     }
-    m_buffer = m_blocks.acquire();
-    return m_buffer != nullptr;
+    if (!m_buffer) {
+        m_log.logf(kLogError, "stream %llu: no memory for a %zu-byte block", static_cast<unsigned long long>(id()),
+                   m_setup.blockSize);
+        return RestError::kNoMemory;
+    }
+    return 0;
 }
 
-bool RecordingStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server)
+int RecordingStream::start()
 {
     std::lock_guard<std::mutex> guard(m_controlLock);
     if (m_started || !m_buffer) {
-        return false;
+        return cannotStart();
     }
     // When the server is known, the two opening blocks (and so the reply's head) go out on
     // the caller's thread: the client's first byte does not wait for a new thread to be
     // scheduled, which on a busy machine takes milliseconds. They are small and meet an
     // empty socket buffer, so the caller is not held up.
-    PROTOCOL_WRAPPER::IServer* known = server.load();
+    PROTOCOL_WRAPPER::IServer* known = m_server.get();
     if (known && !sendOpening(known)) {
         m_started = true;  // sendOpening set how it ended
-        return true;
+        return 0;
     }
     setOutcome(DownloadOutcome::kStopped, "running");
     const bool openingSent = known != nullptr;
-    if (!m_thread.start([this, &server, openingSent] { deliver(&server, openingSent); })) {
+    if (!m_thread.start([this, openingSent] { deliver(openingSent); })) {
         setOutcome(DownloadOutcome::kNotStarted, "not started: no thread");
-        return false;
+        return cannotStart();
     }
     m_started = true;
-    return true;
+    return 0;
+}
+
+int RecordingStream::cannotStart()
+{
+    m_log.logf(kLogError, "stream %llu: delivery cannot start (not prepared, already started or no thread)",
+               static_cast<unsigned long long>(id()));
+    return RestError::kInternalError;
 }
 
 void RecordingStream::stop()
 {
     m_stopRequested = true;
+    m_server.wake();
     std::lock_guard<std::mutex> guard(m_controlLock);
     if (m_thread.joinable()) {
         m_thread.join();
@@ -87,6 +100,7 @@ void RecordingStream::cutOff()
         m_cutOff = true;
     }
     m_stopRequested = true;
+    m_server.wake();
 }
 
 double RecordingStream::secondsOpen() const
@@ -117,14 +131,9 @@ void RecordingStream::setOutcome(DownloadOutcome outcome, std::string text)
     m_outcomeText = std::move(text);
 }
 
-void RecordingStream::deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot, bool openingSent)
+void RecordingStream::deliver(bool openingSent)
 {
-    // A request can reach the plug-in before CreateServer has returned the server to us.
-    PROTOCOL_WRAPPER::IServer* server = serverSlot->load();
-    while (!server && !m_stopRequested) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        server = serverSlot->load();
-    }
+    PROTOCOL_WRAPPER::IServer* server = m_server.wait([this] { return m_stopRequested.load(); });
     if (!server) {
         setOutcome(DownloadOutcome::kStopped, "stopped before delivery");
     } else if (openingSent || sendOpening(server)) {

@@ -17,9 +17,11 @@
 #include <mutex>
 #include <string>
 
+#include "base/GatewayStream.h"
+#include "base/ServerLatch.h"
 #include "download/BlockPool.h"
 #include "download/DeliveryRate.h"
-#include "download/DeliveryThread.h"
+#include "base/WorkerThread.h"
 #include "download/DownloadRange.h"
 #include "base/GatewayMetrics.h"
 #include "media/MediaLibrary.h"
@@ -48,17 +50,18 @@ struct DownloadSetup {
     int minRateSeconds = 30;
 };
 
-class RecordingStream {
+class RecordingStream : public GatewayStream {
 public:
     // Takes over the setup's fd. Every block sent is counted in metrics as it goes; the
     // block the file is read into comes from blocks (of setup.blockSize bytes).
-    RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, BlockPool& blocks,
+    RecordingStream(DownloadSetup setup, PROTOCOL_WRAPPER::IServerData* data, ServerLatch& server, BlockPool& blocks,
                     GatewayMetrics& metrics, Logger& log);
-    ~RecordingStream();
+    ~RecordingStream() override;
     RecordingStream(const RecordingStream&) = delete;
     RecordingStream& operator=(const RecordingStream&) = delete;
 
-    uint64_t id() const { return m_setup.id; }
+    Kind kind() const override { return Kind::kDownload; }
+    uint64_t id() const override { return m_setup.id; }
     const DownloadSetup& setup() const { return m_setup; }
     uint64_t fileLength() const { return m_setup.fileLength; }
     uint64_t bytesSent() const { return m_bytesSent; }
@@ -66,14 +69,15 @@ public:
     uint64_t bodyLength() const { return m_slices.headLength + m_slices.fileLength; }
     double secondsOpen() const;
 
-    // Takes the one block buffer the stream reads into; false when memory is short.
-    bool prepare();
+    // Takes the one block buffer the stream reads into; kNoMemory when memory is short.
+    int prepare() override;
     // Starts the delivery once: sends the opening blocks at once when the server is known,
     // and starts the thread that sends the rest (it waits for the server to be known).
-    bool start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server);
-    // Asks the delivery to stop and waits for its thread: no Send follows the return.
-    // Safe to call from several threads and more than once.
-    void stop();
+    int start() override;
+    // Asks the delivery to stop and waits for its thread.
+    void stop() override;
+    // A download does not listen.
+    int input(int, const void*, int) override { return -1; }
     // The gateway stops serving: the delivery ends at its next block without
     // waiting here, and ends as stopped, even when the plug-in closing the
     // connection meanwhile makes it look like a client that went away.
@@ -84,7 +88,7 @@ public:
 
 private:
     // The delivery thread; openingSent: start() has sent STREAM_INFO and STREAM_HEAD already.
-    void deliver(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot, bool openingSent);
+    void deliver(bool openingSent);
     // STREAM_INFO then STREAM_HEAD; false when the client is gone.
     bool sendOpening(PROTOCOL_WRAPPER::IServer* server);
     // The file in blocks, then STREAM_END; sets how the delivery ended.
@@ -95,11 +99,14 @@ private:
     // The plug-in's result of Send (0: taken).
     int sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length);
     void endShort(PROTOCOL_WRAPPER::IServer* server);
+    // Logs why start() refused; the plug-in's code for it.
+    int cannotStart();
     void setSendFailure(int result);
     void setOutcome(DownloadOutcome outcome, std::string text);
 
     const DownloadSetup m_setup;
     PROTOCOL_WRAPPER::IServerData* const m_data;  // the plug-in's session; valid until OnClose
+    ServerLatch& m_server;
     GatewayMetrics& m_metrics;
     Logger& m_log;
     const BodySlices m_slices;
@@ -111,7 +118,7 @@ private:
     std::atomic<bool> m_stopRequested;
     std::atomic<uint64_t> m_bytesSent;
     std::mutex m_controlLock;  // guards m_thread and m_started; held while joining
-    DeliveryThread m_thread;
+    WorkerThread m_thread;
     bool m_started;
     std::mutex m_outcomeLock;  // separate: the delivery thread writes the outcome while stop() joins it
     DownloadOutcome m_outcome = DownloadOutcome::kNotStarted;

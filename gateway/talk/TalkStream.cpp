@@ -8,10 +8,14 @@
 
 #include "base/GatewayMetrics.h"
 #include "base/Logger.h"
+#include "base/RestErrors.h"
 
-TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics, Logger& log)
+TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, ServerLatch& server,
+                       TalkPacer& pacer, GatewayMetrics& metrics, Logger& log)
     : m_setup(std::move(setup)),
       m_data(data),
+      m_server(server),
+      m_pacer(pacer),
       m_metrics(metrics),
       m_log(log),
       m_opened(std::chrono::steady_clock::now())
@@ -28,36 +32,37 @@ TalkStream::~TalkStream()
     stop();
 }
 
-bool TalkStream::prepare()
+int TalkStream::prepare()
 {
     if (m_setup.capturePath.empty()) {
-        return true;
+        return 0;
     }
     std::string error;
     std::lock_guard<std::mutex> guard(m_captureLock);
     if (!m_capture.open(m_setup.capturePath, m_setup.codec->wavFormatTag, error)) {
         m_log.logf(kLogError, "talk %llu: capture file refused: %s", static_cast<unsigned long long>(m_setup.id),
                    error.c_str());
-        return false;
+        return RestError::kInternalError;
     }
-    return true;
+    return 0;
 }
 
-bool TalkStream::start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server)
+int TalkStream::start()
 {
     std::lock_guard<std::mutex> guard(m_controlLock);
     if (m_started || m_stopRequested) {
-        return false;
+        return RestError::kInternalError;
     }
     m_started = true;
     // The codec is announced before the plug-in answers the open: a client that
     // speaks at once must find its audio cut into the codec's packets.
-    PROTOCOL_WRAPPER::IServer* known = server.load();
+    PROTOCOL_WRAPPER::IServer* known = m_server.get();
     if (known != nullptr) {
         announceCodec(known);
     }
-    m_thread = std::thread(&TalkStream::play, this, &server);
-    return true;
+    const auto period =
+        std::chrono::microseconds(1000000LL * m_setup.codec->packetBytes / m_setup.codec->bytesPerSecond);
+    return m_pacer.add(this, period, [this] { sendPacket(); }) ? 0 : RestError::kInternalError;
 }
 
 void TalkStream::announceCodec(PROTOCOL_WRAPPER::IServer* server)
@@ -70,16 +75,12 @@ void TalkStream::announceCodec(PROTOCOL_WRAPPER::IServer* server)
 
 void TalkStream::stop()
 {
-    std::thread thread;
     {
         std::lock_guard<std::mutex> guard(m_controlLock);
         m_stopRequested = true;
-        thread = std::move(m_thread);
     }
-    m_wake.notify_all();
-    if (thread.joinable()) {
-        thread.join();
-    }
+    // No start follows the request, and no packet follows the removal.
+    m_pacer.remove(this);
     std::lock_guard<std::mutex> guard(m_captureLock);
     m_capture.close();
     // A talk in which the client said nothing (it only listened, or its link
@@ -90,52 +91,34 @@ void TalkStream::stop()
     }
 }
 
-void TalkStream::play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot)
+void TalkStream::sendPacket()
 {
-    std::unique_lock<std::mutex> lock(m_controlLock);
-    PROTOCOL_WRAPPER::IServer* server = nullptr;
-    // The server is known once CreateServer returned; a talk opened before that waits.
-    while (!m_stopRequested && (server = serverSlot->load()) == nullptr) {
-        m_wake.wait_for(lock, std::chrono::milliseconds(10));
-    }
-    if (m_stopRequested) {
+    // A talk opened before CreateServer returned is heard once the server is known.
+    PROTOCOL_WRAPPER::IServer* server = m_server.get();
+    if (server == nullptr) {
         return;
     }
     if (!m_codecAnnounced) {
         announceCodec(server);
     }
-    lock.unlock();
-
     // Live audio at the codec's pace, looped; a packet nobody listens to is lost,
     // as a microphone's would be.
     const std::string& audio = *m_setup.audio;
-    const size_t packet = static_cast<size_t>(m_setup.codec->packetBytes);
-    const auto period =
-        std::chrono::microseconds(1000000LL * m_setup.codec->packetBytes / m_setup.codec->bytesPerSecond);
-    std::string block(packet, '\0');
-    size_t offset = 0;
-    auto next = std::chrono::steady_clock::now();
-    lock.lock();
-    while (!m_stopRequested) {
-        lock.unlock();
-        for (size_t i = 0; i < packet; ++i) {
-            block[i] = audio[(offset + i) % audio.size()];
-        }
-        offset = (offset + packet) % audio.size();
-        if (server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &block[0], static_cast<int>(packet)) == 0) {
-            m_bytesToClient += packet;
-            m_metrics.addTalkBytesToClient(packet);
-        }
-        next += period;
-        lock.lock();
-        m_wake.wait_until(lock, next, [this] { return m_stopRequested; });
+    const size_t packet = m_block.size();
+    for (size_t i = 0; i < packet; ++i) {
+        m_block[i] = audio[(m_offset + i) % audio.size()];
+    }
+    m_offset = (m_offset + packet) % audio.size();
+    if (server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &m_block[0], static_cast<int>(packet)) == 0) {
+        m_bytesToClient += packet;
+        m_metrics.addTalkBytesToClient(packet);
     }
 }
 
-void TalkStream::input(const void* data, int length)
+int TalkStream::input(int dataType, const void* data, int length)
 {
-    if (data == nullptr || length <= 0) {
-        return;
+    if (dataType != PROTOCOL_WRAPPER::STREAM_DATA || data == nullptr || length <= 0) {
+        return 0;
     }
     m_bytesFromClient += static_cast<uint64_t>(length);
     m_metrics.addTalkBytesFromClient(static_cast<uint64_t>(length));
@@ -145,6 +128,7 @@ void TalkStream::input(const void* data, int length)
         m_log.logf(kLogError, "talk %llu: %s cannot grow: %s; the rest of the talk is not kept",
                    static_cast<unsigned long long>(m_setup.id), m_capture.path().c_str(), strerror(errno));
     }
+    return 0;
 }
 
 std::string TalkStream::summary(const char* outcome)

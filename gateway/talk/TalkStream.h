@@ -1,6 +1,6 @@
 // One talk as the gateway's device plays it: on start the stream header that
 // names the codec, then the device's audio, looped and paced in real time (one
-// packet per packet time), through IServer::Send; what the client says comes
+// packet per packet time, on the talk pacer's thread), through IServer::Send; what the client says comes
 // in through OnInputData and goes to the capture file.
 #ifndef GATEWAY_TALK_STREAM_H
 #define GATEWAY_TALK_STREAM_H
@@ -9,14 +9,15 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 
+#include "base/GatewayStream.h"
+#include "base/ServerLatch.h"
 #include "talk/TalkAudio.h"
+#include "talk/TalkPacer.h"
 #include "talk/WavFile.h"
 
 class GatewayMetrics;
@@ -34,39 +35,44 @@ struct TalkStreamSetup {
     std::string capturePath;                   // empty: what the client says is not kept
 };
 
-class TalkStream {
+class TalkStream : public GatewayStream {
 public:
     // Audio bytes each way are counted in metrics as they pass.
-    TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, GatewayMetrics& metrics, Logger& log);
-    ~TalkStream();
+    TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, ServerLatch& server, TalkPacer& pacer,
+               GatewayMetrics& metrics, Logger& log);
+    ~TalkStream() override;
     TalkStream(const TalkStream&) = delete;
     TalkStream& operator=(const TalkStream&) = delete;
 
-    uint64_t id() const { return m_setup.id; }
+    Kind kind() const override { return Kind::kTalk; }
+    uint64_t id() const override { return m_setup.id; }
     const TalkStreamSetup& setup() const { return m_setup; }
     uint64_t bytesToClient() const { return m_bytesToClient; }
     uint64_t bytesFromClient() const { return m_bytesFromClient; }
     double secondsOpen() const;
 
-    // Opens the capture file; false (and logged) when it cannot be written.
-    bool prepare();
-    // Starts the device's audio once; it waits for the server to be known.
-    bool start(const std::atomic<PROTOCOL_WRAPPER::IServer*>& server);
-    // Stops the audio and waits for its thread: no Send follows. Idempotent.
-    void stop();
-    // What the client said; kept in order of arrival.
-    void input(const void* data, int length);
+    // Opens the capture file; kInternalError (and logged) when it cannot be written.
+    int prepare() override;
+    // Starts the device's audio once; it is heard once the server is known.
+    int start() override;
+    // Stops the audio (a packet being sent is waited for), then closes the capture.
+    void stop() override;
+    // What the client said (STREAM_DATA); kept in order of arrival.
+    int input(int dataType, const void* data, int length) override;
     // The talk's log line: device, channel, client, user, codec, seconds, bytes
     // each way, outcome.
     std::string summary(const char* outcome);
 
 private:
-    void play(const std::atomic<PROTOCOL_WRAPPER::IServer*>* serverSlot);
+    // The next packet of the device's audio; on the pacer's thread.
+    void sendPacket();
     // The STREAM_INFO header naming the codec; the first thing the talk sends.
     void announceCodec(PROTOCOL_WRAPPER::IServer* server);
 
     const TalkStreamSetup m_setup;
     PROTOCOL_WRAPPER::IServerData* const m_data;  // the plug-in's talk; valid until OnClose
+    ServerLatch& m_server;
+    TalkPacer& m_pacer;
     GatewayMetrics& m_metrics;
     Logger& m_log;
     const std::chrono::steady_clock::time_point m_opened;
@@ -78,12 +84,13 @@ private:
     bool m_captureFailed = false;
     bool m_captureDropped = false;  // nothing was said: the empty file is gone
 
-    std::mutex m_controlLock;  // guards the thread and the stop request
-    std::condition_variable m_wake;
+    std::mutex m_controlLock;  // guards the start and the stop request
     bool m_stopRequested = false;
     bool m_started = false;
+    // Written by start before the talk is paced, then only on the pacer's thread.
     bool m_codecAnnounced = false;
-    std::thread m_thread;
+    std::string m_block = std::string(static_cast<size_t>(m_setup.codec->packetBytes), '\0');
+    size_t m_offset = 0;
 };
 
 #endif  // GATEWAY_TALK_STREAM_H

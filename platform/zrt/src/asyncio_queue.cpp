@@ -17,13 +17,19 @@ struct AsyncQueue {
     int wakeFd = -1;  // eventfd that wakes the poller when the queue stops
     std::atomic<bool> pollerStop{false};
 
-    // Guards the ready list, the free-standing completions and stopping.
+    // Guards the ready list, the free-standing completions, the wake-up state and stopping.
     std::mutex readyLock;
     std::condition_variable readyCv;
     AsyncHandle* readyHead = nullptr;
     AsyncHandle* readyTail = nullptr;
     OpList loose;  // posted completions that belong to no socket
     bool stopping = false;
+    // One wake-up serves a batch of completions: a completion wakes a thread only
+    // when one sleeps and none is being woken already; a thread that takes work
+    // and leaves more behind wakes the next. A burst of completions (a hundred
+    // talks' packets sent in one go) costs one or two wake-ups, not one each.
+    int sleepingWorkers = 0;
+    bool wakePending = false;
 
     ZRT_THREAD_T poller = ZRT_INVALID_THREAD;
     ZRT_THREAD_T* workers = nullptr;
@@ -59,9 +65,26 @@ AsyncHandle* popReady(AsyncQueue* queue)
     return handle;
 }
 
+// Caller holds queue->readyLock and has just added work; true when it must notify one thread
+// after letting the lock go.
+bool takeWakeTurn(AsyncQueue* queue)
+{
+    if (queue->sleepingWorkers == 0 || queue->wakePending) {
+        return false;  // every thread is at work and will look again, or one is being woken
+    }
+    queue->wakePending = true;
+    return true;
+}
+
+bool hasWork(const AsyncQueue* queue)
+{
+    return queue->readyHead != nullptr || !queue->loose.empty();
+}
+
 // Takes over the caller's reference to handle.
 void pushReady(AsyncQueue* queue, AsyncHandle* handle)
 {
+    bool wake = false;
     {
         std::lock_guard<std::mutex> guard(queue->readyLock);
         handle->readyNext = nullptr;
@@ -71,8 +94,11 @@ void pushReady(AsyncQueue* queue, AsyncHandle* handle)
             queue->readyTail->readyNext = handle;
         }
         queue->readyTail = handle;
+        wake = takeWakeTurn(queue);
     }
-    queue->readyCv.notify_one();
+    if (wake) {
+        queue->readyCv.notify_one();
+    }
 }
 
 void runCallback(AsyncOp* op)
@@ -121,10 +147,15 @@ void* completionThread(void* arg)
     for (;;) {
         AsyncHandle* handle = nullptr;
         AsyncOp* loose = nullptr;
+        bool wakeNext = false;
         {
             std::unique_lock<std::mutex> lock(queue->readyLock);
-            queue->readyCv.wait(
-                lock, [queue] { return queue->stopping || queue->readyHead != nullptr || !queue->loose.empty(); });
+            while (!queue->stopping && !hasWork(queue)) {
+                ++queue->sleepingWorkers;
+                queue->readyCv.wait(lock);
+                --queue->sleepingWorkers;
+                queue->wakePending = false;  // this thread is the one woken (or woke by itself)
+            }
             if (queue->stopping) {
                 break;
             }
@@ -132,6 +163,10 @@ void* completionThread(void* arg)
             if (loose == nullptr) {
                 handle = popReady(queue);
             }
+            wakeNext = hasWork(queue) && takeWakeTurn(queue);
+        }
+        if (wakeNext) {
+            queue->readyCv.notify_one();
         }
         if (loose != nullptr) {
             runCallback(loose);
@@ -292,14 +327,18 @@ void completeLocked(AsyncHandle* handle, AsyncOp* op, unsigned long error, unsig
 
 bool queuePostLoose(AsyncQueue* queue, AsyncOp* op)
 {
+    bool wake = false;
     {
         std::lock_guard<std::mutex> guard(queue->readyLock);
         if (queue->stopping) {
             return false;
         }
         queue->loose.push(op);
+        wake = takeWakeTurn(queue);
     }
-    queue->readyCv.notify_one();
+    if (wake) {
+        queue->readyCv.notify_one();
+    }
     return true;
 }
 

@@ -8,8 +8,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "AsyncIoKit.h"
@@ -255,3 +258,35 @@ TEST_F(AsyncQueueTest, DestroyJoinsRunningCallbacksAndDropsPendingWork)
 }
 
 }  // namespace
+
+// A burst of completions wakes one thread, and each thread that takes one wakes the next while more wait: four
+// callbacks that each wait for all four to be running finish only when four threads run them at once.
+struct Rendezvous {
+    std::mutex lock;
+    std::condition_variable arrived;
+    int running = 0;
+    int met = 0;
+};
+
+void meetAll(unsigned long, unsigned long, void* context)
+{
+    Rendezvous* rendezvous = static_cast<Rendezvous*>(context);
+    std::unique_lock<std::mutex> lock(rendezvous->lock);
+    ++rendezvous->running;
+    rendezvous->arrived.notify_all();
+    if (rendezvous->arrived.wait_for(lock, std::chrono::seconds(10),
+                                     [rendezvous] { return rendezvous->running == 4; })) {
+        ++rendezvous->met;
+        rendezvous->arrived.notify_all();
+    }
+}
+
+TEST_F(AsyncQueueTest, ABurstOfCompletionsStillGetsEveryThreadWhenCallbacksBlock)
+{
+    Rendezvous rendezvous;
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(ZRT_AsyncIO_PostQueuedCompleteStatusEx(m_queue, -1, 0, 0, &rendezvous, meetAll), 0);
+    }
+    std::unique_lock<std::mutex> lock(rendezvous.lock);
+    EXPECT_TRUE(rendezvous.arrived.wait_for(lock, std::chrono::seconds(20), [&] { return rendezvous.met == 4; }));
+}

@@ -1,6 +1,6 @@
-#include "download/DeliveryThread.h"
+#include "base/WorkerThread.h"
 
-bool DeliveryThread::start(std::function<void()> body)
+bool WorkerThread::start(std::function<void()> body)
 {
     if (m_started) {
         return false;
@@ -9,12 +9,12 @@ bool DeliveryThread::start(std::function<void()> body)
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
     pthread_attr_setstacksize(&attributes, kStackSize);
-    m_started = pthread_create(&m_thread, &attributes, &DeliveryThread::run, this) == 0;
+    m_started = pthread_create(&m_thread, &attributes, &WorkerThread::run, this) == 0;
     pthread_attr_destroy(&attributes);
     return m_started;
 }
 
-void DeliveryThread::join()
+void WorkerThread::join()
 {
     if (m_started) {
         pthread_join(m_thread, nullptr);
@@ -22,8 +22,8 @@ void DeliveryThread::join()
     }
 }
 
-void* DeliveryThread::run(void* self)
+void* WorkerThread::run(void* self)
 {
-    static_cast<DeliveryThread*>(self)->m_body();
+    static_cast<WorkerThread*>(self)->m_body();
     return nullptr;
 }
