@@ -45,6 +45,7 @@ CServerOptions CServerOptions::fromParams(const ServerParams& params)
     options.reserveFds = boundOf(params, "reserveFds");
     options.strictSendTimeout = isOn(params, "strictSendTimeout");
     options.streamAbort = isOn(params, "streamAbort");
+    options.deliverySendfile = isOn(params, "sendfile");
     return options;
 }
 

@@ -66,6 +66,9 @@ struct CServerOptions {
     // HPW_STREAM_ABORT (HttpProtocolWrapper.h); the client's connection is
     // reset at once, instead of waiting for the session to age out.
     bool streamAbort = false;
+    // "sendfile=1": files the gateway hands over (ext/DeliveryRequest.h) go out with sendfile(2)
+    // instead of being read into the HTTP server's buffer; both write the same bytes.
+    bool deliverySendfile = false;
 
     // Whether either port bounds its connections (the audio port then admits
     // them through its gate, see CRawConnectionGate).

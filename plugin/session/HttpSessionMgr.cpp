@@ -318,6 +318,9 @@ void CHttpSessionMgr::timeOutCheck()
     ZRT_Guard guard(m_sessionMutex);
     for (auto& entry : m_sessions) {
         CHttpSession* session = entry.second.get();
+        if (session->isDelivering()) {
+            continue;  // the server's loop enforces the send time-out and the minimum rate, and ends it
+        }
         if (session->getTimeoutCount() > kSessionTimeoutPasses) {
             // Pushed again on every later pass until the session is gone.
             tagAsyncReq req;

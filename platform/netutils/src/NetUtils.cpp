@@ -4,6 +4,7 @@
 #include "netutils/VQNetUtils.h"
 
 #include "Connection.h"
+#include "FileDelivery.h"
 #include "LastError.h"
 #include "Listener.h"
 
@@ -19,6 +20,7 @@
 using netutils::Connection;
 using netutils::ConnectionTable;
 using netutils::fail;
+using netutils::FileDelivery;
 using netutils::Listener;
 
 namespace {
@@ -252,6 +254,43 @@ int NET_HTTPSERVER_Reply(int handle, int flags)
         const int error = connection->reply(written);  // allocates only for the first head
         return error == NET_ERR_NONE ? written : fail(error);
     });
+}
+
+int NET_HTTPSERVER_SendFile(int handle, const NET_HTTPSERVER_FILE_PARAM* file)
+{
+    return guarded([&]() -> int {
+        if (file == nullptr || file->iFd < 0 || file->llOffset < 0 || file->llLength < 0 || file->fnDone == nullptr) {
+            return fail(NET_ERR_PARAM);
+        }
+        std::shared_ptr<Connection> connection = library().handles.find(handle);
+        if (!connection) {
+            return fail(NET_ERR_HANDLE);
+        }
+        // Made first: once the connection is given to the file, nothing may fail but the listener's end.
+        auto delivery = std::make_unique<FileDelivery>(handle, *file, connection->sendTimeoutMs());
+        int64_t bodyLeft = -1;
+        const int error = connection->beginFile(bodyLeft);
+        if (error != NET_ERR_NONE) {
+            delivery->giveBack();
+            return fail(error);
+        }
+        delivery->limitBody(bodyLeft);
+        if (!connection->postFile(delivery)) {
+            delivery->giveBack();
+            return fail(NET_ERR_CLOSED);  // the listener has stopped: its connections have ended
+        }
+        return 0;
+    });
+}
+
+int NET_HTTPSERVER_Abort(int handle)
+{
+    std::shared_ptr<Connection> connection = library().handles.find(handle);
+    if (!connection) {
+        return fail(NET_ERR_HANDLE);
+    }
+    connection->abort();
+    return 0;
 }
 
 int NET_HTTPSERVER_Close(int handle, int flush)
