@@ -32,6 +32,9 @@ std::string buildServerUrl(const GatewayConfig& config)
     url += "&audioTalkPort=" + std::to_string(config.audioTalkPort);
     // The plug-in's opt-in behaviour beyond the interface's defaults, all on here.
     url += kPluginOptIns;
+    if (config.loopDelivery && config.loopSendfile) {
+        url += "&sendfile=1";
+    }
     url += "&headTimeout=" + std::to_string(config.headTimeoutMs) +
            "&maxConnections=" + std::to_string(config.maxConnections) +
            "&maxConnectionsPerAddress=" + std::to_string(config.maxConnectionsPerAddress) +

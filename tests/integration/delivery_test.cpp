@@ -71,7 +71,7 @@ TEST_F(Delivery, ATakenFileArrivesAsTheBlocksWouldHaveWithBothFramings)
     for (size_t size : {1, 3 * 65536 + 17}) {
         sink.recordingSize = size;
         RawResponse response = exchange(jsonDownload("&name=rec&size=" + std::to_string(size)), 20000);
-        EXPECT_EQ(sink.lastDeliveryAnswer, 0);
+        EXPECT_TRUE(eventually([&] { return sink.lastDeliveryAnswer == 0; }));  // the bytes may beat SendMSG's return
         EXPECT_TRUE(response.raw == lengthHead(size) + FakeServerSink::recordingBytes(0, size)) << size;
         EXPECT_TRUE(waitIdle());
         EXPECT_EQ(sink.lastDeliveredBytes, size);
@@ -92,7 +92,9 @@ TEST_F(Delivery, ATakenFileArrivesAsTheBlocksWouldHaveWithBothFramings)
     EXPECT_TRUE(waitIdle());
     EXPECT_EQ(sink.deliveryOutcomes(), std::vector<int>(3, PROTOCOL_WRAPPER::DELIVERY_COMPLETE));
     EXPECT_EQ(sink.deliveryOrderFaults, 0);
-    EXPECT_EQ(testsupport::openDescriptorCount(), descriptors) << "a file's descriptor outlived its download";
+    // A finished connection lingers until its client closes; then nothing of the downloads is left.
+    EXPECT_TRUE(eventually([&] { return testsupport::openDescriptorCount() == descriptors; }, 3000))
+        << "a file's descriptor outlived its download";
 }
 
 TEST_F(SendfileDelivery, SendfileWritesTheSameBytes)
@@ -108,7 +110,7 @@ TEST_F(Delivery, ARefusedRequestLeavesTheDownloadToSendAndOtherMessagesAreAnswer
     sink.badRequest = true;
     sink.recordingSize = 100000;
     RawResponse response = exchange(jsonDownload("&name=rec"), 20000);
-    EXPECT_EQ(sink.lastDeliveryAnswer, HttpWrapper::HPW_ERR_PARAM);
+    EXPECT_TRUE(eventually([&] { return sink.lastDeliveryAnswer == HttpWrapper::HPW_ERR_PARAM; }));
     EXPECT_TRUE(response.raw == lengthHead(100000) + FakeServerSink::recordingBytes(0, 100000));
     EXPECT_TRUE(waitIdle());
     EXPECT_TRUE(sink.deliveryOutcomes().empty());

@@ -67,6 +67,9 @@ public:
     // Ends the connection (first caller only: returns whether this call did).
     bool end(End reason);
     bool isEnded() const { return m_end.load() != static_cast<int>(End::Open); }
+    End endReason() const { return static_cast<End>(m_end.load()); }
+    // An owner handed a file over (it may still be on its way to the I/O thread).
+    bool fileTaken() const { return m_fileTaken.load(); }
     bool isClosedByOwner() const { return m_closedByOwner.load(); }
 
 private:
@@ -99,7 +102,7 @@ private:
     bool m_headSent = false;
     int64_t m_announcedLength = ReplyStage::kUnknownLength;
     int64_t m_bodySent = 0;
-    bool m_fileTaken = false;  // the I/O thread writes the rest of the body
+    std::atomic<bool> m_fileTaken{false};  // the I/O thread writes the rest of the body
 };
 
 }  // namespace netutils

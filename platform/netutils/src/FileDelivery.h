@@ -81,7 +81,7 @@ private:
     uint64_t m_fileLeft;
     uint64_t m_chunkLeft = 0;  // chunked: file bytes left in the current chunk
     uint64_t m_fileSent = 0;
-    char m_frame[24] = {};     // framing owed before the next file bytes
+    char m_frame[24] = {};  // framing owed before the next file bytes
     size_t m_frameLength = 0;
     size_t m_framePos = 0;
 

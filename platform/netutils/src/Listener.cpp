@@ -326,6 +326,11 @@ void Listener::onConnectionEvent(uint64_t id, uint32_t events)
                     break;
                 }
                 entry.connection->end(Connection::End::ClientGone);
+                if (entry.connection->fileTaken()) {
+                    // Its file is on the way through the mailbox: the file's callback comes first, then the end.
+                    mute(id, entry);
+                    break;
+                }
                 reportEnd(entry);
                 remove(id);
             } else if (entry.file && (events & EPOLLOUT) != 0) {
@@ -472,7 +477,14 @@ void Listener::attachFile(uint64_t id, std::unique_ptr<FileDelivery> file)
 {
     auto it = m_entries.find(id);
     if (it == m_entries.end() || it->second.phase != Phase::Reported || it->second.connection->isEnded()) {
-        file->finish(NET_FILE_ENDED);  // the owner's Close or the client overtook the file
+        // The client or the owner's Close overtook the file.
+        const bool clientGone =
+            it != m_entries.end() && it->second.connection->endReason() == Connection::End::ClientGone;
+        file->finish(clientGone ? NET_FILE_CLIENT_GONE : NET_FILE_ENDED);
+        if (clientGone && it->second.phase == Phase::Reported) {
+            reportEnd(it->second);  // held back for the file (see onConnectionEvent)
+            remove(id);
+        }
         return;
     }
     if (!m_fileBuffer) {
@@ -510,14 +522,25 @@ void Listener::endWithFile(uint64_t id, Entry& entry, int outcome)
         reason = Connection::End::ClientGone;
     }
     // Ended before the owner hears of it, so that nothing the owner does from its callback writes more.
-    entry.connection->end(reason);
+    if (!entry.connection->end(reason)) {
+        // An owner's Close or Abort came first (its shutdown is what failed the send): the file ended by its doing.
+        reason = entry.connection->endReason();
+        outcome = NET_FILE_ENDED;
+    }
     file->finish(outcome);
     reportEnd(entry);
-    if (reason == Connection::End::Completed) {
+    if (reason == Connection::End::Completed || reason == Connection::End::Closed) {
         linger(id, entry);
     } else {
         remove(id);
     }
+}
+
+void Listener::mute(uint64_t id, Entry& entry)
+{
+    epoll_event none{};
+    none.data.u64 = id;
+    epoll_ctl(m_epollFd, EPOLL_CTL_MOD, entry.connection->fd(), &none);
 }
 
 void Listener::watch(uint64_t id, Entry& entry, bool writable)

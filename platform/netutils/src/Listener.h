@@ -87,6 +87,8 @@ private:
     // The file's end ends the connection: the owner's callback first, then the end as for any connection.
     void endWithFile(uint64_t id, Entry& entry, int outcome);
     void watch(uint64_t id, Entry& entry, bool writable);
+    // No events: a gone client's connection waiting for its file's note.
+    void mute(uint64_t id, Entry& entry);
     void reportEnd(Entry& entry);
     void linger(uint64_t id, Entry& entry);
     void remove(uint64_t id);
