@@ -45,14 +45,14 @@ enum DeliveryOutcome {
 typedef void (*DeliveryDoneCallback)(void* context, int outcome, uint64_t bytesSent);
 
 struct DeliveryRequest {
-    uint32_t size;            //  0: sizeof(DeliveryRequest)
-    int32_t fd;               //  4: the file, readable with pread; the plug-in takes a dup
-    uint64_t offset;          //  8: first byte of the file to send
-    uint64_t length;          // 16: bytes of the file to send
-    uint32_t blockSize;       // 24: a chunked reply's chunk size (the gateway's block size)
-    uint32_t minRate;         // 28: bytes per second the client must take, 0: no minimum
-    uint32_t minRateSeconds;  // 32: the window minRate is measured over (0: 30)
-    uint32_t reserved;        // 36: 0
+    uint32_t size;                //  0: sizeof(DeliveryRequest)
+    int32_t fd;                   //  4: the file, readable with pread; the plug-in takes a dup
+    uint64_t offset;              //  8: first byte of the file to send
+    uint64_t length;              // 16: bytes of the file to send
+    uint32_t blockSize;           // 24: a chunked reply's chunk size (the gateway's block size)
+    uint32_t minRate;             // 28: bytes per second the client must take, 0: no minimum
+    uint32_t minRateSeconds;      // 32: the window minRate is measured over (0: 30)
+    uint32_t reserved;            // 36: 0
     DeliveryDoneCallback onDone;  // 40
     void* context;                // 48: onDone's first argument
 };
