@@ -123,13 +123,13 @@ void readServer(const Json::Value& server, GatewayConfig& config)
     readInt(server, field, "reserveFds", 16, 1000000, config.reserveFds);
     readInt(server, field, "minDeliveryRate", 0, 1 << 30, config.minDeliveryRate);
     readInt(server, field, "minDeliveryRateSeconds", 5, 3600, config.minDeliveryRateSeconds);
-    std::string delivery = !config.loopDelivery ? "blocking" : config.loopSendfile ? "sendfile" : "loop";
+    std::string delivery = !config.loopDelivery ? "blocking" : config.loopSendfile ? "loop" : "loop-read";
     readString(server, field, "delivery", delivery);
-    if (delivery != "loop" && delivery != "sendfile" && delivery != "blocking") {
-        throw ConfigProblem{"server.delivery", "must be loop, sendfile or blocking"};
+    if (delivery != "loop" && delivery != "loop-read" && delivery != "blocking") {
+        throw ConfigProblem{"server.delivery", "must be loop, loop-read or blocking"};
     }
     config.loopDelivery = delivery != "blocking";
-    config.loopSendfile = delivery == "sendfile";
+    config.loopSendfile = delivery == "loop";
 }
 
 // Every listener has a port known before the start: the audio channel's is the

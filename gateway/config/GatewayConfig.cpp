@@ -1,5 +1,8 @@
 #include "config/GatewayConfig.h"
 
+#include <algorithm>
+#include <thread>
+
 GatewayConfig defaultGatewayConfig()
 {
     GatewayConfig config;
@@ -16,6 +19,12 @@ GatewayConfig defaultGatewayConfig()
 const char* const kPluginOptIns =
     "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1&talkGatewayRefusal=1"
     "&strictSendTimeout=1&streamAbort=1";
+
+int GatewayConfig::ioThreads() const
+{
+    const unsigned cores = std::thread::hardware_concurrency();
+    return static_cast<int>(std::min(std::max(cores, 1u), 16u));
+}
 
 std::string listenAddressText(const std::string& host, int port)
 {
@@ -34,6 +43,9 @@ std::string buildServerUrl(const GatewayConfig& config)
     url += kPluginOptIns;
     if (config.loopDelivery && config.loopSendfile) {
         url += "&sendfile=1";
+    }
+    if (config.loopDelivery) {
+        url += "&ioThreads=" + std::to_string(config.ioThreads());
     }
     url += "&headTimeout=" + std::to_string(config.headTimeoutMs) +
            "&maxConnections=" + std::to_string(config.maxConnections) +

@@ -76,6 +76,7 @@ int CHttpSessionMgr::init(ServerParams& params)
     listen.dwMaxConnections = static_cast<uint32_t>(options.maxConnections);
     listen.dwMaxPerAddress = static_cast<uint32_t>(options.maxConnectionsPerAddress);
     listen.dwReserveFds = static_cast<uint32_t>(options.reserveFds);
+    listen.byIoThreads = static_cast<uint8_t>(options.ioThreads);
     listen.fnCallback = fnHttpServerDataCB;
     listen.pUser = this;
 

@@ -138,6 +138,9 @@ int Listener::open(const NET_HTTPSERVER_LISTEN_PARAM& param)
     }
     const int on = 1;
     setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));  // restart while old connections linger
+    if (param.byIoThreads > 1) {
+        setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on));  // the group's threads share the port
+    }
     if (bind(m_listenFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         listen(m_listenFd, SOMAXCONN) != 0) {
         return NET_ERR_SOCKET;

@@ -30,9 +30,9 @@ TEST(GatewayConfigFile, NoDocumentGivesOneUserOneDeviceAndTheServerUrl)
         "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1"
         "&talkGatewayRefusal=1&strictSendTimeout=1&streamAbort=1";
     const std::string bounds = "&headTimeout=10000&maxConnections=2048&maxConnectionsPerAddress=512&reserveFds=256";
-    EXPECT_EQ(
-        buildServerUrl(config),
-        "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns + bounds);
+    EXPECT_EQ(buildServerUrl(config),
+              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns +
+                  "&sendfile=1&ioThreads=" + std::to_string(config.ioThreads()) + bounds);
 }
 
 // Clients must know the audio port: it is never left for the plug-in to pick.
@@ -108,7 +108,7 @@ TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
         {R"({"server":{"headTimeout":50}})", "server.headTimeout:"},
         {R"({"server":{"maxConnections":1}})", "server.maxConnections:"},
         {R"({"server":{"minDeliveryRateSeconds":1}})", "server.minDeliveryRateSeconds:"},
-        {R"({"server":{"delivery":"fast"}})", "server.delivery: must be loop, sendfile or blocking"},
+        {R"({"server":{"delivery":"fast"}})", "server.delivery: must be loop, loop-read or blocking"},
         {R"({"log":{"level":"loud"}})", "log.level:"},
         {R"({"log":{"format":"xml"}})", "log.format:"},
         {R"({"admin":{}})", "admin.listen:"},

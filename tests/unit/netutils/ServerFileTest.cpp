@@ -361,3 +361,24 @@ TEST_P(FileTest, AFileIsRefusedBeforeTheHeadAndAfterTheEndAndItsDescriptorStaysT
     close(file.iFd);
     EXPECT_EQ(waitForFileEnd(200), 1);
 }
+
+TEST_P(FileTest, SeveralIoThreadsShareOnePortAndEachSendsItsConnectionsFiles)
+{
+    destroyListen();
+    NET_HTTPSERVER_LISTEN_PARAM param{};
+    param.byIoThreads = 3;
+    startListenWith(param);
+    const std::string data = patternBytes(300000);
+    writeFile(data);
+    std::vector<TestClient> clients(12);
+    for (TestClient& client : clients) {
+        const int handle = openReply(client, static_cast<int64_t>(data.size()));
+        NET_HTTPSERVER_FILE_PARAM file = fileParam(0, static_cast<int64_t>(data.size()));
+        ASSERT_EQ(NET_HTTPSERVER_SendFile(handle, &file), 0);
+    }
+    for (TestClient& client : clients) {
+        EXPECT_TRUE(bodyOf(client.receiveAll(5000)) == data);
+    }
+    std::unique_lock<std::mutex> lock(m_end.mutex);
+    EXPECT_TRUE(m_end.changed.wait_for(lock, std::chrono::seconds(5), [this] { return m_end.calls == 12; }));
+}

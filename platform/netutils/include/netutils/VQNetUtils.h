@@ -23,6 +23,10 @@
  * when there is none, the new connection is answered "503 Service
  * Unavailable" and closed.
  *
+ * A listener may run several I/O threads on one port (the kernel spreads new
+ * connections over them); callbacks then come from any of them, each
+ * connection's always from the same one.
+ *
  * Every reply carries "Connection: close": the server closes the connection
  * by itself once the body has reached the length the head announced.
  *
@@ -83,7 +87,9 @@ typedef struct NET_HTTPSERVER_LISTEN_PARAM {
     uint32_t dwSize;              /*   0: reserved, 0 */
     char szAddress[128];          /*   4: listen address, dotted quad */
     uint16_t wPort;               /* 132: port; 0 takes an ephemeral one */
-    uint8_t byRes1[2];            /* 134 */
+    uint8_t byIoThreads;          /* 134: I/O threads sharing the port, each with its own connections
+                                     (0: 1); the bounds below are shared out among them */
+    uint8_t byRes1;               /* 135 */
     uint32_t dwHeadTimeout;       /* 136: ms from the connection to its whole request head, after which
                                      the body has the receive time-out (0: the receive time-out bounds
                                      the whole request) */
@@ -164,6 +170,7 @@ typedef struct NET_HTTPSERVER_FILE_PARAM {
 NET_LAYOUT_CHECK(sizeof(NET_HTTPSERVER_LISTEN_PARAM) == 176, "listen parameters: 176 bytes");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, szAddress) == 4, "listen parameters: address");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, wPort) == 132, "listen parameters: port");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, byIoThreads) == 134, "listen parameters: I/O threads");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwHeadTimeout) == 136, "listen parameters: head time-out");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwMaxConnections) == 140, "listen parameters: connections");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwMaxPerAddress) == 144, "listen parameters: per address");
