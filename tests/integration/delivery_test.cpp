@@ -167,9 +167,9 @@ TEST_F(Delivery, StoppingTheServerMidDownloadEndsTheDeliveryOnceBeforeTheStreamS
 TEST_F(Delivery, ADeliveryOutlivesTheSessionTimeOutPasses)
 {
     // Without Sends the session looks idle to the passes; the server's own limits govern it instead.
-    singleton<CHttpServerWrapper>::instance()->setTimeoutCheckSleeps(1);  // a pass every 100 ms
     RawHttpClient client(port);
     startLargeDownload(client);
+    singleton<CHttpServerWrapper>::instance()->setTimeoutCheckSleeps(1);  // a pass every 100 ms from now
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_TRUE(sink.deliveryOutcomes().empty());
     client.close(true);
