@@ -40,7 +40,7 @@ constexpr int kMaxDiscardReads = 4;
 // while a client keeps up, and costs more bytes read twice when its socket takes only part of a piece.
 constexpr size_t kFileBufferBytes = 64 * 1024;
 // Bytes of one file per wake-up, so that the connections of one loop share it.
-constexpr size_t kFileBytesPerWakeup = 256 * 1024;
+constexpr size_t kFileBytesPerWakeup = 1024 * 1024;
 
 int millisecondsOrDefault(uint32_t value, int fallback)
 {
