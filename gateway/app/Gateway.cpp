@@ -288,6 +288,7 @@ int runGateway(const GatewayConfig& configured, const ConfigReader& readConfig, 
                          FilterLimits{config.maxDownloads, config.maxTalksPerUser}, &talks, &accessLog);
     StreamSink sink(catalog, static_cast<size_t>(config.blockSize), metrics, &accessLog, log, &talks);
     sink.setMinimumRate(static_cast<uint64_t>(config.minDeliveryRate), config.minDeliveryRateSeconds);
+    sink.setLoopDelivery(config.loopDelivery);
     UtilitySink utility(config, metrics, log);
 
     // Up before the plug-in, so that /healthz says "starting" while it loads.

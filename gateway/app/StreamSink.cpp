@@ -155,6 +155,7 @@ int StreamSink::openDownload(const char* filterUrl, const char* mediaUrl, PROTOC
     setup.blockSize = m_blockSize;
     setup.minRate = m_minRate;
     setup.minRateSeconds = m_minRateSeconds;
+    setup.loopDelivery = m_loopDelivery;
     if (setup.fileLength != recording->size) {
         m_log.logf(kLogWarn, "%s changed since it was indexed: %llu bytes now, %llu indexed", recording->path.c_str(),
                    static_cast<unsigned long long>(setup.fileLength), static_cast<unsigned long long>(recording->size));

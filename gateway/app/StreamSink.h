@@ -42,6 +42,8 @@ public:
         m_minRate = bytesPerSecond;
         m_minRateSeconds = seconds;
     }
+    // Downloads opened from now on hand their file to the plug-in's event loop (RecordingStream.h).
+    void setLoopDelivery(bool loop) { m_loopDelivery = loop; }
     // The server that CreateServer returned; deliveries wait for it.
     void attachServer(PROTOCOL_WRAPPER::IServer* server) { m_server.set(server); }
     int openStreamCount();
@@ -95,6 +97,7 @@ private:
     TalkDevices* m_talks;
     uint64_t m_minRate = 0;  // set before the server starts
     int m_minRateSeconds = 30;
+    bool m_loopDelivery = false;  // set before the server starts
 };
 
 #endif  // GATEWAY_STREAM_SINK_H

@@ -107,7 +107,7 @@ void readServer(const Json::Value& server, GatewayConfig& config)
     requireObject(server, field,
                   {"httpPort", "audioTalkPort", "work_thread", "sendTimeout", "recvTimeout", "maxDownloads",
                    "shutdownGraceSeconds", "maxTalksPerUser", "headTimeout", "maxConnections",
-                   "maxConnectionsPerAddress", "reserveFds", "minDeliveryRate", "minDeliveryRateSeconds"});
+                   "maxConnectionsPerAddress", "reserveFds", "minDeliveryRate", "minDeliveryRateSeconds", "delivery"});
     readInt(server, field, "httpPort", 1, 65535, config.httpPort);
     readInt(server, field, "audioTalkPort", 1, 65535, config.audioTalkPort);
     // The plug-in takes these modulo 65536, so larger values would wrap around.
@@ -123,6 +123,13 @@ void readServer(const Json::Value& server, GatewayConfig& config)
     readInt(server, field, "reserveFds", 16, 1000000, config.reserveFds);
     readInt(server, field, "minDeliveryRate", 0, 1 << 30, config.minDeliveryRate);
     readInt(server, field, "minDeliveryRateSeconds", 5, 3600, config.minDeliveryRateSeconds);
+    std::string delivery = !config.loopDelivery ? "blocking" : config.loopSendfile ? "loop" : "loop-read";
+    readString(server, field, "delivery", delivery);
+    if (delivery != "loop" && delivery != "loop-read" && delivery != "blocking") {
+        throw ConfigProblem{"server.delivery", "must be loop, loop-read or blocking"};
+    }
+    config.loopDelivery = delivery != "blocking";
+    config.loopSendfile = delivery == "loop";
 }
 
 // Every listener has a port known before the start: the audio channel's is the

@@ -1,5 +1,8 @@
 #include "config/GatewayConfig.h"
 
+#include <algorithm>
+#include <thread>
+
 GatewayConfig defaultGatewayConfig()
 {
     GatewayConfig config;
@@ -17,6 +20,12 @@ const char* const kPluginOptIns =
     "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1&talkGatewayRefusal=1"
     "&strictSendTimeout=1&streamAbort=1";
 
+int GatewayConfig::ioThreads() const
+{
+    const unsigned cores = std::thread::hardware_concurrency();
+    return static_cast<int>(std::min(std::max(cores, 1u), 16u));
+}
+
 std::string listenAddressText(const std::string& host, int port)
 {
     return (host.find(':') != std::string::npos ? "[" + host + "]" : host) + ":" + std::to_string(port);
@@ -32,6 +41,12 @@ std::string buildServerUrl(const GatewayConfig& config)
     url += "&audioTalkPort=" + std::to_string(config.audioTalkPort);
     // The plug-in's opt-in behaviour beyond the interface's defaults, all on here.
     url += kPluginOptIns;
+    if (config.loopDelivery && config.loopSendfile) {
+        url += "&sendfile=1";
+    }
+    if (config.loopDelivery) {
+        url += "&ioThreads=" + std::to_string(config.ioThreads());
+    }
     url += "&headTimeout=" + std::to_string(config.headTimeoutMs) +
            "&maxConnections=" + std::to_string(config.maxConnections) +
            "&maxConnectionsPerAddress=" + std::to_string(config.maxConnectionsPerAddress) +

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <HttpProtocolWrapper.h>
+#include <ext/DeliveryRequest.h>
 #include <ext/DownloadSendCodes.h>
 
 #include "base/Logger.h"
@@ -39,9 +41,11 @@ RecordingStream::~RecordingStream()
 
 int RecordingStream::prepare()
 {
-    if (!m_buffer) {
-        m_buffer = m_blocks.acquire();
+    // With loop delivery no block is held: one is taken only if the plug-in refuses the file.
+    if (m_buffer || m_setup.loopDelivery) {
+        return 0;
     }
+    m_buffer = m_blocks.acquire();
     if (!m_buffer) {
         m_log.logf(kLogError, "stream %llu: no memory for a %zu-byte block", static_cast<unsigned long long>(id()),
                    m_setup.blockSize);
@@ -53,7 +57,7 @@ int RecordingStream::prepare()
 int RecordingStream::start()
 {
     std::lock_guard<std::mutex> guard(m_controlLock);
-    if (m_started || !m_buffer) {
+    if (m_started || (!m_buffer && !m_setup.loopDelivery)) {
         return cannotStart();
     }
     // When the server is known, the two opening blocks (and so the reply's head) go out on
@@ -64,6 +68,14 @@ int RecordingStream::start()
     if (known && !sendOpening(known)) {
         m_started = true;  // sendOpening set how it ended
         return 0;
+    }
+    if (known && m_setup.loopDelivery && handOver(known)) {
+        m_started = true;  // no thread: the plug-in's loop sends the file
+        return 0;
+    }
+    if (!m_buffer && !(m_buffer = m_blocks.acquire())) {
+        setOutcome(DownloadOutcome::kNotStarted, "not started: no memory for a block");
+        return RestError::kNoMemory;
     }
     setOutcome(DownloadOutcome::kStopped, "running");
     const bool openingSent = known != nullptr;
@@ -86,9 +98,18 @@ void RecordingStream::stop()
 {
     m_stopRequested = true;
     m_server.wake();
-    std::lock_guard<std::mutex> guard(m_controlLock);
-    if (m_thread.joinable()) {
-        m_thread.join();
+    {
+        std::lock_guard<std::mutex> guard(m_controlLock);
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+    // The plug-in calls back before OnStop; this covers a stop from elsewhere (shutdown's closeAll).
+    static constexpr auto kDeliveryEndWait = std::chrono::seconds(30);
+    std::unique_lock<std::mutex> lock(m_outcomeLock);
+    if (!m_deliveryEnded.wait_for(lock, kDeliveryEndWait, [this] { return !m_deliveryOwed; })) {
+        m_log.logf(kLogError, "stream %llu: the plug-in did not say how its delivery ended",
+                   static_cast<unsigned long long>(id()));
     }
 }
 
@@ -136,7 +157,7 @@ void RecordingStream::deliver(bool openingSent)
     PROTOCOL_WRAPPER::IServer* server = m_server.wait([this] { return m_stopRequested.load(); });
     if (!server) {
         setOutcome(DownloadOutcome::kStopped, "stopped before delivery");
-    } else if (openingSent || sendOpening(server)) {
+    } else if ((openingSent || sendOpening(server)) && !(m_setup.loopDelivery && handOver(server))) {
         deliverFile(server);
     }
 }
@@ -241,6 +262,76 @@ void RecordingStream::setSendFailure(int result)
     } else {
         setOutcome(DownloadOutcome::kClientGone, "client went away");
     }
+}
+
+bool RecordingStream::handOver(PROTOCOL_WRAPPER::IServer* server)
+{
+    // The callback holds the stream: it may come after StreamSink let go of it.
+    std::shared_ptr<RecordingStream> self = weak_from_this().lock();
+    if (!self) {
+        return false;
+    }
+    auto* holder = new std::shared_ptr<RecordingStream>(std::move(self));
+    PROTOCOL_WRAPPER::DeliveryRequest request{};
+    request.size = sizeof request;
+    request.fd = m_setup.fd;
+    request.offset = m_slices.fileOffset;
+    request.length = m_slices.fileLength;
+    request.blockSize = static_cast<uint32_t>(m_setup.blockSize);
+    request.minRate = static_cast<uint32_t>(std::min<uint64_t>(m_setup.minRate, UINT32_MAX));
+    request.minRateSeconds = static_cast<uint32_t>(m_setup.minRate != 0 ? m_setup.minRateSeconds : 0);
+    request.onDone = &RecordingStream::onDelivered;
+    request.context = holder;
+    {
+        // Owed before the request: the callback may come before SendMSG returns.
+        std::lock_guard<std::mutex> guard(m_outcomeLock);
+        m_deliveryOwed = true;
+    }
+    const int answer = server->SendMSG(m_data, PROTOCOL_WRAPPER::MSG_DELIVER_FILE, &request, sizeof request);
+    if (answer != 0) {
+        m_log.logf(kLogDebug, "stream %llu: the plug-in refused the file (%d); sending blocks",
+                   static_cast<unsigned long long>(id()), answer);
+        delete holder;
+        std::lock_guard<std::mutex> guard(m_outcomeLock);
+        m_deliveryOwed = false;
+        return false;
+    }
+    return true;
+}
+
+void RecordingStream::onDelivered(void* context, int outcome, uint64_t bytesSent)
+{
+    auto* holder = static_cast<std::shared_ptr<RecordingStream>*>(context);
+    std::shared_ptr<RecordingStream> stream = std::move(*holder);
+    delete holder;
+    const DownloadSetup& setup = stream->m_setup;
+    stream->m_bytesSent += bytesSent;
+    stream->m_metrics.addSentBytes(bytesSent);
+    char text[128];
+    switch (outcome) {
+    case PROTOCOL_WRAPPER::DELIVERY_COMPLETE: stream->setOutcome(DownloadOutcome::kComplete, "complete"); break;
+    case PROTOCOL_WRAPPER::DELIVERY_CLIENT_GONE:
+        stream->setOutcome(DownloadOutcome::kClientGone, "client went away");
+        break;
+    case PROTOCOL_WRAPPER::DELIVERY_SEND_TIMEOUT:
+        stream->setOutcome(DownloadOutcome::kSendTimeout, "client took nothing for the send time-out");
+        break;
+    case PROTOCOL_WRAPPER::DELIVERY_TOO_SLOW:
+        snprintf(text, sizeof text, "client too slow: under %llu bytes/s for %d s",
+                 static_cast<unsigned long long>(setup.minRate), setup.minRateSeconds);
+        stream->setOutcome(DownloadOutcome::kTooSlow, text);
+        break;
+    case PROTOCOL_WRAPPER::DELIVERY_READ_ERROR:
+        stream->m_log.logf(kLogError, "stream %llu: recording cannot be read: file shrank, after %llu bytes of %s",
+                           static_cast<unsigned long long>(stream->id()), static_cast<unsigned long long>(bytesSent),
+                           setup.recording.path.c_str());
+        stream->setOutcome(DownloadOutcome::kReadError, "recording cannot be read: file shrank");
+        break;
+    default: stream->setOutcome(DownloadOutcome::kStopped, "stopped by the plug-in"); break;
+    }
+    std::lock_guard<std::mutex> guard(stream->m_outcomeLock);
+    stream->m_deliveryOwed = false;
+    stream->m_deliveryEnded.notify_all();
 }
 
 int RecordingStream::sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length)

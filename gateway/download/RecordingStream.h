@@ -1,9 +1,11 @@
 // One opened download: the recording file and the thread that delivers it to
 // the plug-in through IServer::Send as STREAM_INFO, STREAM_HEAD, the file in
-// blocks, then STREAM_END. The plug-in's Send blocks while the client is slow,
-// so the socket paces the thread; a non-zero result means the client is gone,
-// or (HPW_SEND_TIMEOUT) took nothing for the send time-out. A client that takes
-// less than the minimum delivery rate, or a recording that cannot be read to
+// blocks, then STREAM_END. With loop delivery the file itself is handed to the
+// plug-in after STREAM_HEAD (ext/DeliveryRequest.h): its HTTP server's event
+// loop sends it, no thread of ours waits for the client, and the plug-in's
+// callback says how it ended; a plug-in that refuses gets the blocks. The plug-in's Send blocks while the client is
+// slow, so the socket paces the thread; a non-zero result means the client is gone, or (HPW_SEND_TIMEOUT) took nothing
+// for the send time-out. A client that takes less than the minimum delivery rate, or a recording that cannot be read to
 // its end, ends the download short (HPW_STREAM_ABORT): the plug-in then closes
 // the connection rather than leave the client waiting for bytes that will not come.
 #ifndef GATEWAY_RECORDING_STREAM_H
@@ -13,7 +15,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 
@@ -48,9 +52,10 @@ struct DownloadSetup {
     StreamPart part;
     uint64_t minRate = 0;  // bytes per second the client must take, 0: no minimum
     int minRateSeconds = 30;
+    bool loopDelivery = false;  // hand the file to the plug-in's event loop (see above)
 };
 
-class RecordingStream : public GatewayStream {
+class RecordingStream : public GatewayStream, public std::enable_shared_from_this<RecordingStream> {
 public:
     // Takes over the setup's fd. Every block sent is counted in metrics as it goes; the
     // block the file is read into comes from blocks (of setup.blockSize bytes).
@@ -96,6 +101,9 @@ private:
     // One block of the file, in several Sends while the client is slow (see DeliveryRate.h); false
     // when the delivery ended (its outcome is set).
     bool sendFileBlock(PROTOCOL_WRAPPER::IServer* server, size_t length, DeliveryRate& rate);
+    // Hands the file over (loop delivery); false when the plug-in refused it, and the blocks must go.
+    bool handOver(PROTOCOL_WRAPPER::IServer* server);
+    static void onDelivered(void* context, int outcome, uint64_t bytesSent);
     // The plug-in's result of Send (0: taken).
     int sendBlock(PROTOCOL_WRAPPER::IServer* server, int dataType, void* data, size_t length);
     void endShort(PROTOCOL_WRAPPER::IServer* server);
@@ -124,6 +132,9 @@ private:
     DownloadOutcome m_outcome = DownloadOutcome::kNotStarted;
     std::string m_outcomeText = "not started";
     bool m_cutOff = false;  // under m_outcomeLock
+    // A file the plug-in took: its callback, which stop() waits for, is still owed (under m_outcomeLock).
+    bool m_deliveryOwed = false;
+    std::condition_variable m_deliveryEnded;
 };
 
 #endif  // GATEWAY_RECORDING_STREAM_H

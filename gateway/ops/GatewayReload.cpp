@@ -39,6 +39,7 @@ std::vector<std::string> settingsNeedingRestart(const GatewayConfig& running, co
     note("server.maxDownloads", running.maxDownloads != fresh.maxDownloads);
     note("server.shutdownGraceSeconds", running.shutdownGraceSeconds != fresh.shutdownGraceSeconds);
     note("server.maxTalksPerUser", running.maxTalksPerUser != fresh.maxTalksPerUser);
+    note("server.delivery", running.loopDelivery != fresh.loopDelivery || running.loopSendfile != fresh.loopSendfile);
     note("auth.realm", running.realm != fresh.realm);
     note("auth.nonceLifetimeSeconds", running.nonceLifetimeSeconds != fresh.nonceLifetimeSeconds);
     note("auth.supportSEPAuthMethod", running.supportSepAuthMethod != fresh.supportSepAuthMethod);

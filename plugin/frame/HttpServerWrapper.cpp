@@ -2,9 +2,12 @@
 
 #include <vector>
 
+#include <ext/DeliveryRequest.h>
+
 #include "frame/ErrorCodes.h"
 #include "frame/Log.h"
 #include "frame/SessionInterface.h"
+#include "session/HttpSession.h"
 #include "session/HttpSessionMgr.h"
 #include "talk/AudioTalkSessionMgr.h"
 #include "talk/HttpUnstandardSessionMgr.h"
@@ -167,6 +170,24 @@ int CHttpServerWrapper::Send(PROTOCOL_WRAPPER::IServerData* data, int index, int
         return HPW_ERR_PARAM;
     }
     return session->send(index, dataType, buffer, length);
+}
+
+int CHttpServerWrapper::SendMSG(PROTOCOL_WRAPPER::IServerData* data, int msgType, void* buffer, int length)
+{
+    if (msgType != PROTOCOL_WRAPPER::MSG_DELIVER_FILE) {
+        return 0;
+    }
+    auto* request = static_cast<const PROTOCOL_WRAPPER::DeliveryRequest*>(buffer);
+    if (request == nullptr || length != static_cast<int>(sizeof(PROTOCOL_WRAPPER::DeliveryRequest)) ||
+        request->size != sizeof(PROTOCOL_WRAPPER::DeliveryRequest)) {
+        return HPW_ERR_PARAM;
+    }
+    // Only a download's session has a reply to deliver a file into.
+    CHttpSession* session = dynamic_cast<CHttpSession*>(data);
+    if (session == nullptr) {
+        return HPW_ERR_NOT_SUPPORTED;
+    }
+    return session->deliverFile(*request);
 }
 
 int CHttpServerWrapper::getSessionCount()

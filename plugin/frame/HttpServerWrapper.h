@@ -29,7 +29,8 @@ public:
     int Start() override { return 0; }
     int Stop() override { return 0; }
     int Send(PROTOCOL_WRAPPER::IServerData* data, int index, int dataType, void* buffer, int length) override;
-    int SendMSG(PROTOCOL_WRAPPER::IServerData* data, int msgType, void* buffer, int length) override { return 0; }
+    // 0 for every message, as specified; a delivery request (ext/DeliveryRequest.h) is answered 0 when taken.
+    int SendMSG(PROTOCOL_WRAPPER::IServerData* data, int msgType, void* buffer, int length) override;
 
     int setProtocolFilterChain(PROTOCOL_FILTER::IProtocolFilter* chain);
     int startServer(const char* url, PROTOCOL_WRAPPER::IServerSink* sink);

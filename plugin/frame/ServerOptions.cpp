@@ -2,6 +2,8 @@
 
 #include <limits.h>
 
+#include <algorithm>
+
 namespace HttpWrapper {
 
 namespace {
@@ -45,6 +47,8 @@ CServerOptions CServerOptions::fromParams(const ServerParams& params)
     options.reserveFds = boundOf(params, "reserveFds");
     options.strictSendTimeout = isOn(params, "strictSendTimeout");
     options.streamAbort = isOn(params, "streamAbort");
+    options.deliverySendfile = isOn(params, "sendfile");
+    options.ioThreads = std::min(boundOf(params, "ioThreads"), 16);
     return options;
 }
 

@@ -66,6 +66,12 @@ struct CServerOptions {
     // HPW_STREAM_ABORT (ext/DownloadSendCodes.h); the client's connection is
     // reset at once, instead of waiting for the session to age out.
     bool streamAbort = false;
+    // "sendfile=1": files the gateway hands over (ext/DeliveryRequest.h) go out with sendfile(2)
+    // instead of being read into the HTTP server's buffer; both write the same bytes.
+    bool deliverySendfile = false;
+    // "ioThreads=<n>": I/O threads of the HTTP port (1 to 16; 0 or absent: 1). Sends of handed-over files
+    // run on them, so one per core lets every core send.
+    int ioThreads = 0;
 
     // Whether either port bounds its connections (the audio port then admits
     // them through its gate, see CRawConnectionGate).

@@ -138,7 +138,10 @@ int CHttpSession::fini()
     }
     // Closing before the gateway is told to stop: its delivery thread may be
     // inside sendStream, retrying a reply, and OnStop waits for that thread.
+    // A file the server delivers ends first, so the gateway hears of its end
+    // before OnStop.
     m_bClosing = true;
+    endDelivery();
     if (m_iState == SESSION_PROCESSED && m_pSessionHandle != nullptr && m_pServerSink != nullptr) {
         m_pServerSink->OnStop(m_pSessionHandle, 0);
         m_pServerSink->OnClose(m_pSessionHandle);

@@ -5,7 +5,11 @@
 #define HTTPWRAPPER_SESSION_HTTPSESSION_H
 
 #include <atomic>
+#include <memory>
+#include <mutex>
 #include <string>
+
+#include <ext/DeliveryRequest.h>
 
 #include <zrt/zrt.h>
 
@@ -50,6 +54,13 @@ public:
     int sendRangedHead(const char* info, size_t length);
     int sendReply(int status, const char* body, int bodyLength, const std::string& contentSubtype);
 
+    // The gateway hands over the rest of the download (ext/DeliveryRequest.h): 0 when the HTTP server took
+    // the file, else a module error code and the gateway goes on with send().
+    int deliverFile(const PROTOCOL_WRAPPER::DeliveryRequest& request);
+    // True from a taken delivery on: the HTTP server's loop paces the download, not send().
+    bool isDelivering();
+    struct DeliveryState;  // what the session and the server's callback share
+
     int getHttpHandle() const { return m_iHttpHandle; }
     int getState() const { return m_iState; }
     bool isChunked() const { return m_framing.isChunked(); }
@@ -69,6 +80,8 @@ protected:
     void readDownloadRange();
     // Stages status and headers, writes the head, and marks a streamed body to follow.
     int sendStreamHead(int status, const CReplyFraming::Headers& headers);
+    // A delivery still running ends now, and its callback has come when this returns.
+    void endDelivery();
 
     std::atomic<int> m_iHttpHandle{-1};
     std::atomic<unsigned long long> m_ullFileLen{0};
@@ -78,6 +91,10 @@ protected:
     CHttpParser m_parser;  // used for its getAuthName only
     std::atomic<int> m_iEndSent{0};
     CReplyFraming m_framing;
+    // A hand-over and fini exclude each other: either fini comes first and nothing is taken, or it finds
+    // the delivery and ends it before the gateway hears OnStop.
+    std::mutex m_deliveryLock;
+    std::shared_ptr<DeliveryState> m_delivery;  // under m_deliveryLock; set once
 };
 
 }  // namespace HttpWrapper

@@ -76,6 +76,7 @@ int CHttpSessionMgr::init(ServerParams& params)
     listen.dwMaxConnections = static_cast<uint32_t>(options.maxConnections);
     listen.dwMaxPerAddress = static_cast<uint32_t>(options.maxConnectionsPerAddress);
     listen.dwReserveFds = static_cast<uint32_t>(options.reserveFds);
+    listen.byIoThreads = static_cast<uint8_t>(options.ioThreads);
     listen.fnCallback = fnHttpServerDataCB;
     listen.pUser = this;
 
@@ -294,8 +295,17 @@ void CHttpSessionMgr::getInvalidHandleQueue(std::deque<long>& handles)
 
 void CHttpSessionMgr::timeOutCheck()
 {
-    m_sessions.agePass([](long, CHttpSession& session) { return session.getTimeoutCount() > kSessionTimeoutPasses; },
-                       [](CHttpSession& session) { session.increaseTimeoutCount(); });
+    // A session whose file the server's loop is sending neither ages nor ends here: the loop enforces the send
+    // time-out and the minimum rate, and ends it.
+    m_sessions.agePass(
+        [](long, CHttpSession& session) {
+            return !session.isDelivering() && session.getTimeoutCount() > kSessionTimeoutPasses;
+        },
+        [](CHttpSession& session) {
+            if (!session.isDelivering()) {
+                session.increaseTimeoutCount();
+            }
+        });
 }
 
 int CHttpSessionMgr::increaseDownloadNum()

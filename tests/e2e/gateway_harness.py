@@ -35,6 +35,11 @@ START, END = "20260101T000000Z", "20260101T001000Z"
 HEAD_SIZE = 40
 
 
+# How the gateway sends files: its default, the plug-in's event loop ("loop"), or "blocking" (a thread per
+# download); CTest runs the download cases both ways.
+DELIVERY = os.environ.get("GATEWAY_DELIVERY", "loop")
+
+
 def main():
     """Takes the two paths from the command line and runs the file's cases."""
     global GATEWAY, PLUGIN
@@ -118,7 +123,7 @@ class GatewayCase(unittest.TestCase):
     def config(self):
         """The case's configuration; None starts the gateway on its built-in defaults."""
         return {
-            "server": {"httpPort": self.port, "work_thread": 4},
+            "server": {"httpPort": self.port, "work_thread": 4, "delivery": DELIVERY},
             "auth": {"realm": REALM, "users": [{"name": USER, "password": PASSWORD}],
                      "nonceLifetimeSeconds": 300},
             "media": {"folder": self.media, "blockSize": 64 * 1024, "devices": [

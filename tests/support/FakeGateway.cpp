@@ -1,7 +1,12 @@
 #include "FakeGateway.h"
 
+#include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
+
+#include <ext/DeliveryRequest.h>
 
 #include <algorithm>
 #include <chrono>
@@ -59,6 +64,9 @@ struct FakeServerSink::Stream {
     bool talk = false;
     std::thread thread;
     std::atomic<bool> stop{false};
+    FakeServerSink* sink = nullptr;
+    std::atomic<int> deliveries{0};      // requests the plug-in took
+    std::atomic<int> deliveredCalls{0};  // their callbacks
 };
 
 std::string FakeServerSink::recordingBytes(unsigned long long offset, size_t length)
@@ -78,6 +86,7 @@ int FakeServerSink::OnOpen(const char*, const char* mediaUrl, PROTOCOL_WRAPPER::
     }
     Stream* stream = new Stream;
     stream->data = data;
+    stream->sink = this;
     stream->talk = mediaUrl != nullptr && strcmp(mediaUrl, "fake://talk") == 0;
     *sessionHandle = stream;
     ++m_open;
@@ -151,6 +160,9 @@ void FakeServerSink::deliver(Stream* stream)
     std::string block = streamHead;
     int result =
         m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_HEAD, &block[0], static_cast<int>(block.size()));
+    if (result == 0 && deliverFiles && handOver(stream)) {
+        return;  // the plug-in sends the rest, the stream end included
+    }
     for (unsigned long long offset = 0; result == 0 && !stream->stop && offset < recordingSize; offset += blockSize) {
         if (abortAfter >= 0 && offset >= static_cast<unsigned long long>(abortAfter.load())) {
             m_server->Send(stream->data, 0, HPW_STREAM_ABORT, nullptr, 0);
@@ -165,6 +177,60 @@ void FakeServerSink::deliver(Stream* stream)
     if (result == 0 && !stream->stop) {
         m_server->Send(stream->data, 0, PROTOCOL_WRAPPER::STREAM_END, nullptr, 0);
     }
+}
+
+bool FakeServerSink::handOver(Stream* stream)
+{
+    char path[] = "/tmp/fake-recording-XXXXXX";
+    const int fd = mkstemp(path);
+    if (fd < 0) {
+        return false;
+    }
+    unlink(path);
+    for (unsigned long long offset = 0; offset < recordingSize; offset += 1 << 20) {
+        const std::string piece =
+            recordingBytes(offset, static_cast<size_t>(std::min<unsigned long long>(1 << 20, recordingSize - offset)));
+        if (pwrite(fd, piece.data(), piece.size(), static_cast<off_t>(offset)) != static_cast<ssize_t>(piece.size())) {
+            close(fd);
+            return false;
+        }
+    }
+    PROTOCOL_WRAPPER::DeliveryRequest request{};
+    request.size = sizeof request;
+    request.fd = badRequest ? -1 : fd;
+    request.offset = 0;
+    request.length = recordingSize;
+    request.blockSize = static_cast<uint32_t>(blockSize);
+    request.minRate = minRate;
+    request.minRateSeconds = minRateSeconds;
+    request.onDone = &FakeServerSink::onDelivered;
+    request.context = stream;
+    const int answer = m_server->SendMSG(stream->data, PROTOCOL_WRAPPER::MSG_DELIVER_FILE, &request, sizeof request);
+    lastDeliveryAnswer = answer;
+    close(fd);  // the plug-in holds its own descriptor
+    if (answer == 0) {
+        ++stream->deliveries;
+    }
+    return answer == 0;
+}
+
+void FakeServerSink::onDelivered(void* context, int outcome, uint64_t bytes)
+{
+    Stream* stream = static_cast<Stream*>(context);
+    FakeServerSink* self = stream->sink;
+    if (stream->stop) {
+        ++self->deliveryOrderFaults;  // OnStop came first
+    }
+    ++stream->deliveredCalls;
+    self->lastDeliveredBytes = bytes;
+    std::lock_guard<std::mutex> guard(self->m_inputLock);
+    self->m_deliveryOutcomes.push_back(outcome);
+}
+
+std::vector<int> FakeServerSink::deliveryOutcomes()
+{
+    std::lock_guard<std::mutex> guard(m_inputLock);
+    return m_deliveryOutcomes;
 }
 
 int FakeServerSink::OnStop(void* sessionHandle, int)
@@ -182,6 +248,9 @@ int FakeServerSink::OnClose(void* sessionHandle)
         stream->thread.join();
     }
     m_talksOpen -= stream->talk ? 1 : 0;
+    if (stream->deliveredCalls != stream->deliveries) {
+        ++deliveryOrderFaults;  // a taken delivery had no callback (or more than one) before OnClose
+    }
     delete stream;
     --m_open;
     return 0;

@@ -97,6 +97,18 @@ public:
     std::atomic<long long> abortAfter{-1};
     std::atomic<int> lastDeliveryResult{0};  // Send's result that ended the last delivery (0: it ran to its end)
 
+    // Hands the recording over as a file (ext/DeliveryRequest.h) after the stream head instead of sending
+    // blocks; when the plug-in refuses, sends the blocks as before. badRequest: a request it must refuse.
+    std::atomic<bool> deliverFiles{false};
+    std::atomic<bool> badRequest{false};
+    uint32_t minRate = 0;
+    uint32_t minRateSeconds = 0;
+    std::atomic<int> lastDeliveryAnswer{-1};  // SendMSG's answer to the last request
+    // Each delivery's callbacks, in order; and callbacks that came after OnStop or never came before OnClose.
+    std::vector<int> deliveryOutcomes();
+    std::atomic<uint64_t> lastDeliveredBytes{0};
+    std::atomic<int> deliveryOrderFaults{0};
+
     // A talk stream first gets the stream header naming talkCodec, then
     // talkAudioBytes of deviceAudio in 160-byte packets, one every
     // talkPacketIntervalMs, from one reused buffer, as a real gateway's.
@@ -124,12 +136,16 @@ public:
 private:
     struct Stream;
     void deliver(Stream* stream);
+    // The file of the recording, handed over; false when the plug-in refused it.
+    bool handOver(Stream* stream);
+    static void onDelivered(void* context, int outcome, uint64_t bytes);
     void speak(Stream* stream);
 
     PROTOCOL_WRAPPER::IServer* m_server = nullptr;
     std::atomic<int> m_open{0}, m_opened{0}, m_talksOpen{0};
     std::mutex m_inputLock;
     std::string m_clientAudio;
+    std::vector<int> m_deliveryOutcomes;  // under m_inputLock
     std::vector<int> m_clientPackets;
 };
 

@@ -144,6 +144,10 @@ int Connection::reply(int& bodyBytesWritten)
         m_stage.clear();
         return NET_ERR_CLOSED;
     }
+    if (m_fileTaken) {
+        m_stage.clear();
+        return NET_ERR_BUSY;  // two writers would interleave their bytes
+    }
     const int timeoutMs = m_stage.sendTimeout() >= 0 ? m_stage.sendTimeout() : m_sendTimeoutMs;
 
     // Head and body leave in one sendmsg, so a one-shot reply is one system call. The body
@@ -190,6 +194,28 @@ int Connection::reply(int& bodyBytesWritten)
         endAndNotify(End::Completed);
     }
     bodyBytesWritten = static_cast<int>(result.bodyBytes);
+    return NET_ERR_NONE;
+}
+
+bool Connection::postFile(std::unique_ptr<FileDelivery>& file)
+{
+    return m_mailbox->postFile(m_id, file);
+}
+
+int Connection::beginFile(int64_t& bodyLeft)
+{
+    std::lock_guard<std::mutex> lock(m_replyMutex);
+    if (isEnded()) {
+        return NET_ERR_CLOSED;
+    }
+    if (m_fileTaken) {
+        return NET_ERR_BUSY;
+    }
+    if (!m_headSent) {
+        return NET_ERR_PARAM;  // the file is a body: its head comes first, from the owner
+    }
+    m_fileTaken = true;
+    bodyLeft = m_announcedLength == ReplyStage::kUnknownLength ? -1 : m_announcedLength - m_bodySent;
     return NET_ERR_NONE;
 }
 

@@ -23,6 +23,7 @@
 
 namespace netutils {
 
+class FileDelivery;
 class LoopMailbox;
 
 class Connection {
@@ -45,6 +46,7 @@ public:
 
     int fd() const { return m_fd; }
     uint64_t id() const { return m_id; }
+    int sendTimeoutMs() const { return m_sendTimeoutMs; }
 
     // I/O thread, before the handle is published; read-only for everyone afterwards.
     void adoptRequest(std::unique_ptr<RequestParser> request) { m_request = std::move(request); }
@@ -54,10 +56,20 @@ public:
     int stage(int kind, const char* name, int nameLength, const void* value, int valueLength);
     int reply(int& bodyBytesWritten);
     void close(bool flush);
+    // Resets the connection; the handle stays the owner's.
+    void abort() { endAndNotify(End::Aborted); }
+    // From now on the body is the I/O thread's to write (Reply is refused). bodyLeft: what the head still
+    // allows, -1 when it announced no length.
+    int beginFile(int64_t& bodyLeft);
+    // Hands the file to the I/O thread; false (the file still the caller's) once the listener has stopped.
+    bool postFile(std::unique_ptr<FileDelivery>& file);
 
     // Ends the connection (first caller only: returns whether this call did).
     bool end(End reason);
     bool isEnded() const { return m_end.load() != static_cast<int>(End::Open); }
+    End endReason() const { return static_cast<End>(m_end.load()); }
+    // An owner handed a file over (it may still be on its way to the I/O thread).
+    bool fileTaken() const { return m_fileTaken.load(); }
     bool isClosedByOwner() const { return m_closedByOwner.load(); }
 
 private:
@@ -90,6 +102,7 @@ private:
     bool m_headSent = false;
     int64_t m_announcedLength = ReplyStage::kUnknownLength;
     int64_t m_bodySent = 0;
+    std::atomic<bool> m_fileTaken{false};  // the I/O thread writes the rest of the body
 };
 
 }  // namespace netutils

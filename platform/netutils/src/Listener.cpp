@@ -36,6 +36,11 @@ constexpr int kMaxEvents = 64;
 constexpr int kAcceptBurst = 16;
 // Reads of dropped input per wake-up, so that one chatty client cannot hold the thread.
 constexpr int kMaxDiscardReads = 4;
+// Files sent by reading go through one buffer of the loop; a larger one makes fewer system calls per byte
+// while a client keeps up, and costs more bytes read twice when its socket takes only part of a piece.
+constexpr size_t kFileBufferBytes = 64 * 1024;
+// Bytes of one file per wake-up, so that the connections of one loop share it.
+constexpr size_t kFileBytesPerWakeup = 1024 * 1024;
 
 int millisecondsOrDefault(uint32_t value, int fallback)
 {
@@ -133,6 +138,9 @@ int Listener::open(const NET_HTTPSERVER_LISTEN_PARAM& param)
     }
     const int on = 1;
     setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));  // restart while old connections linger
+    if (param.byIoThreads > 1) {
+        setsockopt(m_listenFd, SOL_SOCKET, SO_REUSEPORT, &on, sizeof(on));  // the group's threads share the port
+    }
     if (bind(m_listenFd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         listen(m_listenFd, SOMAXCONN) != 0) {
         return NET_ERR_SOCKET;
@@ -307,13 +315,32 @@ void Listener::onConnectionEvent(uint64_t id, uint32_t events)
     try {
         switch (entry.phase) {
         case Phase::Reading: readRequest(id, entry); break;
-        case Phase::Reported:
-            if (!discardInput(entry) || (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
+        case Phase::Reported: {
+            if (entry.connection->isEnded()) {
+                // An owner's call ended it (Close, Abort, a failed Reply) and left a note, which comes after any
+                // file it handed over before: the note ends both, in that order.
+                break;
+            }
+            // A writable socket alone is no news of the client: only a file being sent wants it.
+            const bool input = (events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
+            if (input && (!discardInput(entry) || (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0)) {
+                if (entry.file) {
+                    endWithFile(id, entry, NET_FILE_CLIENT_GONE);
+                    break;
+                }
                 entry.connection->end(Connection::End::ClientGone);
+                if (entry.connection->fileTaken()) {
+                    // Its file is on the way through the mailbox: the file's callback comes first, then the end.
+                    mute(id, entry);
+                    break;
+                }
                 reportEnd(entry);
                 remove(id);
+            } else if (entry.file && (events & EPOLLOUT) != 0) {
+                pumpFile(id, entry);
             }
             break;
+        }
         case Phase::Lingering:
             if (!discardInput(entry) || (events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
                 remove(id);
@@ -423,12 +450,22 @@ bool Listener::discardInput(Entry& entry)
 void Listener::onNotes()
 {
     m_mailbox->takeAll(m_notes);
-    for (const LoopMailbox::Note& note : m_notes) {
+    for (LoopMailbox::Note& note : m_notes) {
+        if (note.file) {
+            attachFile(note.connectionId, std::move(note.file));
+            continue;
+        }
         auto it = m_entries.find(note.connectionId);
         if (it == m_entries.end()) {
             continue;  // already gone, and its end already reported
         }
         Entry& entry = it->second;
+        if (entry.file) {
+            // The owner closed or aborted the handle while its file was being sent.
+            std::unique_ptr<FileDelivery> file = std::move(entry.file);
+            watch(note.connectionId, entry, false);
+            file->finish(NET_FILE_ENDED);
+        }
         reportEnd(entry);
         if (note.reason == Connection::End::Completed || note.reason == Connection::End::Closed) {
             linger(note.connectionId, entry);
@@ -437,6 +474,85 @@ void Listener::onNotes()
         }
     }
     m_notes.clear();
+}
+
+void Listener::attachFile(uint64_t id, std::unique_ptr<FileDelivery> file)
+{
+    auto it = m_entries.find(id);
+    if (it == m_entries.end() || it->second.phase != Phase::Reported || it->second.connection->isEnded()) {
+        // The client or the owner's Close overtook the file.
+        const bool clientGone =
+            it != m_entries.end() && it->second.connection->endReason() == Connection::End::ClientGone;
+        file->finish(clientGone ? NET_FILE_CLIENT_GONE : NET_FILE_ENDED);
+        if (clientGone && it->second.phase == Phase::Reported) {
+            reportEnd(it->second);  // held back for the file (see onConnectionEvent)
+            remove(id);
+        }
+        return;
+    }
+    if (!m_fileBuffer) {
+        m_fileBuffer.reset(new char[kFileBufferBytes]);
+    }
+    Entry& entry = it->second;
+    entry.file = std::move(file);
+    const Clock::time_point now = Clock::now();
+    entry.file->start(now);
+    setDeadline(id, entry, entry.file->nextCheck());
+    watch(id, entry, true);
+    pumpFile(id, entry);
+}
+
+void Listener::pumpFile(uint64_t id, Entry& entry)
+{
+    const FileDelivery::Step step = entry.file->pump(entry.connection->fd(), m_fileBuffer.get(), kFileBufferBytes,
+                                                     kFileBytesPerWakeup, Clock::now());
+    switch (step) {
+    case FileDelivery::Step::Blocked: break;
+    case FileDelivery::Step::Done: endWithFile(id, entry, NET_FILE_COMPLETE); break;
+    case FileDelivery::Step::Broken: endWithFile(id, entry, NET_FILE_CLIENT_GONE); break;
+    case FileDelivery::Step::ReadError: endWithFile(id, entry, NET_FILE_READ_ERROR); break;
+    }
+}
+
+void Listener::endWithFile(uint64_t id, Entry& entry, int outcome)
+{
+    std::unique_ptr<FileDelivery> file = std::move(entry.file);
+    watch(id, entry, false);
+    Connection::End reason = Connection::End::Broken;  // a limit missed or a read failed: the body is cut short
+    if (outcome == NET_FILE_COMPLETE) {
+        reason = Connection::End::Completed;
+    } else if (outcome == NET_FILE_CLIENT_GONE) {
+        reason = Connection::End::ClientGone;
+    }
+    // Ended before the owner hears of it, so that nothing the owner does from its callback writes more.
+    if (!entry.connection->end(reason)) {
+        // An owner's Close or Abort came first (its shutdown is what failed the send): the file ended by its doing.
+        reason = entry.connection->endReason();
+        outcome = NET_FILE_ENDED;
+    }
+    file->finish(outcome);
+    reportEnd(entry);
+    if (reason == Connection::End::Completed || reason == Connection::End::Closed) {
+        linger(id, entry);
+    } else {
+        remove(id);
+    }
+}
+
+void Listener::mute(uint64_t id, Entry& entry)
+{
+    epoll_event none{};
+    none.data.u64 = id;
+    epoll_ctl(m_epollFd, EPOLL_CTL_MOD, entry.connection->fd(), &none);
+}
+
+void Listener::watch(uint64_t id, Entry& entry, bool writable)
+{
+    // Level-triggered: a writable socket watched without a file to send would wake the loop without end.
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLRDHUP | (writable ? EPOLLOUT : 0u);
+    event.data.u64 = id;
+    epoll_ctl(m_epollFd, EPOLL_CTL_MOD, entry.connection->fd(), &event);
 }
 
 void Listener::reportEnd(Entry& entry)
@@ -466,6 +582,9 @@ void Listener::remove(uint64_t id)
     }
     epoll_ctl(m_epollFd, EPOLL_CTL_DEL, it->second.connection->fd(), nullptr);
     clearDeadline(id, it->second);
+    if (it->second.file) {
+        it->second.file->finish(NET_FILE_ENDED);  // every path above finishes it first; this one is owed too
+    }
     m_budget.remove(id);
     // The socket closes here unless the owner still holds the handle or a call is using it.
     m_entries.erase(it);
@@ -500,7 +619,20 @@ void Listener::expireDeadlines()
     // A request not whole in time is dropped silently (its owner never learned the handle);
     // a lingering connection has waited long enough for its client.
     while (!m_deadlines.empty() && m_deadlines.begin()->first <= now) {
-        remove(m_deadlines.begin()->second);
+        const uint64_t id = m_deadlines.begin()->second;
+        auto it = m_entries.find(id);
+        if (it == m_entries.end() || !it->second.file) {
+            remove(id);
+            continue;
+        }
+        // A file's deadline is its next look at the send time-out and the minimum rate.
+        Entry& entry = it->second;
+        const int missed = entry.file->check(now);
+        if (missed < 0) {
+            setDeadline(id, entry, entry.file->nextCheck());
+        } else {
+            endWithFile(id, entry, missed);
+        }
     }
 }
 
@@ -510,11 +642,22 @@ void Listener::shutdownAll()
     for (auto& item : m_entries) {
         Entry& entry = item.second;
         entry.connection->end(Connection::End::ListenerGone);
+        if (entry.file) {
+            entry.file->finish(NET_FILE_ENDED);
+        }
         reportEnd(entry);
         epoll_ctl(m_epollFd, EPOLL_CTL_DEL, entry.connection->fd(), nullptr);
     }
     m_entries.clear();
     m_deadlines.clear();
+    // Files handed over just before the mailbox closed are owed their callback too.
+    m_mailbox->takeAll(m_notes);
+    for (LoopMailbox::Note& note : m_notes) {
+        if (note.file) {
+            note.file->finish(NET_FILE_ENDED);
+        }
+    }
+    m_notes.clear();
 }
 
 }  // namespace netutils

@@ -11,6 +11,7 @@
 #define NETUTILS_LISTENER_H
 
 #include "Connection.h"
+#include "FileDelivery.h"
 #include "HandleTable.h"
 #include "netutils/ConnectionBudget.h"
 #include "LoopMailbox.h"
@@ -63,6 +64,7 @@ private:
         Clock::time_point deadline;
         int handle = -1;
         bool endReported = false;
+        std::unique_ptr<FileDelivery> file;  // the rest of the body, written by this thread
     };
 
     Listener(const NET_HTTPSERVER_LISTEN_PARAM& param, ConnectionTable& handles);
@@ -79,6 +81,14 @@ private:
     // Reads and drops input; false when the client has closed or the socket failed.
     bool discardInput(Entry& entry);
     void onNotes();
+    // A file the owner handed over: written from now on, or finished at once when its connection is gone.
+    void attachFile(uint64_t id, std::unique_ptr<FileDelivery> file);
+    void pumpFile(uint64_t id, Entry& entry);
+    // The file's end ends the connection: the owner's callback first, then the end as for any connection.
+    void endWithFile(uint64_t id, Entry& entry, int outcome);
+    void watch(uint64_t id, Entry& entry, bool writable);
+    // No events: a gone client's connection waiting for its file's note.
+    void mute(uint64_t id, Entry& entry);
     void reportEnd(Entry& entry);
     void linger(uint64_t id, Entry& entry);
     void remove(uint64_t id);
@@ -111,6 +121,7 @@ private:
     uint64_t m_nextId;
     std::vector<LoopMailbox::Note> m_notes;
     char m_readBuffer[16 * 1024];
+    std::unique_ptr<char[]> m_fileBuffer;  // files sent by reading: the next piece of one of them
 };
 
 }  // namespace netutils

@@ -23,9 +23,22 @@ void LoopMailbox::post(uint64_t connectionId, Connection::End reason)
         if (!m_open) {
             return;
         }
-        m_notes.push_back(Note{connectionId, reason});
+        m_notes.push_back(Note{connectionId, reason, nullptr});
     }
     wake();
+}
+
+bool LoopMailbox::postFile(uint64_t connectionId, std::unique_ptr<FileDelivery>& file)
+{
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_open) {
+            return false;
+        }
+        m_notes.push_back(Note{connectionId, Connection::End::Open, std::move(file)});
+    }
+    wake();
+    return true;
 }
 
 void LoopMailbox::wake()
@@ -50,7 +63,6 @@ void LoopMailbox::close()
 {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_open = false;
-    m_notes.clear();
 }
 
 }  // namespace netutils

@@ -8,8 +8,10 @@
 #define NETUTILS_LOOPMAILBOX_H
 
 #include "Connection.h"
+#include "FileDelivery.h"
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -17,9 +19,11 @@ namespace netutils {
 
 class LoopMailbox {
 public:
+    // Either the end of a connection, or a file to send on it (then `reason` means nothing).
     struct Note {
         uint64_t connectionId;
         Connection::End reason;
+        std::unique_ptr<FileDelivery> file;
     };
 
     LoopMailbox();
@@ -32,11 +36,13 @@ public:
 
     // Dropped once the loop has stopped: its connections are gone by then.
     void post(uint64_t connectionId, Connection::End reason);
+    // Takes the file only when the loop still runs; false leaves it with the caller.
+    bool postFile(uint64_t connectionId, std::unique_ptr<FileDelivery>& file);
     // Wakes the loop without a note (to make it look at its stop flag).
     void wake();
     // Takes every waiting note and clears the wake-up.
     void takeAll(std::vector<Note>& out);
-    // Refuses further notes.
+    // Refuses further notes; those waiting stay for a last takeAll (a file among them is owed its callback).
     void close();
 
 private:

@@ -4,6 +4,7 @@
 #include "netutils/VQNetUtils.h"
 
 #include "Connection.h"
+#include "FileDelivery.h"
 #include "LastError.h"
 #include "Listener.h"
 
@@ -19,6 +20,7 @@
 using netutils::Connection;
 using netutils::ConnectionTable;
 using netutils::fail;
+using netutils::FileDelivery;
 using netutils::Listener;
 
 namespace {
@@ -27,7 +29,8 @@ struct Library {
     std::mutex mutex;  // guards every field but `handles`, which has its own lock
     int initCount = 0;
     long nextListenHandle = 1;
-    std::map<long, std::unique_ptr<Listener>> listeners;
+    // One listener per I/O thread of each handle, on one port.
+    std::map<long, std::vector<std::unique_ptr<Listener>>> listeners;
     // This build serves plain HTTP only (the gateway listens on the loopback interface);
     // the TLS library paths are kept for a build that loads them, and otherwise unused.
     std::string cryptoPath;
@@ -55,6 +58,22 @@ auto guarded(Body&& body) -> decltype(body())
         // resources (threads, mutexes).
         return fail(NET_ERR_THREAD);
     }
+}
+
+bool runsOnCallerThread(const std::vector<std::unique_ptr<Listener>>& group)
+{
+    for (const auto& listener : group) {
+        if (listener->runsOnCallerThread()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// A bound shared among `threads` (0 stays "no bound"); rounded up, so that each holds at least one.
+uint32_t shareOf(uint32_t bound, int threads)
+{
+    return bound == 0 ? 0 : (bound + static_cast<uint32_t>(threads) - 1) / static_cast<uint32_t>(threads);
 }
 
 int copyHeader(const Connection& connection, const char* name, int nameLength, void* buffer, int size)
@@ -117,7 +136,8 @@ int NET_UTILS_Fini(void)
 {
     return guarded([&]() -> int {
         Library& lib = library();
-        std::map<long, std::unique_ptr<Listener>> listeners;
+        // One listener per I/O thread of each handle, on one port.
+        std::map<long, std::vector<std::unique_ptr<Listener>>> listeners;
         bool last = false;
         {
             std::lock_guard<std::mutex> lock(lib.mutex);
@@ -126,7 +146,7 @@ int NET_UTILS_Fini(void)
             }
             if (lib.initCount == 1) {
                 for (const auto& item : lib.listeners) {
-                    if (item.second->runsOnCallerThread()) {
+                    if (runsOnCallerThread(item.second)) {
                         return fail(NET_ERR_PARAM);  // a callback cannot join its own thread
                     }
                 }
@@ -164,13 +184,23 @@ long NET_HTTPSERVER_CreateListen(const NET_HTTPSERVER_LISTEN_PARAM* param)
         if (lib.initCount == 0) {
             return fail(NET_ERR_NOT_INIT);
         }
-        int error = NET_ERR_NONE;
-        std::unique_ptr<Listener> listener = Listener::start(*param, lib.handles, error);
-        if (!listener) {
-            return fail(error);
+        // Each thread of the group holds its share of the bounds; the first one's port is everyone's.
+        const int threads = param->byIoThreads > 1 ? param->byIoThreads : 1;
+        NET_HTTPSERVER_LISTEN_PARAM share = *param;
+        share.dwMaxConnections = shareOf(param->dwMaxConnections, threads);
+        share.dwMaxPerAddress = shareOf(param->dwMaxPerAddress, threads);
+        std::vector<std::unique_ptr<Listener>> group;
+        for (int i = 0; i < threads; ++i) {
+            int error = NET_ERR_NONE;
+            std::unique_ptr<Listener> listener = Listener::start(share, lib.handles, error);
+            if (!listener) {
+                return fail(error);  // the group's threads started so far stop with it
+            }
+            share.wPort = static_cast<uint16_t>(listener->port());
+            group.push_back(std::move(listener));
         }
         const long handle = lib.nextListenHandle++;
-        lib.listeners.emplace(handle, std::move(listener));
+        lib.listeners.emplace(handle, std::move(group));
         return handle;
     });
 }
@@ -179,21 +209,21 @@ int NET_HTTPSERVER_DestroyListen(long listenHandle)
 {
     return guarded([&]() -> int {
         Library& lib = library();
-        std::unique_ptr<Listener> listener;
+        std::vector<std::unique_ptr<Listener>> group;
         {
             std::lock_guard<std::mutex> lock(lib.mutex);
             auto it = lib.listeners.find(listenHandle);
             if (it == lib.listeners.end()) {
                 return fail(NET_ERR_HANDLE);
             }
-            if (it->second->runsOnCallerThread()) {
+            if (runsOnCallerThread(it->second)) {
                 return fail(NET_ERR_PARAM);  // a callback cannot join its own thread
             }
-            listener = std::move(it->second);
+            group = std::move(it->second);
             lib.listeners.erase(it);
         }
-        // Joined outside the lock: the listener's last callbacks may call into the library.
-        listener.reset();
+        // Joined outside the lock: the listeners' last callbacks may call into the library.
+        group.clear();
         return 0;
     });
 }
@@ -203,7 +233,7 @@ int NET_HTTPSERVER_GetListenPort(long listenHandle)
     Library& lib = library();
     std::lock_guard<std::mutex> lock(lib.mutex);
     auto it = lib.listeners.find(listenHandle);
-    return it == lib.listeners.end() ? fail(NET_ERR_HANDLE) : it->second->port();
+    return it == lib.listeners.end() ? fail(NET_ERR_HANDLE) : it->second.front()->port();
 }
 
 int NET_HTTPSERVER_GetParamV2(int handle, int type, int subType, const char* name, int nameLength, void* buffer,
@@ -252,6 +282,43 @@ int NET_HTTPSERVER_Reply(int handle, int flags)
         const int error = connection->reply(written);  // allocates only for the first head
         return error == NET_ERR_NONE ? written : fail(error);
     });
+}
+
+int NET_HTTPSERVER_SendFile(int handle, const NET_HTTPSERVER_FILE_PARAM* file)
+{
+    return guarded([&]() -> int {
+        if (file == nullptr || file->iFd < 0 || file->llOffset < 0 || file->llLength < 0 || file->fnDone == nullptr) {
+            return fail(NET_ERR_PARAM);
+        }
+        std::shared_ptr<Connection> connection = library().handles.find(handle);
+        if (!connection) {
+            return fail(NET_ERR_HANDLE);
+        }
+        // Made first: once the connection is given to the file, nothing may fail but the listener's end.
+        auto delivery = std::make_unique<FileDelivery>(handle, *file, connection->sendTimeoutMs());
+        int64_t bodyLeft = -1;
+        const int error = connection->beginFile(bodyLeft);
+        if (error != NET_ERR_NONE) {
+            delivery->giveBack();
+            return fail(error);
+        }
+        delivery->limitBody(bodyLeft);
+        if (!connection->postFile(delivery)) {
+            delivery->giveBack();
+            return fail(NET_ERR_CLOSED);  // the listener has stopped: its connections have ended
+        }
+        return 0;
+    });
+}
+
+int NET_HTTPSERVER_Abort(int handle)
+{
+    std::shared_ptr<Connection> connection = library().handles.find(handle);
+    if (!connection) {
+        return fail(NET_ERR_HANDLE);
+    }
+    connection->abort();
+    return 0;
 }
 
 int NET_HTTPSERVER_Close(int handle, int flush)

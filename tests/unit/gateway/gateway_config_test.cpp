@@ -25,13 +25,14 @@ TEST(GatewayConfigFile, NoDocumentGivesOneUserOneDeviceAndTheServerUrl)
     ASSERT_TRUE(parseGatewayConfig(Json::Value(), ConfigSource::kDefaults, config, error));
     ASSERT_EQ(config.users.size(), 1u);
     ASSERT_EQ(config.devices.size(), 1u);
+    EXPECT_TRUE(config.loopDelivery);
     const std::string optIns =
         "&checkTalkBacklog=1&checkRequestText=1&sendRequestTarget=1&requireTalkSessionId=1"
         "&talkGatewayRefusal=1&strictSendTimeout=1&streamAbort=1";
     const std::string bounds = "&headTimeout=10000&maxConnections=2048&maxConnectionsPerAddress=512&reserveFds=256";
-    EXPECT_EQ(
-        buildServerUrl(config),
-        "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns + bounds);
+    EXPECT_EQ(buildServerUrl(config),
+              "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns +
+                  "&sendfile=1&ioThreads=" + std::to_string(config.ioThreads()) + bounds);
 }
 
 // Clients must know the audio port: it is never left for the plug-in to pick.
@@ -107,6 +108,7 @@ TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
         {R"({"server":{"headTimeout":50}})", "server.headTimeout:"},
         {R"({"server":{"maxConnections":1}})", "server.maxConnections:"},
         {R"({"server":{"minDeliveryRateSeconds":1}})", "server.minDeliveryRateSeconds:"},
+        {R"({"server":{"delivery":"fast"}})", "server.delivery: must be loop, loop-read or blocking"},
         {R"({"log":{"level":"loud"}})", "log.level:"},
         {R"({"log":{"format":"xml"}})", "log.format:"},
         {R"({"admin":{}})", "admin.listen:"},
@@ -146,10 +148,11 @@ TEST(GatewayConfigFile, AFileMustNameItsUsers)
 
 TEST(GatewayCommandLine, OverridesLandInTheFieldsTheyNameAndAreCheckedThere)
 {
-    const char* argv[] = {"media-gateway", "--port", "9090", "--media", "/tmp/m", "--log-level", "debug"};
+    const char* argv[] = {"media-gateway", "--port", "9090",       "--media", "/tmp/m",
+                          "--log-level",   "debug",  "--delivery", "blocking"};
     CommandLine commandLine;
     std::string error;
-    ASSERT_TRUE(parseCommandLine(7, const_cast<char**>(argv), commandLine, error)) << error;
+    ASSERT_TRUE(parseCommandLine(9, const_cast<char**>(argv), commandLine, error)) << error;
     Json::Value root;
     Json::Reader().parse(R"({"server":{"work_thread":3},"media":{"blockSize":4096}})", root);
     applyOverrides(root, commandLine.overrides);
@@ -160,6 +163,7 @@ TEST(GatewayCommandLine, OverridesLandInTheFieldsTheyNameAndAreCheckedThere)
     EXPECT_EQ(config.mediaFolder, "/tmp/m");
     EXPECT_EQ(config.blockSize, 4096);
     EXPECT_EQ(config.logLevel, 2);
+    EXPECT_FALSE(config.loopDelivery);
 
     const char* badPort[] = {"media-gateway", "--port", "eighty"};
     ASSERT_TRUE(parseCommandLine(3, const_cast<char**>(badPort), commandLine, error));

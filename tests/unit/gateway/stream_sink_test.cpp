@@ -12,6 +12,10 @@
 #include <thread>
 #include <vector>
 
+#include <unistd.h>
+
+#include <ext/DeliveryRequest.h>
+
 #include "ops/AccessLog.h"
 #include "download/DownloadResolver.h"
 #include "base/GatewayMetrics.h"
@@ -57,6 +61,45 @@ public:
     std::atomic<bool> connectionsClosed{false};
     int sendsAfterClose = 0;
     std::chrono::milliseconds delayPerSend{0};
+};
+
+// A plug-in that takes delivery requests (or refuses them with a module error code) and reports each
+// taken file's end from a thread of its own, after `callbackDelay`.
+class FileTakingServer : public RecordingServer {
+public:
+    ~FileTakingServer() override
+    {
+        for (std::thread& thread : callbacks) {
+            thread.join();
+        }
+    }
+    int SendMSG(PROTOCOL_WRAPPER::IServerData*, int type, void* buffer, int length) override
+    {
+        if (type != PROTOCOL_WRAPPER::MSG_DELIVER_FILE || length != sizeof(PROTOCOL_WRAPPER::DeliveryRequest)) {
+            return 0;
+        }
+        if (refuse) {
+            return 0x1930F44;
+        }
+        const auto request = *static_cast<PROTOCOL_WRAPPER::DeliveryRequest*>(buffer);
+        taken = request;
+        file.assign(request.length, '\0');
+        EXPECT_EQ(pread(request.fd, &file[0], request.length, static_cast<off_t>(request.offset)),
+                  static_cast<ssize_t>(request.length));
+        callbacks.emplace_back([this, request] {
+            std::this_thread::sleep_for(callbackDelay);
+            request.onDone(request.context, outcome, bytesReported);
+        });
+        return 0;
+    }
+
+    bool refuse = false;
+    int outcome = PROTOCOL_WRAPPER::DELIVERY_COMPLETE;
+    uint64_t bytesReported = 0;
+    std::chrono::milliseconds callbackDelay{0};
+    PROTOCOL_WRAPPER::DeliveryRequest taken{};
+    std::string file;  // what the request's descriptor read
+    std::vector<std::thread> callbacks;
 };
 
 class SessionData : public PROTOCOL_WRAPPER::IServerData {};
@@ -203,4 +246,64 @@ TEST_F(StreamSinkTest, RefusesUnknownHandlesAndMediaWithoutCrashing)
     ASSERT_EQ(sink.OnOpen("f", mediaUrl.c_str(), &session, &handle), 0);
     EXPECT_NE(sink.OnStart(handle, 0), 0) << "a stream starts only after pushStream";
     EXPECT_EQ(sink.OnClose(handle), 0);
+}
+
+TEST_F(StreamSinkTest, LoopDeliveryHandsTheFileOverAndCountsWhatThePluginReports)
+{
+    FileTakingServer server;
+    server.bytesReported = content.size();
+    AccessLog accessLog(metrics, log);
+    std::string error;
+    ASSERT_TRUE(accessLog.open(folder + "/access.log", AccessLogFormat::kJson, error)) << error;
+    StreamSink sink(catalog, 4096, metrics, &accessLog, log);
+    sink.setLoopDelivery(true);
+    sink.attachServer(&server);
+    void* handle = openAndStart(sink);
+    // The head goes through Send on the caller's thread; the file is the plug-in's.
+    EXPECT_EQ(server.sentTypes(), (std::vector<int>{10, 1}));
+    EXPECT_EQ(server.taken.offset, 0u);
+    EXPECT_EQ(server.taken.length, content.size());
+    EXPECT_EQ(server.taken.blockSize, 4096u);
+    EXPECT_EQ(server.file, content);
+    EXPECT_EQ(sink.OnStop(handle, 0), 0);
+    EXPECT_EQ(sink.OnClose(handle), 0);
+    EXPECT_EQ(metrics.downloadsFinished(DownloadOutcome::kComplete), 1u);
+    EXPECT_EQ(metrics.sentBytes(), kStreamHeadSize + content.size());
+    EXPECT_EQ(metrics.openDownloads(), 0);
+    accessLog.close();
+    Json::Value line;
+    std::ifstream file(folder + "/access.log");
+    ASSERT_TRUE(Json::Reader().parse(file, line));
+    EXPECT_EQ(line["outcome"].asString(), "complete");
+    EXPECT_EQ(line["bytesSent"].asUInt64(), kStreamHeadSize + content.size());
+}
+
+TEST_F(StreamSinkTest, LoopDeliveryWaitsForALateCallbackAndFallsBackToBlocksWhenRefused)
+{
+    {
+        // A stop from elsewhere than the plug-in (shutdown's closeAll) waits for the plug-in's word.
+        FileTakingServer server;
+        server.outcome = PROTOCOL_WRAPPER::DELIVERY_CLIENT_GONE;
+        server.bytesReported = 1234;
+        server.callbackDelay = std::chrono::milliseconds(200);
+        StreamSink sink(catalog, 4096, metrics, nullptr, log);
+        sink.setLoopDelivery(true);
+        sink.attachServer(&server);
+        openAndStart(sink);
+        sink.closeAll();
+        EXPECT_EQ(metrics.downloadsFinished(DownloadOutcome::kClientGone), 1u);
+        EXPECT_EQ(metrics.sentBytes(), kStreamHeadSize + 1234);
+    }
+    FileTakingServer server;
+    server.refuse = true;
+    StreamSink sink(catalog, 4096, metrics, nullptr, log);
+    sink.setLoopDelivery(true);
+    sink.attachServer(&server);
+    void* handle = openAndStart(sink);
+    ASSERT_TRUE(waitForSends(server, 6));
+    EXPECT_EQ(server.sentTypes(), (std::vector<int>{10, 1, 2, 2, 2, 100}));
+    EXPECT_EQ(server.body.substr(kStreamHeadSize), content);
+    EXPECT_EQ(sink.OnStop(handle, 0), 0);
+    EXPECT_EQ(sink.OnClose(handle), 0);
+    EXPECT_EQ(metrics.downloadsFinished(DownloadOutcome::kComplete), 1u);
 }

@@ -23,6 +23,10 @@
  * when there is none, the new connection is answered "503 Service
  * Unavailable" and closed.
  *
+ * A listener may run several I/O threads on one port (the kernel spreads new
+ * connections over them); callbacks then come from any of them, each
+ * connection's always from the same one.
+ *
  * Every reply carries "Connection: close": the server closes the connection
  * by itself once the body has reached the length the head announced.
  *
@@ -64,6 +68,7 @@ enum {
     NET_ERR_CLOSED = 7,    /* the connection has ended */
     NET_ERR_NO_MEMORY = 8,
     NET_ERR_THREAD = 9, /* a thread could not be started */
+    NET_ERR_BUSY = 10,  /* a file is being sent on the connection */
 };
 
 /* ---- records ---- */
@@ -82,7 +87,9 @@ typedef struct NET_HTTPSERVER_LISTEN_PARAM {
     uint32_t dwSize;              /*   0: reserved, 0 */
     char szAddress[128];          /*   4: listen address, dotted quad */
     uint16_t wPort;               /* 132: port; 0 takes an ephemeral one */
-    uint8_t byRes1[2];            /* 134 */
+    uint8_t byIoThreads;          /* 134: I/O threads sharing the port, each with its own connections
+                                     (0: 1); the bounds below are shared out among them */
+    uint8_t byRes1;               /* 135 */
     uint32_t dwHeadTimeout;       /* 136: ms from the connection to its whole request head, after which
                                      the body has the receive time-out (0: the receive time-out bounds
                                      the whole request) */
@@ -118,6 +125,42 @@ typedef struct NET_HTTPSERVER_REQUEST_PARAM {
 } NET_HTTPSERVER_REQUEST_PARAM;
 #pragma pack(pop)
 
+/* How a file sent by NET_HTTPSERVER_SendFile ended. */
+enum {
+    NET_FILE_COMPLETE = 0,     /* every byte was written */
+    NET_FILE_CLIENT_GONE = 1,  /* the client closed or reset the connection, or a send failed */
+    NET_FILE_SEND_TIMEOUT = 2, /* the socket took nothing for the stall time-out */
+    NET_FILE_TOO_SLOW = 3,     /* a window closed with fewer bytes taken than the minimum rate asks */
+    NET_FILE_READ_ERROR = 4,   /* the file could not be read to the length given (it shrank, or failed) */
+    NET_FILE_ENDED = 5,        /* the owner closed or aborted the handle, or the listener was destroyed */
+};
+
+/* Called once per file taken, from the listener's I/O thread (the rules of NET_HTTPSERVER_CB apply),
+ * before the end of the connection is reported. bytes: bytes of the file written (framing excluded). */
+typedef void (*NET_HTTPSERVER_FILE_CB)(int handle, int outcome, uint64_t bytes, void* user);
+
+/* Flags of the file record. */
+enum {
+    NET_FILE_FLAG_SENDFILE = 1, /* zero copy with sendfile(2); otherwise read into the loop's buffer */
+};
+
+/* A file for NET_HTTPSERVER_SendFile: 64 bytes, natural alignment; unused bytes must be zero. */
+typedef struct NET_HTTPSERVER_FILE_PARAM {
+    int32_t iFd;                   /*  0: readable with pread; the library owns it once the call succeeded */
+    uint32_t dwChunkSize;          /*  4: 0: the bytes as they are; n: chunked framing, one chunk per n bytes
+                                          of the file, then the last chunk "0" CR LF CR LF */
+    int64_t llOffset;              /*  8: first byte of the file */
+    int64_t llLength;              /* 16: bytes of the file to send */
+    uint32_t dwStallTimeoutMs;     /* 24: the socket taking nothing this long ends the file (0: the listener's
+                                          send time-out) */
+    uint32_t dwMinRate;            /* 28: bytes per second the client must take (0: no minimum) ... */
+    uint32_t dwMinRateSeconds;     /* 32: ... in each window of this many seconds (0: 30) */
+    uint32_t dwFlags;              /* 36: NET_FILE_FLAG_* */
+    NET_HTTPSERVER_FILE_CB fnDone; /* 40 */
+    void* pUser;                   /* 48 */
+    uint8_t byRes[8];              /* 56 */
+} NET_HTTPSERVER_FILE_PARAM;
+
 /* The records are shared with code built elsewhere: their layout must not move. */
 #if defined(__cplusplus)
 #define NET_LAYOUT_CHECK(condition, text) static_assert(condition, text)
@@ -127,6 +170,7 @@ typedef struct NET_HTTPSERVER_REQUEST_PARAM {
 NET_LAYOUT_CHECK(sizeof(NET_HTTPSERVER_LISTEN_PARAM) == 176, "listen parameters: 176 bytes");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, szAddress) == 4, "listen parameters: address");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, wPort) == 132, "listen parameters: port");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, byIoThreads) == 134, "listen parameters: I/O threads");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwHeadTimeout) == 136, "listen parameters: head time-out");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwMaxConnections) == 140, "listen parameters: connections");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_LISTEN_PARAM, dwMaxPerAddress) == 144, "listen parameters: per address");
@@ -146,6 +190,13 @@ NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_REQUEST_PARAM, szRealm) == 2565, "reque
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_REQUEST_PARAM, szNonce) == 2757, "request parameters: nonce");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_REQUEST_PARAM, szUri) == 3013, "request parameters: uri");
 NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_REQUEST_PARAM, szResponse) == 5021, "request parameters: response");
+NET_LAYOUT_CHECK(sizeof(NET_HTTPSERVER_FILE_PARAM) == 64, "file: 64 bytes");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_FILE_PARAM, llOffset) == 8, "file: offset");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_FILE_PARAM, llLength) == 16, "file: length");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_FILE_PARAM, dwStallTimeoutMs) == 24, "file: stall time-out");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_FILE_PARAM, dwFlags) == 36, "file: flags");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_FILE_PARAM, fnDone) == 40, "file: callback");
+NET_LAYOUT_CHECK(offsetof(NET_HTTPSERVER_FILE_PARAM, pUser) == 48, "file: user pointer");
 #undef NET_LAYOUT_CHECK
 
 enum {
@@ -227,6 +278,20 @@ NET_API int NET_HTTPSERVER_Reply(int handle, int flags);
  * A Reply in progress on the handle returns -1. Closing an unknown handle or
  * closing twice is harmless (-1, NET_ERR_HANDLE). */
 NET_API int NET_HTTPSERVER_Close(int handle, int flush);
+/* Hands the rest of a streamed reply's body to the listener's I/O thread: the
+ * file's bytes from llOffset, written whenever the socket has room, so that no
+ * thread of the owner waits for a slow client. The head must have been sent;
+ * a Reply on the handle fails (NET_ERR_BUSY) from then on. The file ends the
+ * reply: once it is written (or can no longer be) the connection ends, after
+ * fnDone has been called exactly once. Returns 0 when taken (iFd is the
+ * library's from then on), -1 when not (iFd stays the caller's and fnDone is
+ * never called). */
+NET_API int NET_HTTPSERVER_SendFile(int handle, const NET_HTTPSERVER_FILE_PARAM* file);
+/* Resets the connection at once but keeps the handle known: a file being sent
+ * ends (NET_FILE_ENDED) and the end is reported as any other. For an owner
+ * that must be sure a file's callback came before it lets go of what the
+ * callback touches. */
+NET_API int NET_HTTPSERVER_Abort(int handle);
 
 #ifdef __cplusplus
 }
