@@ -72,7 +72,8 @@ bool TalkPacer::add(const void* key, Clock::duration period, std::function<void(
 
 void TalkPacer::remove(const void* key)
 {
-    std::lock_guard<std::mutex> guard(m_lock);
+    std::unique_lock<std::mutex> lock(m_lock);
+    m_idle.wait(lock, [this, key] { return m_running != key; });
     m_paced.erase(key);
 }
 
@@ -102,16 +103,25 @@ void TalkPacer::run()
         if (read(m_timer, &expirations, sizeof expirations) < 0 && errno != EINTR) {
             return;  // only a broken timer descriptor gets here
         }
-        std::lock_guard<std::mutex> guard(m_lock);
+        std::unique_lock<std::mutex> lock(m_lock);
         if (m_stopping) {
             return;
         }
         const Clock::time_point now = Clock::now();
-        for (auto& entry : m_paced) {
-            Paced& paced = entry.second;
-            if (paced.due > now + kBatchWindow) {
-                continue;
+        m_due.clear();
+        for (const auto& entry : m_paced) {
+            if (entry.second.due <= now + kBatchWindow) {
+                m_due.push_back(entry.first);
             }
+        }
+        for (const void* key : m_due) {
+            auto found = m_paced.find(key);
+            if (found == m_paced.end()) {
+                continue;  // removed meanwhile
+            }
+            // The entry stays while it runs: remove waits for it.
+            Paced& paced = found->second;
+            m_running = key;
             // A pacer held up for a few packet times catches up at once, so every link
             // keeps the codec's rate; audio older than that is lost, as a microphone's
             // would be, rather than sent in a burst that never ends.
@@ -120,7 +130,11 @@ void TalkPacer::run()
                     paced.due = now + paced.period;
                     break;
                 }
+                // Sent without the lock: a Send takes the plug-in's locks, and the plug-in
+                // holds them while it adds and removes talks here.
+                lock.unlock();
                 paced.packet();
+                lock.lock();
                 paced.due += paced.period;
             }
             // After its first packet (sent at once) a talk falls in step with every talk of its
@@ -130,6 +144,8 @@ void TalkPacer::run()
                 paced.first = false;
                 paced.due = inStep(now + paced.period / 2, paced.period);
             }
+            m_running = nullptr;
+            m_idle.notify_all();
         }
         arm();
     }

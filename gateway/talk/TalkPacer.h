@@ -7,9 +7,11 @@
 #define GATEWAY_TALK_PACER_H
 
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <vector>
 
 #include "base/WorkerThread.h"
 
@@ -42,10 +44,12 @@ private:
     void arm();
 
     int m_timer = -1;
-    // Guards the table and the stop request; held while packets run, so that remove
-    // waits for a running packet of its key.
+    // Guards the table, the running key and the stop request; not held while a packet runs.
     std::mutex m_lock;
+    std::condition_variable m_idle;  // a packet ended: remove may go on
     std::map<const void*, Paced> m_paced;
+    const void* m_running = nullptr;  // whose packets run now, on the pacer's thread
+    std::vector<const void*> m_due;   // the pacer's thread's list of talks due, kept to spare allocations
     bool m_stopping = false;
     bool m_started = false;  // set once, in the constructor
     WorkerThread m_thread;
