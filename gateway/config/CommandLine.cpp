@@ -27,6 +27,7 @@ const char* commandLineUsage()
            "  --log-level LEVEL   log.level: debug, info, warn or error\n"
            "  --access-log FILE   log.access (one line per download and talk)\n"
            "  --admin HOST:PORT   admin.listen (/metrics, /healthz, /recordings), e.g. 127.0.0.1:9464\n"
+           "  --console HOST:PORT console.listen (the operator's web page), e.g. 127.0.0.1:8090\n"
            "  --sample            write a sample recording per device into an empty media folder\n"
            "                      (creating it); without it a missing media folder is an error\n"
            "  --strict            refuse to start on a bad entry of a recordings index\n"
@@ -39,7 +40,7 @@ bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::stri
 {
     static const char* const kOptionsWithValue[] = {"--config",      "--port",   "--audio-port", "--media",
                                                     "--status-file", "--plugin", "--log-file",   "--log-level",
-                                                    "--access-log",  "--admin"};
+                                                    "--access-log",  "--admin",  "--console"};
     commandLine = CommandLine();
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
@@ -87,6 +88,8 @@ bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::stri
             overrides["log"]["access"] = value;
         } else if (option == "--admin") {
             overrides["admin"]["listen"] = value;
+        } else if (option == "--console") {
+            overrides["console"]["listen"] = value;
         } else {
             overrides["log"]["level"] = value;
         }
