@@ -10,8 +10,9 @@ export class PushToTalk {
     this.devIndex = devIndex;
     this.view = view;
     this.active = null;
-    // Diagnostics: when each 20 ms frame left the page (the last 30 s), for measuring delays.
-    window.pushToTalkLog = this.log = [];
+    // Diagnostics for measuring delays: when the microphone opened, and when each 20 ms frame left
+    // the page (its first sample's index, milliseconds since the epoch; the last 30 s).
+    window.pushToTalkLog = this.log = { microphoneAt: 0, frames: [] };
   }
 
   async press() {
@@ -40,6 +41,8 @@ export class PushToTalk {
       talk.stream = await navigator.mediaDevices.getUserMedia({
         audio: { channelCount: 1, echoCancellation: false, noiseSuppression: false, autoGainControl: false },
       });
+      this.log.microphoneAt = performance.timeOrigin + performance.now();
+      this.log.frames = [];
     } catch (failure) {
       this.view.status(`no microphone: ${failure.message}`);
       this.release();
@@ -62,13 +65,15 @@ export class PushToTalk {
     talk.analyser.connect(talk.context.destination);
     talk.playAt = 0;
     talk.meter = setInterval(() => this.measure(talk), 100);
-    this.view.status("talking");
+    talk.listening = true;
+    this.view.status(talk.codec ? `talking (${talk.codec})` : "opening the talk…");
   }
 
   send(talk, frame) {
     talk.socket.send(frame);
-    this.log.push([talk.sent, performance.timeOrigin + performance.now()]);
-    if (this.log.length > 1500) this.log.splice(0, this.log.length - 1500);
+    const frames = this.log.frames;
+    frames.push([talk.sent, performance.timeOrigin + performance.now()]);
+    if (frames.length > 1500) frames.splice(0, frames.length - 1500);
     talk.sent += frame.byteLength / 2;
   }
 
@@ -97,7 +102,10 @@ export class PushToTalk {
   received(talk, data) {
     if (typeof data === "string") {
       const message = JSON.parse(data);
-      if (message.type === "open") this.view.status(`talking (${message.codec})`);
+      if (message.type === "open") {
+        talk.codec = message.codec;
+        if (talk.listening && !talk.released) this.view.status(`talking (${message.codec})`);
+      }
       if (message.type === "ended" && message.reason) this.view.status(`ended: ${message.reason}`);
       return;
     }
