@@ -13,6 +13,9 @@ packages=(
   dpkg-dev             # dpkg-shlibdeps: make package computes the package's library dependencies
   prometheus  # for promtool, which the end-to-end tests run over the gateway's /metrics
   systemd     # for systemd-analyze, which checks the service unit in tools/
+  # The console's browser tests: headless Chromium driven by Selenium, a spoken voice for its fake
+  # microphone, and numpy to compare what the device kept with it.
+  chromium chromium-driver python3-selenium espeak-ng python3-numpy
 )
 if [ "${HPW_EXTRA_PACKAGES:-}" != "" ]; then
   read -r -a extra <<<"$HPW_EXTRA_PACKAGES"
