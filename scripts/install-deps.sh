@@ -8,6 +8,7 @@ packages=(
   libjsoncpp-dev libtinyxml-dev libssl-dev node-llhttp libboost1.81-dev libspandsp-dev
   googletest libgtest-dev libgmock-dev
   curl wget nginx-light python3 python3-requests sox  # python3-requests: the end-to-end tests show it still logs in
+  openssl              # the console test makes a certificate for its TLS listener
   libnginx-mod-stream  # nginx's stream module: the group recipe carries talks' audio ports through it
   logrotate            # checks the shipped log rotation file
   dpkg-dev             # dpkg-shlibdeps: make package computes the package's library dependencies
