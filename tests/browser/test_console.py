@@ -134,12 +134,12 @@ class ConsoleCase(harness.GatewayCase):
             "synth", "2", "sine", "300")
 
     def config(self):
-        self.console_port = free_port()
+        self.console_port = self.port_of_its_own()
         config = super().config()
         config["media"]["devices"][0]["name"] = "lobby"
         config["media"]["devices"][1]["name"] = "gate"
         config["console"] = {"listen": "127.0.0.1:%d" % self.console_port}
-        self.admin_port = free_port()
+        self.admin_port = self.port_of_its_own()
         config["admin"] = {"listen": "127.0.0.1:%d" % self.admin_port}
         return config
 

@@ -45,7 +45,7 @@ def raw_exchange(port, request, timeout=5):
 
 class ConsoleCase(h.GatewayCase):
     def config(self):
-        self.console_port = h.free_port()
+        self.console_port = self.port_of_its_own()
         config = super().config()
         config["console"] = {"listen": "127.0.0.1:%d" % self.console_port}
         return config
@@ -115,7 +115,7 @@ class ConsoleCase(h.GatewayCase):
 
 class ConsoleTlsCase(h.GatewayCase):
     def config(self):
-        self.console_port = h.free_port()
+        self.console_port = self.port_of_its_own()
         self.certificate = os.path.join(self.dir, "console.pem")
         self.key = os.path.join(self.dir, "console.key")
         subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj",
