@@ -48,7 +48,6 @@ public:
     // The password of a user as it stands now (false for an unknown user): the
     // console signs its users in with it and answers challenges as them.
     bool passwordOf(const std::string& user, std::string& password) const;
-    const std::string& realm() const { return m_realm; }
 
     // Nonces whose highest nc is remembered at most at once: past it the
     // oldest is forgotten, which only lets that nonce's (already old) headers be
