@@ -8,7 +8,8 @@
 # first start). Status file: <build-dir>/gateway-status.json, access log:
 # <build-dir>/access.log. Port: 8080, or GATEWAY_PORT; the two-way audio channel
 # on the next port (GATEWAY_AUDIO_PORT); the admin endpoint (/metrics, /healthz,
-# /recordings) on 127.0.0.1:9464 (GATEWAY_ADMIN_PORT).
+# /recordings) on 127.0.0.1:9464 (GATEWAY_ADMIN_PORT); the operator console on
+# http://127.0.0.1:8090/ (GATEWAY_CONSOLE_PORT).
 # Default user "admin", password "gateway-demo".
 set -euo pipefail
 
@@ -25,6 +26,7 @@ plugin="$build_dir/lib/libHttpProtocolWrapper.so"
 port=${GATEWAY_PORT:-8080}
 audio_port=${GATEWAY_AUDIO_PORT:-$((port + 1))}
 admin_port=${GATEWAY_ADMIN_PORT:-9464}
+console_port=${GATEWAY_CONSOLE_PORT:-8090}
 media="$build_dir/media"
 status="$build_dir/gateway-status.json"
 access_log="$build_dir/access.log"
@@ -42,7 +44,7 @@ done
 
 rm -f "$status"
 "$gateway" --port "$port" --audio-port "$audio_port" --media "$media" --sample --status-file "$status" \
-    --admin "127.0.0.1:$admin_port" --access-log "$access_log" "$@" &
+    --admin "127.0.0.1:$admin_port" --console "127.0.0.1:$console_port" --access-log "$access_log" "$@" &
 pid=$!
 # Ctrl-C reaches the gateway too (same process group); TERM from elsewhere is passed on.
 trap 'kill -TERM "$pid" 2>/dev/null || true' INT TERM
@@ -66,6 +68,9 @@ cat <<TEXT
 
 media-gateway is running on port $port, two-way audio on $audio_port (status: $status).
 Admin endpoint: http://127.0.0.1:$admin_port/metrics  /healthz  /recordings
+
+Console: http://127.0.0.1:$console_port/  (sign in as admin / gateway-demo: devices, recordings, talk)
+
 Try, from another terminal:
 
 # What the gateway serves, its health, and its counters (run a download, then look again):

@@ -25,6 +25,7 @@
 #include "app/StreamSink.h"
 #include "talk/TalkDevices.h"
 #include "app/UtilitySink.h"
+#include "console/ConsoleServer.h"
 
 namespace {
 
@@ -42,6 +43,7 @@ struct Running {
     ServiceNotifier& notifier;
     ReloadTargets reload;
     Logger& log;
+    ConsoleServer& console;
 };
 
 // The next of the blocked signals within the interval; 0 when none came.
@@ -172,8 +174,9 @@ int serve(PluginLibrary& plugin, StreamSink& sink, RequestFilter& filter, Runnin
     run.notifier.ready("ready");
     const GatewayListeners listeners = run.status.snapshot().listeners;
     const std::string admin = listeners.admin.empty() ? "off" : "on http://" + listeners.admin;
-    run.log.logf(kLogInfo, "ready on http://%s, two-way audio on %s, admin endpoint %s (server URL %s)",
-                 listeners.http.c_str(), listeners.audio.c_str(), admin.c_str(), url.c_str());
+    const std::string console = config.consoleEnabled ? "on " + run.console.url() : "off";
+    run.log.logf(kLogInfo, "ready on http://%s, two-way audio on %s, admin endpoint %s, console %s (server URL %s)",
+                 listeners.http.c_str(), listeners.audio.c_str(), admin.c_str(), console.c_str(), url.c_str());
 
     const int received = serveUntilStopped(run);
     run.log.logf(kLogInfo, "%s received, stopping", strsignal(received));
@@ -184,6 +187,8 @@ int serve(PluginLibrary& plugin, StreamSink& sink, RequestFilter& filter, Runnin
     if (received == SIGTERM) {
         drainDownloads(run);
     }
+    // The console's downloads and talks are the plug-in's clients: they end before its server.
+    run.console.stop();
     // Downloads still running end with the server: they are counted as stopped,
     // not as clients that went away, although the plug-in closing their
     // connections looks like that to the delivery.
@@ -297,6 +302,12 @@ int runGateway(const GatewayConfig& configured, const ConfigReader& readConfig, 
         log.logf(kLogError, "%s", error.c_str());
         return kExitStartFailed;
     }
+    // Up before the plug-in too, so that a console port that cannot be had stops the start early.
+    ConsoleServer console(config, catalog, talks, metrics, authenticator, log);
+    if (config.consoleEnabled && !console.start(error)) {
+        log.logf(kLogError, "%s", error.c_str());
+        return kExitStartFailed;
+    }
     if (config.supportIdentifyToken) {
         const std::string keyFile = identityKeyPath();
         if (!checkIdentityKeyFile(keyFile, error)) {
@@ -328,7 +339,8 @@ int runGateway(const GatewayConfig& configured, const ConfigReader& readConfig, 
                 status,
                 notifier,
                 ReloadTargets{authenticator, catalog, talks, accessLog, metrics, log},
-                log};
+                log,
+                console};
     int exitCode = serve(plugin, sink, filter, run);
     plugin.uninitialize();
     log.logf(kLogInfo, "stopped");

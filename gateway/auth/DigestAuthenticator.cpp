@@ -127,6 +127,17 @@ void DigestAuthenticator::replacePasswords(std::map<std::string, std::string> pa
     m_passwords.swap(passwords);
 }
 
+bool DigestAuthenticator::passwordOf(const std::string& user, std::string& password) const
+{
+    std::lock_guard<std::mutex> guard(m_passwordLock);
+    const auto found = m_passwords.find(user);
+    if (found == m_passwords.end()) {
+        return false;
+    }
+    password = found->second;
+    return true;
+}
+
 bool DigestAuthenticator::takeNonceCount(const std::string& nonce, int64_t createdAt, uint32_t nc) const
 {
     std::lock_guard<std::mutex> guard(m_nonceLock);

@@ -45,6 +45,10 @@ public:
     // The users a reload read; requests checked from now on use them.
     void replacePasswords(std::map<std::string, std::string> passwords);
 
+    // The password of a user as it stands now (false for an unknown user): the
+    // console signs its users in with it and answers challenges as them.
+    bool passwordOf(const std::string& user, std::string& password) const;
+
     // Nonces whose highest nc is remembered at most at once: past it the
     // oldest is forgotten, which only lets that nonce's (already old) headers be
     // replayed until it expires anyway.

@@ -30,6 +30,7 @@ const char* commandLineUsage()
            "  --delivery MODE     server.delivery: loop (the plug-in's event loops send files with\n"
            "                      sendfile, the default), loop-read (the same, reading into a buffer)\n"
            "                      or blocking (a thread per download sends blocks)\n"
+           "  --console HOST:PORT console.listen (the operator's web page), e.g. 127.0.0.1:8090\n"
            "  --sample            write a sample recording per device into an empty media folder\n"
            "                      (creating it); without it a missing media folder is an error\n"
            "  --strict            refuse to start on a bad entry of a recordings index\n"
@@ -42,7 +43,7 @@ bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::stri
 {
     static const char* const kOptionsWithValue[] = {"--config",      "--port",   "--audio-port", "--media",
                                                     "--status-file", "--plugin", "--log-file",   "--log-level",
-                                                    "--access-log",  "--admin",  "--delivery"};
+                                                    "--access-log",  "--admin",  "--delivery", "--console"};
     commandLine = CommandLine();
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
@@ -92,6 +93,8 @@ bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::stri
             overrides["admin"]["listen"] = value;
         } else if (option == "--delivery") {
             overrides["server"]["delivery"] = value;
+        } else if (option == "--console") {
+            overrides["console"]["listen"] = value;
         } else {
             overrides["log"]["level"] = value;
         }

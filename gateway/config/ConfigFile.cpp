@@ -322,6 +322,36 @@ void readAdmin(const Json::Value& admin, GatewayConfig& config)
     config.adminEnabled = true;
 }
 
+void readConsole(const Json::Value& console, GatewayConfig& config)
+{
+    const std::string field = "console";
+    requireObject(console, field, {"listen", "certificate", "key", "sessionMinutes"});
+    if (!console.isMember("listen")) {
+        throw ConfigProblem{"console.listen", "is required to turn the console on"};
+    }
+    std::string listen, error;
+    readString(console, field, "listen", listen);
+    if (!parseListenAddress(listen, config.console, error)) {
+        throw ConfigProblem{"console.listen", error};
+    }
+    readString(console, field, "certificate", config.consoleCertificate);
+    readString(console, field, "key", config.consoleKey);
+    readInt(console, field, "sessionMinutes", 1, 24 * 60, config.consoleSessionMinutes);
+    if (config.consoleCertificate.empty() != config.consoleKey.empty()) {
+        throw ConfigProblem{"console.key", "give console.certificate and console.key together"};
+    }
+    // Passwords and session cookies cross this link: off the loopback interface only over TLS.
+    if (!isLoopbackAddress(config.console.host) && config.consoleCertificate.empty()) {
+        throw ConfigProblem{"console.listen",
+                            listen + " is not a loopback address: set console.certificate and console.key"};
+    }
+    const int port = config.console.port;
+    if (port == config.httpPort || port == config.audioTalkPort || (config.adminEnabled && port == config.admin.port)) {
+        throw ConfigProblem{"console.listen", "port " + std::to_string(port) + " is taken by another listener"};
+    }
+    config.consoleEnabled = true;
+}
+
 }  // namespace
 
 bool readConfigFile(const std::string& path, Json::Value& root, std::string& error)
@@ -340,7 +370,7 @@ bool parseGatewayConfig(const Json::Value& root, ConfigSource source, GatewayCon
         return true;
     }
     try {
-        requireObject(root, "", {"server", "auth", "media", "log", "admin", "statusFile", "plugin"});
+        requireObject(root, "", {"server", "auth", "media", "log", "admin", "console", "statusFile", "plugin"});
         if (root.isMember("server")) {
             readServer(root["server"], config);
         }
@@ -356,6 +386,9 @@ bool parseGatewayConfig(const Json::Value& root, ConfigSource source, GatewayCon
         }
         if (root.isMember("admin")) {
             readAdmin(root["admin"], config);
+        }
+        if (root.isMember("console")) {
+            readConsole(root["console"], config);
         }
         readString(root, "", "statusFile", config.statusFile);
         readString(root, "", "plugin", config.pluginPath);

@@ -88,6 +88,14 @@ struct GatewayConfig {
     std::string adminToken;
     std::string adminTokenFile;
 
+    // The operator console (gateway/console): a web page on a listener of its own. Off a loopback
+    // address it is served over TLS only, with this certificate chain and key (PEM files).
+    bool consoleEnabled = false;
+    ListenAddress console;
+    std::string consoleCertificate;
+    std::string consoleKey;
+    int consoleSessionMinutes = 30;  // a signed-in browser idle this long signs in again
+
     std::string realm = "media-gateway";
     std::vector<UserAccount> users;
     int nonceLifetimeSeconds = 300;

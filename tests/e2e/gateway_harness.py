@@ -133,6 +133,14 @@ class GatewayCase(unittest.TestCase):
             "plugin": PLUGIN,
         }
 
+    def port_of_its_own(self):
+        """A free port that is neither the gateway's HTTP port nor the audio port after it, which is not bound
+        yet while the configuration is written."""
+        while True:
+            port = free_port()
+            if port not in (self.port, self.port + 1):
+                return port
+
     def start_gateway(self, config, *extra):
         return self.gateway.start(config, *extra)
 

@@ -84,7 +84,7 @@ class Operated(OperatedGateway):
                                                       "audio": "127.0.0.1:%d" % self.audio_port,
                                                       "admin": "127.0.0.1:%d" % self.admin_port})
         self.wait_for_log(r"ready on http://127\.0\.0\.1:%d, two-way audio on 127\.0\.0\.1:%d, admin endpoint on "
-                          r"http://127\.0\.0\.1:%d " % (self.port, self.audio_port, self.admin_port))
+                          r"http://127\.0\.0\.1:%d, console off " % (self.port, self.audio_port, self.admin_port))
         listing = {device["devIndex"]: device for device in json.loads(h.http_get(self.admin_port, "/recordings")[1])
                    ["devices"]}
         (clip,) = listing[h.DEVICE]["recordings"]

@@ -81,6 +81,24 @@ TEST(GatewayConfigFile, TheAdminEndpointOffLoopbackNeedsAToken)
               0);
 }
 
+// The console carries passwords and session cookies: off loopback only over TLS, on a port of its own.
+TEST(GatewayConfigFile, ConsoleOffLoopbackNeedsACertificateAndKey)
+{
+    EXPECT_EQ(refusalOf(R"({"console":{"listen":"127.0.0.1:8090"}})"), "");
+    EXPECT_EQ(refusalOf(R"({"console":{"listen":"0.0.0.0:8443","certificate":"/c.pem","key":"/k.pem"}})"), "");
+    EXPECT_EQ(refusalOf(R"({"console":{"listen":"0.0.0.0:8443"}})"),
+              "console.listen: 0.0.0.0:8443 is not a loopback address: set console.certificate and console.key");
+    EXPECT_EQ(refusalOf(R"({"console":{"listen":"0.0.0.0:8443","certificate":"/c.pem"}})"),
+              "console.key: give console.certificate and console.key together");
+    EXPECT_EQ(refusalOf(R"({"console":{"certificate":"/c.pem"}})"),
+              "console.listen: is required to turn the console on");
+    EXPECT_EQ(refusalOf(R"({"console":{"listen":"127.0.0.1:8080"}})"),
+              "console.listen: port 8080 is taken by another listener");
+    EXPECT_EQ(refusalOf(R"({"console":{"listen":"127.0.0.1:8090","sessionMinutes":0}})")
+                  .compare(0, 22, "console.sessionMinutes"),
+              0);
+}
+
 TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
 {
     const std::string device = R"({"devIndex":"8c5b1a2e-0f4d-4e7a-9b3c-6d2e1f0a7b41")";
