@@ -43,7 +43,7 @@ bool parseCommandLine(int argc, char** argv, CommandLine& commandLine, std::stri
 {
     static const char* const kOptionsWithValue[] = {"--config",      "--port",   "--audio-port", "--media",
                                                     "--status-file", "--plugin", "--log-file",   "--log-level",
-                                                    "--access-log",  "--admin",  "--delivery", "--console"};
+                                                    "--access-log",  "--admin",  "--delivery",   "--console"};
     commandLine = CommandLine();
     for (int i = 1; i < argc; ++i) {
         const std::string option = argv[i];
