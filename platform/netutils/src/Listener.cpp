@@ -115,9 +115,11 @@ Listener::~Listener()
     }
 }
 
-int Listener::open(const NET_HTTPSERVER_LISTEN_PARAM& param)
+namespace {
+
+bool listenAddress(const NET_HTTPSERVER_LISTEN_PARAM& param, sockaddr_in& address)
 {
-    sockaddr_in address{};
+    address = sockaddr_in{};
     address.sin_family = AF_INET;
     address.sin_port = htons(param.wPort);
     // The record's text need not be terminated within its 128 bytes.
@@ -125,7 +127,41 @@ int Listener::open(const NET_HTTPSERVER_LISTEN_PARAM& param)
     memcpy(text, param.szAddress, sizeof(param.szAddress));
     if (text[0] == '\0') {
         address.sin_addr.s_addr = htonl(INADDR_ANY);
-    } else if (inet_pton(AF_INET, text, &address.sin_addr) != 1) {
+        return true;
+    }
+    return inet_pton(AF_INET, text, &address.sin_addr) == 1;
+}
+
+}  // namespace
+
+int Listener::claimPort(const NET_HTTPSERVER_LISTEN_PARAM& param, uint16_t& port)
+{
+    sockaddr_in address{};
+    if (!listenAddress(param, address)) {
+        return NET_ERR_PARAM;
+    }
+    const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return NET_ERR_SOCKET;
+    }
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    sockaddr_in bound{};
+    socklen_t boundLength = sizeof(bound);
+    const bool free = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+                      getsockname(fd, reinterpret_cast<sockaddr*>(&bound), &boundLength) == 0;
+    ::close(fd);
+    if (!free) {
+        return NET_ERR_SOCKET;
+    }
+    port = ntohs(bound.sin_port);
+    return NET_ERR_NONE;
+}
+
+int Listener::open(const NET_HTTPSERVER_LISTEN_PARAM& param)
+{
+    sockaddr_in address{};
+    if (!listenAddress(param, address)) {
         return NET_ERR_PARAM;
     }
     if (!m_mailbox->isValid()) {

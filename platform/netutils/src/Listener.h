@@ -36,6 +36,10 @@ public:
     // Binds, listens and starts the I/O thread; null with `error` set on failure.
     static std::unique_ptr<Listener> start(const NET_HTTPSERVER_LISTEN_PARAM& param, ConnectionTable& handles,
                                            int& error);
+    // A group of listeners shares its port through SO_REUSEPORT, which would let another
+    // process asking for the same port join the group unnoticed. The group's port is first
+    // claimed by a plain bind: 0 when nobody holds it (and, for port 0, which one is free).
+    static int claimPort(const NET_HTTPSERVER_LISTEN_PARAM& param, uint16_t& port);
     ~Listener();
     Listener(const Listener&) = delete;
     Listener& operator=(const Listener&) = delete;

@@ -189,6 +189,12 @@ long NET_HTTPSERVER_CreateListen(const NET_HTTPSERVER_LISTEN_PARAM* param)
         NET_HTTPSERVER_LISTEN_PARAM share = *param;
         share.dwMaxConnections = shareOf(param->dwMaxConnections, threads);
         share.dwMaxPerAddress = shareOf(param->dwMaxPerAddress, threads);
+        if (threads > 1) {
+            const int error = Listener::claimPort(share, share.wPort);
+            if (error != NET_ERR_NONE) {
+                return fail(error);
+            }
+        }
         std::vector<std::unique_ptr<Listener>> group;
         for (int i = 0; i < threads; ++i) {
             int error = NET_ERR_NONE;

@@ -368,6 +368,15 @@ TEST_P(FileTest, SeveralIoThreadsShareOnePortAndEachSendsItsConnectionsFiles)
     NET_HTTPSERVER_LISTEN_PARAM param{};
     param.byIoThreads = 3;
     startListenWith(param);
+    // Nobody joins the group by asking for its port, with one thread or several.
+    for (uint8_t threads : {1, 3}) {
+        NET_HTTPSERVER_LISTEN_PARAM second = param;
+        strcpy(second.szAddress, "127.0.0.1");
+        second.wPort = static_cast<uint16_t>(m_port);
+        second.byIoThreads = threads;
+        second.fnCallback = [](int, void*, void*) {};
+        EXPECT_LT(NET_HTTPSERVER_CreateListen(&second), 0) << "threads " << int(threads);
+    }
     const std::string data = patternBytes(300000);
     writeFile(data);
     std::vector<TestClient> clients(12);
