@@ -73,6 +73,13 @@ bool TalkPacer::add(const void* key, Clock::duration period, std::function<void(
 void TalkPacer::remove(const void* key)
 {
     std::unique_lock<std::mutex> lock(m_lock);
+    auto found = m_paced.find(key);
+    if (found == m_paced.end()) {
+        return;
+    }
+    // Marked first: a pacer that is catching up, or wakes again before this thread gets the
+    // lock back, would otherwise go on sending and hold the remover for as long as it likes.
+    found->second.removed = true;
     m_idle.wait(lock, [this, key] { return m_running != key; });
     m_paced.erase(key);
 }
@@ -89,9 +96,13 @@ void TalkPacer::arm()
     if (m_stopping) {
         spec = timerAt(Clock::time_point());
     } else if (!m_paced.empty()) {
-        auto earliest = std::min_element(m_paced.begin(), m_paced.end(),
-                                         [](const auto& a, const auto& b) { return a.second.due < b.second.due; });
-        spec = timerAt(earliest->second.due);
+        // A removed talk waits only for its remover to take it out: it never sets the timer.
+        auto earliest = std::min_element(m_paced.begin(), m_paced.end(), [](const auto& a, const auto& b) {
+            return !a.second.removed && (b.second.removed || a.second.due < b.second.due);
+        });
+        if (!earliest->second.removed) {
+            spec = timerAt(earliest->second.due);
+        }
     }
     timerfd_settime(m_timer, TFD_TIMER_ABSTIME, &spec, nullptr);
 }
@@ -110,13 +121,13 @@ void TalkPacer::run()
         const Clock::time_point now = Clock::now();
         m_due.clear();
         for (const auto& entry : m_paced) {
-            if (entry.second.due <= now + kBatchWindow) {
+            if (!entry.second.removed && entry.second.due <= now + kBatchWindow) {
                 m_due.push_back(entry.first);
             }
         }
         for (const void* key : m_due) {
             auto found = m_paced.find(key);
-            if (found == m_paced.end()) {
+            if (found == m_paced.end() || found->second.removed) {
                 continue;  // removed meanwhile
             }
             // The entry stays while it runs: remove waits for it.
@@ -125,7 +136,7 @@ void TalkPacer::run()
             // A pacer held up for a few packet times catches up at once, so every link
             // keeps the codec's rate; audio older than that is lost, as a microphone's
             // would be, rather than sent in a burst that never ends.
-            for (int sent = 0; paced.due <= now + kBatchWindow; ++sent) {
+            for (int sent = 0; !paced.removed && paced.due <= now + kBatchWindow; ++sent) {
                 if (sent == kMostCaughtUp) {
                     paced.due = now + paced.period;
                     break;

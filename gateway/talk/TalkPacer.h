@@ -36,7 +36,8 @@ private:
         Clock::duration period;
         Clock::time_point due;
         std::function<void()> packet;
-        bool first;  // its first packet is still to be sent
+        bool first;            // its first packet is still to be sent
+        bool removed = false;  // remove waits for its running packet: nothing more is sent
     };
 
     void run();
