@@ -9,6 +9,7 @@
 
 #include "base/IsoTime.h"
 #include "console/TalkTranscoder.h"
+#include "media/RecordingsListing.h"
 
 namespace {
 
@@ -38,10 +39,7 @@ std::string consoleDevicesJson(const MediaLibrary& library, const TalkDeviceSet&
     for (const DeviceMedia& media : library.devices()) {
         const DeviceConfig& device = media.device;
         Json::Value entry(Json::objectValue);
-        entry["devIndex"] = device.devIndex;
-        entry["name"] = device.name;
-        entry["address"] = device.address;
-        entry["rtspPort"] = device.rtspPort;
+        describeDevice(device, entry);
         entry["recordingCount"] = static_cast<Json::UInt64>(media.recordings.size());
         const TalkDevice* talker = talkDeviceOf(library, talking, device.devIndex);
         if (talker != nullptr) {

@@ -36,6 +36,7 @@
 #include "console/ConsoleSessions.h"
 #include "console/DownloadRelay.h"
 #include "console/TalkBridge.h"
+#include "ops/AcceptorOpen.h"
 #include "media/MediaCatalog.h"
 #include "talk/TalkDevices.h"
 
@@ -968,24 +969,8 @@ public:
             }
         }
         beast::error_code failure;
-        const auto host = net::ip::make_address(config.console.host, failure);
-        if (!failure) {
-            const tcp::endpoint endpoint(host, static_cast<unsigned short>(config.console.port));
-            m_acceptor.open(endpoint.protocol(), failure);
-            if (!failure) {
-                m_acceptor.set_option(net::socket_base::reuse_address(true), failure);
-            }
-            if (!failure) {
-                m_acceptor.bind(endpoint, failure);
-            }
-            if (!failure) {
-                m_acceptor.listen(net::socket_base::max_listen_connections, failure);
-            }
-        }
-        if (failure) {
+        if (!openAcceptor(m_acceptor, config.console, failure)) {
             error = "console " + listenAddressText(config.console.host, config.console.port) + ": " + failure.message();
-            beast::error_code ignored;
-            m_acceptor.close(ignored);
             return false;
         }
         m_port = m_acceptor.local_endpoint(failure).port();

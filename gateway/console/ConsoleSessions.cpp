@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "base/Md5.h"
+#include "base/TextHelpers.h"
 
 ConsoleSessions::ConsoleSessions(int64_t idleSeconds, PasswordLookup passwordOf, std::function<int64_t()> now)
     : m_idleSeconds(idleSeconds), m_passwordOf(std::move(passwordOf)), m_now(now), m_throttle(now)
@@ -138,20 +139,6 @@ bool originMatches(const std::string& origin, const std::string& host, bool tls)
 }
 
 namespace {
-
-int hexDigit(char c)
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
 
 // False on a broken %-escape.
 bool formDecode(const std::string& text, std::string& decoded)

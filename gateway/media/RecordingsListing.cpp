@@ -4,16 +4,21 @@
 
 #include "base/IsoTime.h"
 
+void describeDevice(const DeviceConfig& device, Json::Value& entry)
+{
+    entry["devIndex"] = device.devIndex;
+    entry["name"] = device.name;
+    entry["address"] = device.address;
+    entry["rtspPort"] = device.rtspPort;
+}
+
 std::string recordingsListing(const MediaLibrary& library)
 {
     Json::Value devices(Json::arrayValue);
     for (const DeviceMedia& media : library.devices()) {
         const DeviceConfig& device = media.device;
         Json::Value entry(Json::objectValue);
-        entry["devIndex"] = device.devIndex;
-        entry["name"] = device.name;
-        entry["address"] = device.address;
-        entry["rtspPort"] = device.rtspPort;
+        describeDevice(device, entry);
         if (device.talk.enabled) {
             entry["talkChannel"] = device.talk.channel;
         }

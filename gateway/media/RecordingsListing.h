@@ -15,6 +15,12 @@
 
 #include "media/MediaLibrary.h"
 
+namespace Json {
+class Value;
+}
+
 std::string recordingsListing(const MediaLibrary& library);
+// What every listing says of a device: its devIndex, name, address and RTSP port.
+void describeDevice(const DeviceConfig& device, Json::Value& entry);
 
 #endif  // GATEWAY_RECORDINGS_LISTING_H

@@ -17,6 +17,7 @@
 
 #include "auth/BearerToken.h"
 #include "base/Logger.h"
+#include "ops/AcceptorOpen.h"
 
 namespace beast = boost::beast;
 namespace http = beast::http;
@@ -215,26 +216,8 @@ public:
     {
         m_shared.token = token;
         beast::error_code failure;
-        const auto host = net::ip::make_address(address.host, failure);
-        if (!failure) {
-            const tcp::endpoint endpoint(host, static_cast<unsigned short>(address.port));
-            m_acceptor.open(endpoint.protocol(), failure);
-            if (!failure) {
-                // Lets a restarted gateway bind while its old connections linger; never SO_REUSEPORT,
-                // which would let a second process share the port.
-                m_acceptor.set_option(net::socket_base::reuse_address(true), failure);
-            }
-            if (!failure) {
-                m_acceptor.bind(endpoint, failure);
-            }
-            if (!failure) {
-                m_acceptor.listen(net::socket_base::max_listen_connections, failure);
-            }
-        }
-        if (failure) {
+        if (!openAcceptor(m_acceptor, address, failure)) {
             error = failure.message();
-            beast::error_code ignored;
-            m_acceptor.close(ignored);
             return false;
         }
         m_port = m_acceptor.local_endpoint(failure).port();
