@@ -54,10 +54,7 @@ std::string consoleDevicesJson(const MediaLibrary& library, const TalkDeviceSet&
             entry["recordings"] = Json::Value(Json::arrayValue);
             for (const Recording& recording : media.recordings) {
                 Json::Value item(Json::objectValue);
-                item["name"] = recording.name;
-                item["size"] = static_cast<Json::UInt64>(recording.size);
-                item["starttime"] = formatIsoTime(recording.start);
-                item["endtime"] = formatIsoTime(recording.end);
+                describeRecording(recording, item);
                 entry["recordings"].append(item);
             }
         }

@@ -12,6 +12,14 @@ void describeDevice(const DeviceConfig& device, Json::Value& entry)
     entry["rtspPort"] = device.rtspPort;
 }
 
+void describeRecording(const Recording& recording, Json::Value& item)
+{
+    item["name"] = recording.name;
+    item["size"] = static_cast<Json::UInt64>(recording.size);
+    item["starttime"] = formatIsoTime(recording.start);
+    item["endtime"] = formatIsoTime(recording.end);
+}
+
 std::string recordingsListing(const MediaLibrary& library)
 {
     Json::Value devices(Json::arrayValue);
@@ -25,10 +33,7 @@ std::string recordingsListing(const MediaLibrary& library)
         entry["recordings"] = Json::Value(Json::arrayValue);
         for (const Recording& recording : media.recordings) {
             Json::Value item(Json::objectValue);
-            item["name"] = recording.name;
-            item["size"] = static_cast<Json::UInt64>(recording.size);
-            item["starttime"] = formatIsoTime(recording.start);
-            item["endtime"] = formatIsoTime(recording.end);
+            describeRecording(recording, item);
             item["playbackURI"] = "rtsp://" + device.address + ":" + std::to_string(device.rtspPort) +
                                   "/Streaming/tracks/101/playback?starttime=" + formatIsoTime(recording.start) +
                                   "&endtime=" + formatIsoTime(recording.end) + "&name=" + recording.name +

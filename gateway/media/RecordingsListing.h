@@ -22,5 +22,7 @@ class Value;
 std::string recordingsListing(const MediaLibrary& library);
 // What every listing says of a device: its devIndex, name, address and RTSP port.
 void describeDevice(const DeviceConfig& device, Json::Value& entry);
+// What every listing says of a recording: its name, size, start and end.
+void describeRecording(const Recording& recording, Json::Value& item);
 
 #endif  // GATEWAY_RECORDINGS_LISTING_H

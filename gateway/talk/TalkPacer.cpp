@@ -18,12 +18,12 @@ constexpr int kMostCaughtUp = 5;
 struct itimerspec timerAt(TalkPacer::Clock::time_point at)
 {
     const auto since = std::chrono::duration_cast<std::chrono::nanoseconds>(at.time_since_epoch()).count();
-    struct itimerspec spec = {};
+    struct itimerspec setting = {};
     // Zero would disarm the timer: a time already past is one nanosecond.
     const int64_t nanoseconds = std::max<int64_t>(since, 1);
-    spec.it_value.tv_sec = static_cast<time_t>(nanoseconds / 1000000000);
-    spec.it_value.tv_nsec = static_cast<long>(nanoseconds % 1000000000);
-    return spec;
+    setting.it_value.tv_sec = static_cast<time_t>(nanoseconds / 1000000000);
+    setting.it_value.tv_nsec = static_cast<long>(nanoseconds % 1000000000);
+    return setting;
 }
 
 // The first multiple of period (counted from the clock's epoch) at or after at.
@@ -92,19 +92,19 @@ int TalkPacer::count()
 
 void TalkPacer::arm()
 {
-    struct itimerspec spec = {};  // zero: disarmed
+    struct itimerspec setting = {};  // zero: disarmed
     if (m_stopping) {
-        spec = timerAt(Clock::time_point());
+        setting = timerAt(Clock::time_point());
     } else if (!m_paced.empty()) {
         // A removed talk waits only for its remover to take it out: it never sets the timer.
         auto earliest = std::min_element(m_paced.begin(), m_paced.end(), [](const auto& a, const auto& b) {
             return !a.second.removed && (b.second.removed || a.second.due < b.second.due);
         });
         if (!earliest->second.removed) {
-            spec = timerAt(earliest->second.due);
+            setting = timerAt(earliest->second.due);
         }
     }
-    timerfd_settime(m_timer, TFD_TIMER_ABSTIME, &spec, nullptr);
+    timerfd_settime(m_timer, TFD_TIMER_ABSTIME, &setting, nullptr);
 }
 
 void TalkPacer::run()
