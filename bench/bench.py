@@ -663,8 +663,8 @@ def main():
     parser.add_argument("--cases", default=",".join(CASES),
                         help="comma-separated subset of %s (default all)" % ", ".join(CASES))
     parser.add_argument("--keep", action="store_true", help="keep the temporary folder (logs, configurations)")
-    parser.add_argument("--delivery", default="loop", choices=("loop", "loop-read"),
-                        help="how \"ours\" sends files from its event loops (default loop: sendfile)")
+    parser.add_argument("--delivery", default="loop", choices=("loop", "loop-sendfile"),
+                        help="how \"ours\" sends files from its event loops (default loop: reads into a buffer)")
     parser.add_argument("--profile", action="store_true",
                         help="also count system calls, context switches and wake-ups per 32 KiB (perf, root)")
     args = parser.parse_args()

@@ -123,13 +123,13 @@ void readServer(const Json::Value& server, GatewayConfig& config)
     readInt(server, field, "reserveFds", 16, 1000000, config.reserveFds);
     readInt(server, field, "minDeliveryRate", 0, 1 << 30, config.minDeliveryRate);
     readInt(server, field, "minDeliveryRateSeconds", 5, 3600, config.minDeliveryRateSeconds);
-    std::string delivery = !config.loopDelivery ? "blocking" : config.loopSendfile ? "loop" : "loop-read";
+    std::string delivery = !config.loopDelivery ? "blocking" : config.loopSendfile ? "loop-sendfile" : "loop";
     readString(server, field, "delivery", delivery);
-    if (delivery != "loop" && delivery != "loop-read" && delivery != "blocking") {
-        throw ConfigProblem{"server.delivery", "must be loop, loop-read or blocking"};
+    if (delivery != "loop" && delivery != "loop-sendfile" && delivery != "blocking") {
+        throw ConfigProblem{"server.delivery", "must be loop, loop-sendfile or blocking"};
     }
     config.loopDelivery = delivery != "blocking";
-    config.loopSendfile = delivery == "loop";
+    config.loopSendfile = delivery == "loop-sendfile";
 }
 
 // Every listener has a port known before the start: the audio channel's is the

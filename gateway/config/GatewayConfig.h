@@ -72,12 +72,13 @@ struct GatewayConfig {
     // averaged over minDeliveryRateSeconds, ends ("too_slow"); 0: no minimum.
     int minDeliveryRate = 8192;
     int minDeliveryRateSeconds = 30;
-    // "loop": a download's file is handed to the plug-in, whose event loops send it with sendfile(2), so a
-    // download holds neither a thread nor a block; "loop-read": the same, the loops reading the file into
-    // a buffer of their own (more CPU per byte, see bench/RESULTS.md); "blocking": a thread per download
-    // sends it in blocks through Send, as gateways that do not ask for the loop see it.
+    // "loop": a download's file is handed to the plug-in, whose event loops read it into a buffer of their
+    // own and send it whenever the socket has room, so a download holds neither a thread nor a block;
+    // "loop-sendfile": the same with sendfile(2) (a third of the gateway's CPU per byte, but a client on the
+    // same machine pays twice as much to receive it, see bench/RESULTS.md); "blocking": a thread per
+    // download sends it in blocks through Send, as gateways that do not ask for the loop see it.
     bool loopDelivery = true;
-    bool loopSendfile = true;
+    bool loopSendfile = false;
     // The plug-in's I/O threads on the HTTP port, which send the handed-over files: one per core.
     int ioThreads() const;
 

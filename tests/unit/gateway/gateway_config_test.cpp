@@ -126,7 +126,7 @@ TEST(GatewayConfigFile, RefusalsNameTheOffendingField)
         {R"({"server":{"headTimeout":50}})", "server.headTimeout:"},
         {R"({"server":{"maxConnections":1}})", "server.maxConnections:"},
         {R"({"server":{"minDeliveryRateSeconds":1}})", "server.minDeliveryRateSeconds:"},
-        {R"({"server":{"delivery":"fast"}})", "server.delivery: must be loop, loop-read or blocking"},
+        {R"({"server":{"delivery":"fast"}})", "server.delivery: must be loop, loop-sendfile or blocking"},
         {R"({"log":{"level":"loud"}})", "log.level:"},
         {R"({"log":{"format":"xml"}})", "log.format:"},
         {R"({"admin":{}})", "admin.listen:"},
