@@ -92,7 +92,7 @@ ZRT_INT32 postOperation(int sock, OpKind kind, char* buffer, int length, void* c
                             handle->sends.pop();
                             completeLocked(handle, posted, ENOMEM, static_cast<unsigned long>(posted->transferred));
                         }
-                    } else {
+                    } else if (handle->mayHaveInput) {
                         driveRecvs(handle);
                     }
                 }

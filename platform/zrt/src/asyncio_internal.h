@@ -126,6 +126,9 @@ struct AsyncHandle {
     OpList recvs;
     OpList completed;
     bool unbound = false;
+    // False once a read found nothing, until the poller sees data come: a receive
+    // posted meanwhile waits for the poller instead of trying a read that fails.
+    bool mayHaveInput = true;
     bool scheduled = false;    // on the ready list or being dispatched
     bool dispatching = false;  // one of its callbacks runs right now
     int idleWaiters = 0;

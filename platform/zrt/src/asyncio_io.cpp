@@ -88,6 +88,7 @@ void driveRecvs(AsyncHandle* handle)
                 continue;
             }
             if (wouldBlock(error)) {
+                handle->mayHaveInput = false;
                 return;
             }
             handle->recvs.pop();

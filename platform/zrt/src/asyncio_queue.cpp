@@ -19,17 +19,22 @@ struct AsyncQueue {
 
     // Guards the ready list, the free-standing completions, the wake-up state and stopping.
     std::mutex readyLock;
-    std::condition_variable readyCv;
+    std::condition_variable readyCv;    // sleeping completion threads
+    std::condition_variable standbyCv;  // the one on standby
     AsyncHandle* readyHead = nullptr;
     AsyncHandle* readyTail = nullptr;
     OpList loose;  // posted completions that belong to no socket
     bool stopping = false;
-    // One wake-up serves a batch of completions: a completion wakes a thread only
-    // when one sleeps and none is being woken already; a thread that takes work
-    // and leaves more behind wakes the next. A burst of completions (a hundred
-    // talks' packets sent in one go) costs one or two wake-ups, not one each.
+    // A burst of completions (a hundred talks' packets sent in one go) is run by
+    // the thread already at work rather than by a wake-up each: new work wakes a
+    // thread only when none is at work. While threads are at work one more waits
+    // on standby and takes work too when none was taken for a moment, so that
+    // callbacks that block still get every thread, one after another.
     int sleepingWorkers = 0;
-    bool wakePending = false;
+    bool wakePending = false;  // a sleeping thread is being woken
+    int activeWorkers = 0;     // threads running callbacks
+    bool standby = false;
+    uint64_t takes = 0;  // work taken so far: the standby's measure of progress
 
     ZRT_THREAD_T poller = ZRT_INVALID_THREAD;
     ZRT_THREAD_T* workers = nullptr;
@@ -46,6 +51,9 @@ constexpr int kPollBatch = 128;
 // Callbacks of one socket run before the socket goes to the back of the ready
 // list, so one busy socket cannot hold a completion thread forever.
 constexpr int kDispatchBatch = 16;
+// How long the standby lets the threads at work go without taking anything
+// before it takes work itself. Short enough for a talk's packet time.
+constexpr auto kStandbyCheck = std::chrono::milliseconds(1);
 constexpr uint64_t kWakeTag = ~static_cast<uint64_t>(0);  // epoll tag of the eventfd; sockets use their number
 
 thread_local AsyncQueue* t_queue = nullptr;               // queue whose thread this is
@@ -65,15 +73,29 @@ AsyncHandle* popReady(AsyncQueue* queue)
     return handle;
 }
 
-// Caller holds queue->readyLock and has just added work; true when it must notify one thread
-// after letting the lock go.
-bool takeWakeTurn(AsyncQueue* queue)
+enum class Wake { None, Sleeper, Standby };
+
+// Caller holds queue->readyLock and work is waiting; says whom to notify after letting the lock go.
+Wake wakeFor(AsyncQueue* queue)
 {
-    if (queue->sleepingWorkers == 0 || queue->wakePending) {
-        return false;  // every thread is at work and will look again, or one is being woken
+    if (queue->activeWorkers == 0 && queue->standby) {
+        return Wake::Standby;  // nobody at work: the standby takes it now
+    }
+    const bool wanted = queue->activeWorkers == 0 || !queue->standby;  // a taker, or a standby to watch
+    if (!wanted || queue->sleepingWorkers == 0 || queue->wakePending) {
+        return Wake::None;
     }
     queue->wakePending = true;
-    return true;
+    return Wake::Sleeper;
+}
+
+void notify(AsyncQueue* queue, Wake wake)
+{
+    if (wake == Wake::Sleeper) {
+        queue->readyCv.notify_one();
+    } else if (wake == Wake::Standby) {
+        queue->standbyCv.notify_one();
+    }
 }
 
 bool hasWork(const AsyncQueue* queue)
@@ -84,7 +106,7 @@ bool hasWork(const AsyncQueue* queue)
 // Takes over the caller's reference to handle.
 void pushReady(AsyncQueue* queue, AsyncHandle* handle)
 {
-    bool wake = false;
+    Wake wake = Wake::None;
     {
         std::lock_guard<std::mutex> guard(queue->readyLock);
         handle->readyNext = nullptr;
@@ -94,11 +116,9 @@ void pushReady(AsyncQueue* queue, AsyncHandle* handle)
             queue->readyTail->readyNext = handle;
         }
         queue->readyTail = handle;
-        wake = takeWakeTurn(queue);
+        wake = wakeFor(queue);
     }
-    if (wake) {
-        queue->readyCv.notify_one();
-    }
+    notify(queue, wake);
 }
 
 void runCallback(AsyncOp* op)
@@ -140,40 +160,55 @@ void dispatchHandle(AsyncQueue* queue, AsyncHandle* handle)
     }
 }
 
+// Caller holds queue->readyLock. Waits until this thread should take work; false when the queue stops.
+bool awaitTurn(AsyncQueue* queue, std::unique_lock<std::mutex>& lock)
+{
+    for (;;) {
+        if (queue->stopping) {
+            return false;
+        }
+        if (hasWork(queue) && queue->activeWorkers == 0) {
+            return true;
+        }
+        if (!hasWork(queue) || queue->standby) {
+            ++queue->sleepingWorkers;
+            queue->readyCv.wait(lock);
+            --queue->sleepingWorkers;
+            queue->wakePending = false;  // this thread is the one woken (or woke by itself)
+            continue;
+        }
+        // Work waits while others are at work: watch whether they take it.
+        const uint64_t seen = queue->takes;
+        queue->standby = true;
+        queue->standbyCv.wait_for(lock, kStandbyCheck);
+        queue->standby = false;
+        if (!queue->stopping && hasWork(queue) && (queue->takes == seen || queue->activeWorkers == 0)) {
+            return true;  // they are stuck in callbacks, or done
+        }
+    }
+}
+
 void* completionThread(void* arg)
 {
     AsyncQueue* queue = static_cast<AsyncQueue*>(arg);
     t_queue = queue;
-    for (;;) {
-        AsyncHandle* handle = nullptr;
-        AsyncOp* loose = nullptr;
-        bool wakeNext = false;
-        {
-            std::unique_lock<std::mutex> lock(queue->readyLock);
-            while (!queue->stopping && !hasWork(queue)) {
-                ++queue->sleepingWorkers;
-                queue->readyCv.wait(lock);
-                --queue->sleepingWorkers;
-                queue->wakePending = false;  // this thread is the one woken (or woke by itself)
-            }
-            if (queue->stopping) {
-                break;
-            }
-            loose = queue->loose.pop();
-            if (loose == nullptr) {
-                handle = popReady(queue);
-            }
-            wakeNext = hasWork(queue) && takeWakeTurn(queue);
-        }
-        if (wakeNext) {
-            queue->readyCv.notify_one();
-        }
+    std::unique_lock<std::mutex> lock(queue->readyLock);
+    while (awaitTurn(queue, lock)) {
+        AsyncOp* loose = queue->loose.pop();
+        AsyncHandle* handle = loose == nullptr ? popReady(queue) : nullptr;
+        ++queue->takes;
+        ++queue->activeWorkers;
+        const Wake wake = hasWork(queue) ? wakeFor(queue) : Wake::None;
+        lock.unlock();
+        notify(queue, wake);
         if (loose != nullptr) {
             runCallback(loose);
-            continue;
+        } else {
+            dispatchHandle(queue, handle);
+            handleRelease(handle);
         }
-        dispatchHandle(queue, handle);
-        handleRelease(handle);
+        lock.lock();
+        --queue->activeWorkers;
     }
     return nullptr;
 }
@@ -190,6 +225,7 @@ void serviceSocket(AsyncQueue* queue, int sock, uint32_t events)
         std::lock_guard<std::mutex> guard(handle->mutex);
         if (!handle->unbound) {
             if (events & (EPOLLIN | EPOLLRDHUP | EPOLLERR | EPOLLHUP)) {
+                handle->mayHaveInput = true;
                 driveRecvs(handle);
             }
             if (events & (EPOLLOUT | EPOLLERR | EPOLLHUP)) {
@@ -232,6 +268,7 @@ void stopThreads(AsyncQueue* queue)
         queue->stopping = true;
     }
     queue->readyCv.notify_all();
+    queue->standbyCv.notify_all();
     queue->pollerStop.store(true);
     if (queue->wakeFd >= 0) {
         uint64_t one = 1;
@@ -327,18 +364,16 @@ void completeLocked(AsyncHandle* handle, AsyncOp* op, unsigned long error, unsig
 
 bool queuePostLoose(AsyncQueue* queue, AsyncOp* op)
 {
-    bool wake = false;
+    Wake wake = Wake::None;
     {
         std::lock_guard<std::mutex> guard(queue->readyLock);
         if (queue->stopping) {
             return false;
         }
         queue->loose.push(op);
-        wake = takeWakeTurn(queue);
+        wake = wakeFor(queue);
     }
-    if (wake) {
-        queue->readyCv.notify_one();
-    }
+    notify(queue, wake);
     return true;
 }
 
