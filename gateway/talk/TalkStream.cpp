@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include <ext/StreamBlockLayout.h>
@@ -82,7 +83,11 @@ void TalkStream::stop()
     // No start follows the request, and no packet follows the removal.
     m_pacer.remove(this);
     std::lock_guard<std::mutex> guard(m_captureLock);
-    m_capture.close();
+    if (!m_capture.close() && !m_captureFailed) {
+        m_captureFailed = true;
+        m_log.logf(kLogError, "talk %llu: %s cannot grow: %s; its last second is not kept",
+                   static_cast<unsigned long long>(m_setup.id), m_capture.path().c_str(), strerror(errno));
+    }
     // A talk in which the client said nothing (it only listened, or its link
     // was refused) keeps no file: an empty capture reads like a lost recording.
     if (!m_captureDropped && !m_capture.path().empty() && m_capture.bytes() == 0) {
@@ -105,10 +110,12 @@ void TalkStream::sendPacket()
     // as a microphone's would be.
     const std::string& audio = *m_setup.audio;
     const size_t packet = m_block.size();
-    for (size_t i = 0; i < packet; ++i) {
-        m_block[i] = audio[(m_offset + i) % audio.size()];
+    for (size_t filled = 0; filled < packet;) {
+        const size_t piece = std::min(packet - filled, audio.size() - m_offset);
+        memcpy(&m_block[filled], audio.data() + m_offset, piece);
+        filled += piece;
+        m_offset = (m_offset + piece) % audio.size();
     }
-    m_offset = (m_offset + packet) % audio.size();
     if (server->Send(m_data, 0, PROTOCOL_WRAPPER::STREAM_DATA, &m_block[0], static_cast<int>(packet)) == 0) {
         m_bytesToClient += packet;
         m_metrics.addTalkBytesToClient(packet);
