@@ -32,7 +32,9 @@ TEST(GatewayConfigFile, NoDocumentGivesOneUserOneDeviceAndTheServerUrl)
     const std::string bounds = "&headTimeout=10000&maxConnections=2048&maxConnectionsPerAddress=512&reserveFds=256";
     EXPECT_EQ(buildServerUrl(config),
               "http://127.0.0.1:8080?work_thread=8&sendTimeout=5000&recvTimeout=30000&audioTalkPort=8081" + optIns +
-                  "&sendfile=1&ioThreads=" + std::to_string(config.ioThreads()) + bounds);
+                  "&ioThreads=" + std::to_string(config.ioThreads()) + bounds);
+    config.loopSendfile = true;  // loop-sendfile
+    EXPECT_NE(buildServerUrl(config).find("&sendfile=1&ioThreads="), std::string::npos);
 }
 
 // Clients must know the audio port: it is never left for the plug-in to pick.
