@@ -29,14 +29,7 @@ def timed_get(port, path, headers=None, timeout=1.0):
 
 
 class AdminCase(h.GatewayCase):
-    def setUp(self):
-        self.admin_port = h.free_port()
-        super().setUp()
-
-    def config(self):
-        config = super().config()
-        config["admin"] = {"listen": "127.0.0.1:%d" % self.admin_port}
-        return config
+    ADMIN = True
 
 
 class SlowClients(AdminCase):

@@ -28,18 +28,7 @@ def readme_block(containing):
     return blocks[0]
 
 
-class ReadmeExamples(h.GatewayCase):
-    """The gateway as `make run` starts it: built-in defaults, the sample written into the media folder."""
-
-    def config(self):
-        return None
-
-    def prepare_media(self):
-        pass
-
-    def start_gateway(self, config, *extra):
-        return self.gateway.start(None, "--port", str(self.port), "--media", self.media, "--sample")
-
+class ReadmeExamples(h.SampleGatewayCase):
     def run_block(self, containing):
         """Runs the README block in a fresh folder, with this gateway's port and media folder; its output."""
         script = readme_block(containing).replace("127.0.0.1:8080", "127.0.0.1:%d" % self.port)
