@@ -3,12 +3,10 @@ clients hold connections, which are closed at their deadline; off loopback every
 import http.client
 import os
 import socket
-import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 TOKEN = "e2e-admin-token-0123456789"
 

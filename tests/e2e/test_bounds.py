@@ -1,15 +1,12 @@
 """What a client can hold of the gateway: connections on both ports with a deadline and a bound, download
 slots that a client which stops reading (or crawls) gives back, and descriptors that a flood of one port
 leaves for the other."""
-import os
 import re
 import resource
 import socket
-import sys
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 import gateway_client  # noqa: E402
 
 MIB = 1024 * 1024

@@ -6,11 +6,9 @@ import os
 import socket
 import ssl
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 
 def sign_in_reply(port, password, origin=True, connection_class=http.client.HTTPConnection, **options):

@@ -3,10 +3,8 @@ one takes no new request while its running download and talk go on to their end,
 breaks a rule of the device list changes nothing."""
 import os
 import signal
-import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 from test_operations import OperatedGateway  # noqa: E402
 
 GATE = "e2e00000-0000-4000-8000-00000000ca7e"  # comes with the reload, at 127.0.0.1:9554 on channel 5

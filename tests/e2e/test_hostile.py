@@ -13,14 +13,12 @@ import re
 import signal
 import socket
 import subprocess
-import sys
 import time
 
 import requests
 from requests.auth import HTTPDigestAuth
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 import talk  # noqa: E402  (tools/, on the path through the harness)
 

@@ -3,12 +3,10 @@ import os
 import signal
 import socket
 import subprocess
-import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 
 class StartRefusals(unittest.TestCase):

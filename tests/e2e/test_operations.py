@@ -6,11 +6,9 @@ import shutil
 import signal
 import socket
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 BIG = 24 * 1024 * 1024  # read slowly, it keeps a download open for seconds
 PATH = "/QUMEX/ContentMgmt/download?format=json&devIndex=" + h.CAMERA

@@ -6,12 +6,10 @@ travel the whole way through the real plug-in.
 import math
 import os
 import re
-import sys
 import time
 import urllib.request
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 UNKNOWN = "e2e00000-0000-4000-8000-00000000dead"
 

@@ -7,14 +7,12 @@ import os
 import signal
 import socket
 import subprocess
-import sys
 import threading
 import time
 import unittest
 import warnings
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 import talk  # noqa: E402  (tools/, on the path through the harness)
 
