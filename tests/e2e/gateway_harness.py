@@ -12,7 +12,6 @@ import os
 import random
 import re
 import shutil
-import socket
 import struct
 import subprocess
 import sys
@@ -20,7 +19,9 @@ import tempfile
 import time
 import unittest
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
+TOOLS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools")
+TALK = os.path.join(TOOLS, "talk.py")
+sys.path.insert(0, TOOLS)
 import gateway_client  # noqa: E402
 from gateway_client import free_port, free_port_pair, md5  # noqa: E402,F401  (the tests' own names for them)
 
@@ -59,16 +60,29 @@ def playback_uri(device=DEVICE, name=None, size=None, start=START, end=END):
     return uri + "&devIndex=%s" % device
 
 
+XML_PATH = "/QUMEX/ContentMgmt/download"
+
+
+def json_path(device=DEVICE):
+    return XML_PATH + "?format=json&devIndex=" + device
+
+
+def json_body(uri):
+    return json.dumps({"downloadRequest": {"playbackURI": uri}})
+
+
+def xml_body(uri):
+    return "<downloadRequest><playbackURI>%s</playbackURI></downloadRequest>" % uri.replace("&", "&amp;")
+
+
 def json_download_args(port, uri, device=DEVICE):
-    url = "http://127.0.0.1:%d/QUMEX/ContentMgmt/download?format=json&devIndex=%s" % (port, device)
-    body = json.dumps({"downloadRequest": {"playbackURI": uri}})
-    return ["-X", "POST", url, "-H", "Content-Type: application/json", "--data-binary", body]
+    url = "http://127.0.0.1:%d%s" % (port, json_path(device))
+    return ["-X", "POST", url, "-H", "Content-Type: application/json", "--data-binary", json_body(uri)]
 
 
 def xml_download_args(port, uri):
-    url = "http://127.0.0.1:%d/QUMEX/ContentMgmt/download" % port
-    body = "<downloadRequest><playbackURI>%s</playbackURI></downloadRequest>" % uri.replace("&", "&amp;")
-    return ["-X", "GET", url, "-H", "Content-Type: application/xml", "--data-binary", body]
+    url = "http://127.0.0.1:%d%s" % (port, XML_PATH)
+    return ["-X", "GET", url, "-H", "Content-Type: application/xml", "--data-binary", xml_body(uri)]
 
 
 def digest_authorization(challenge, method, uri, user=USER, password=PASSWORD):
@@ -86,8 +100,11 @@ class CurlResult:
 
 class GatewayCase(unittest.TestCase):
     """One gateway per case: setUp starts it, tearDown stops it and checks exit code 0."""
+    ADMIN = False  # True: the gateway also has its admin endpoint, on loopback at admin_port
 
     def setUp(self):
+        if self.ADMIN:
+            self.admin_port = free_port()
         self.dir = tempfile.mkdtemp(prefix="gateway-e2e-")
         self.media = os.path.join(self.dir, "media")
         self.gateway = gateway_client.GatewayProcess(GATEWAY, self.dir)
@@ -116,9 +133,13 @@ class GatewayCase(unittest.TestCase):
         content = random.Random(device + name).randbytes(size)
         with open(os.path.join(folder, name), "wb") as out:
             out.write(content)
-        with open(os.path.join(folder, "recordings.json"), "w") as out:  # one recording per device
-            json.dump({"recordings": [{"name": name, "starttime": start, "endtime": end}]}, out)
+        self.write_index(device, [name], start, end)  # one recording per device
         self.recordings[(device, name)] = content
+
+    def write_index(self, device, names, start=START, end=END):
+        """The device's recordings.json, listing `names` over one time span."""
+        with open(os.path.join(self.media, device, "recordings.json"), "w") as out:
+            json.dump({"recordings": [{"name": name, "starttime": start, "endtime": end} for name in names]}, out)
 
     def config(self):
         """The case's configuration; None starts the gateway on its built-in defaults."""
@@ -131,6 +152,7 @@ class GatewayCase(unittest.TestCase):
                 {"devIndex": CAMERA, "address": "127.0.0.1", "rtspPort": 8554}]},
             "log": {"level": "info"},
             "plugin": PLUGIN,
+            **({"admin": {"listen": "127.0.0.1:%d" % self.admin_port}} if self.ADMIN else {}),
         }
 
     def port_of_its_own(self):
@@ -144,6 +166,18 @@ class GatewayCase(unittest.TestCase):
     def start_gateway(self, config, *extra):
         return self.gateway.start(config, *extra)
 
+    def write_config(self, config):
+        """Rewrites the running gateway's configuration file for a reload: a dictionary as JSON, text as it is."""
+        with open(self.gateway.config_path, "w") as out:
+            out.write(config if isinstance(config, str) else json.dumps(config))
+
+    def second_gateway(self, config, folder="second"):
+        """Another gateway in a folder of the case's own, started on `config` and stopped with the case."""
+        second = gateway_client.GatewayProcess(GATEWAY, os.path.join(self.dir, folder))
+        second.start(config)
+        self.addCleanup(second.stop, 10)  # a no-op once the case has stopped it
+        return second
+
     def status(self):
         return self.gateway.status()
 
@@ -154,6 +188,12 @@ class GatewayCase(unittest.TestCase):
                 what, "running" if self.gateway.alive() else "exited with %s" % self.process.returncode,
                 self.status(), self.log_tail()))
         return status
+
+    def metrics(self):
+        """The admin endpoint's metrics, {'name{labels}': value}."""
+        status, text = http_get(self.admin_port, "/metrics")
+        self.assertEqual(status, 200)
+        return parse_metrics(text)
 
     def wait_for_log(self, pattern, timeout=5):
         """The gateway's log once it matches pattern; the status file is written before the log line."""
@@ -184,17 +224,29 @@ class GatewayCase(unittest.TestCase):
         final_head = re.split(r"\r\n\r\n(?=HTTP/)", headers.strip())[-1]
         return CurlResult(int(status), final_head, body)
 
-    def challenge(self, method, path, body):
-        """The WWW-Authenticate value of a request without credentials, for tests that compute their own."""
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=60)
+    def send(self, method, path, body=b"", headers=None, timeout=15, port=None):
+        """(status, body bytes, response) of one request to the gateway (or `port`), without retrying anything."""
+        connection = http.client.HTTPConnection("127.0.0.1", port or self.port, timeout=timeout)
         try:
-            connection.request(method, path, body=body)
+            connection.request(method, path, body=body, headers=headers or {})
             response = connection.getresponse()
-            response.read()
-            self.assertEqual(response.status, 401)
-            return response.getheader("WWW-Authenticate", "")
+            return response.status, response.read(), response
         finally:
             connection.close()
+
+    def talk_tool(self, *args, password=PASSWORD, audio_port=None, wait=True):
+        """tools/talk.py against this gateway: its finished run, or with wait=False the running process."""
+        command = [sys.executable, TALK, "--user", "%s:%s" % (USER, password),
+                   *(["--audio-port", str(audio_port)] if audio_port else []), *args, "http://127.0.0.1:%d" % self.port]
+        if not wait:
+            return subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        return subprocess.run(command, capture_output=True, timeout=60)
+
+    def challenge(self, method, path, body, port=None):
+        """The WWW-Authenticate value of a request without credentials, for tests that compute their own."""
+        status, _, response = self.send(method, path, body, timeout=60, port=port)
+        self.assertEqual(status, 401)
+        return response.getheader("WWW-Authenticate", "")
 
     def assert_recording_body(self, body, device, name):
         """The body is the 40-byte stream head followed by the recording file, byte for byte."""
@@ -203,6 +255,20 @@ class GatewayCase(unittest.TestCase):
         magic, version, head_length, file_length = struct.unpack_from("<4sHHQ", body)
         self.assertEqual((magic, version, head_length, file_length), (b"MGRH", 1, HEAD_SIZE, len(content)))
         self.assertTrue(body[HEAD_SIZE:] == content, "body differs from %s" % name)
+
+
+class SampleGatewayCase(GatewayCase):
+    """The gateway as `make run` starts it: no configuration file, its built-in defaults, and the sample it
+    writes into the media folder; the plug-in found at its default place, ../lib beside the executable's."""
+
+    def config(self):
+        return None
+
+    def prepare_media(self):
+        pass
+
+    def start_gateway(self, config, *extra):
+        return self.gateway.start(None, "--port", str(self.port), "--media", self.media, "--sample")
 
 
 NGINX_CONFIG = """

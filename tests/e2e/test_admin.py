@@ -3,12 +3,10 @@ clients hold connections, which are closed at their deadline; off loopback every
 import http.client
 import os
 import socket
-import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 TOKEN = "e2e-admin-token-0123456789"
 
@@ -29,14 +27,7 @@ def timed_get(port, path, headers=None, timeout=1.0):
 
 
 class AdminCase(h.GatewayCase):
-    def setUp(self):
-        self.admin_port = h.free_port()
-        super().setUp()
-
-    def config(self):
-        config = super().config()
-        config["admin"] = {"listen": "127.0.0.1:%d" % self.admin_port}
-        return config
+    ADMIN = True
 
 
 class SlowClients(AdminCase):

@@ -1,16 +1,12 @@
 """What a client can hold of the gateway: connections on both ports with a deadline and a bound, download
 slots that a client which stops reading (or crawls) gives back, and descriptors that a flood of one port
 leaves for the other."""
-import json
-import os
 import re
 import resource
 import socket
-import sys
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 import gateway_client  # noqa: E402
 
 MIB = 1024 * 1024
@@ -44,9 +40,10 @@ def closed_by_server(client):
 
 class BoundsCase(h.GatewayCase):
     descriptors = None  # the gateway's descriptor limit, when a case lowers it
+    ADMIN = True
 
     def setUp(self):
-        self.audio_port, self.admin_port = h.free_port(), h.free_port()
+        self.audio_port = h.free_port()
         self.digest = gateway_client.Digest(h.USER, h.PASSWORD)
         super().setUp()
 
@@ -57,19 +54,13 @@ class BoundsCase(h.GatewayCase):
         config = super().config()
         config["server"].update({"audioTalkPort": self.audio_port, "headTimeout": 1000})
         config["media"]["blockSize"] = 32 * 1024
-        config["admin"] = {"listen": "127.0.0.1:%d" % self.admin_port}
         return config
 
     def start_gateway(self, config, *extra):
         return self.gateway.start(config, *extra, descriptors=self.descriptors)
 
-    def metrics(self):
-        status, text = h.http_get(self.admin_port, "/metrics")
-        self.assertEqual(status, 200)
-        return h.parse_metrics(text)
-
     def download_request(self, name="big.bin", size=BIG):
-        body = json.dumps({"downloadRequest": {"playbackURI": h.playback_uri(name=name, size=size)}}).encode()
+        body = h.json_body(h.playback_uri(name=name, size=size)).encode()
         if not self.digest.ready:
             self.digest.learn(self.challenge("POST", DOWNLOAD_PATH, body))
         return ("POST %s HTTP/1.1\r\nHost: 127.0.0.1:%d\r\nAuthorization: %s\r\nContent-Length: %d\r\n\r\n" % (

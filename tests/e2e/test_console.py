@@ -6,11 +6,9 @@ import os
 import socket
 import ssl
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 
 def sign_in_reply(port, password, origin=True, connection_class=http.client.HTTPConnection, **options):
@@ -140,10 +138,8 @@ class ConsoleTlsCase(h.GatewayCase):
     def test_off_loopback_without_a_certificate_it_refuses_to_start(self):
         config = self.config()
         config["console"] = {"listen": "0.0.0.0:%d" % h.free_port()}
-        os.makedirs(os.path.join(self.dir, "other"), exist_ok=True)
-        other = h.gateway_client.GatewayProcess(h.GATEWAY, os.path.join(self.dir, "other"))
-        process = other.start(config)
-        self.assertEqual(process.wait(20), 2)
+        other = self.second_gateway(config, "other")
+        self.assertEqual(other.process.wait(20), 2)
         with open(other.output_path) as output:
             said = other.log_text() + output.read()
         self.assertIn("is not a loopback address: set console.certificate and console.key", said)

@@ -1,15 +1,11 @@
 """Devices added and removed with SIGHUP: a new device serves downloads and talks at once, a removed
 one takes no new request while its running download and talk go on to their end, and a reload that
 breaks a rule of the device list changes nothing."""
-import json
 import os
 import signal
-import subprocess
-import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
-from test_operations import TALK, OperatedGateway  # noqa: E402
+import gateway_harness as h
+from test_operations import OperatedGateway  # noqa: E402
 
 GATE = "e2e00000-0000-4000-8000-00000000ca7e"  # comes with the reload, at 127.0.0.1:9554 on channel 5
 
@@ -20,17 +16,15 @@ class DeviceReload(OperatedGateway):
         return self.gateway.start(config, *extra)
 
     def talk(self, channel, seconds, *extra):
-        command = [sys.executable, TALK, "--user", "%s:%s" % (h.USER, h.PASSWORD), "--audio-port",
-                   str(self.audio_port), "--channel", str(channel), "--seconds", str(seconds), "--record",
-                   os.path.join(self.dir, "heard-%d.wav" % channel), *extra, "http://127.0.0.1:%d" % self.port]
-        return subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        return self.talk_tool("--channel", str(channel), "--seconds", str(seconds), "--record",
+                              os.path.join(self.dir, "heard-%d.wav" % channel), *extra, audio_port=self.audio_port,
+                              wait=False)
 
     def reload_with(self, devices, **server):
         config = self.config()
         config["media"]["devices"] = devices
         config["server"].update(server)
-        with open(os.path.join(self.dir, "gateway.json"), "w") as out:
-            json.dump(config, out)
+        self.write_config(config)
         self.process.send_signal(signal.SIGHUP)
 
     def test_a_new_device_serves_at_once_and_a_removed_one_finishes_what_runs(self):

@@ -1,10 +1,8 @@
 """Downloads in both request forms and both transfer modes arrive byte-exact."""
 import os
 import subprocess
-import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 
 class DownloadForms(h.GatewayCase):

@@ -8,38 +8,25 @@ value without a valid password, as an attacker without one sends it.
 """
 import base64
 import http.client
-import json
 import os
 import re
 import signal
 import socket
 import subprocess
-import sys
 import time
 
 import requests
 from requests.auth import HTTPDigestAuth
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools"))
-import talk  # noqa: E402
+import talk  # noqa: E402  (tools/, on the path through the harness)
 
 J = 'Digest username="x", realm="y", nonce="z", uri="/", response="0"'
 A, B = h.DEVICE, h.CAMERA
 USERS = [("alice", "alice-pw"), ("bob", "bob-pw")]
 BIG = 24 * 1024 * 1024
-JSON_PATH = "/QUMEX/ContentMgmt/download?format=json&devIndex=%s"
-XML_PATH = "/QUMEX/ContentMgmt/download"
-
-
-def json_body(uri):
-    return json.dumps({"downloadRequest": {"playbackURI": uri}})
-
-
-def xml_body(uri):
-    return "<downloadRequest><playbackURI>%s</playbackURI></downloadRequest>" % uri.replace("&", "&amp;")
+JSON_PATH, XML_PATH, json_body, xml_body = h.XML_PATH + "?format=json&devIndex=%s", h.XML_PATH, h.json_body, h.xml_body
 
 
 def nested(depth):
@@ -54,9 +41,7 @@ class Hostile(h.GatewayCase):
         # A recording large enough to keep a download running for a while.
         with open(os.path.join(self.media, A, "big.bin"), "wb") as out:
             out.write(bytes(BIG))
-        with open(os.path.join(self.media, A, "recordings.json"), "w") as out:
-            json.dump({"recordings": [{"name": name, "starttime": h.START, "endtime": h.END}
-                                      for name in ("clip-a.bin", "big.bin")]}, out)
+        self.write_index(A, ["clip-a.bin", "big.bin"])
 
     def config(self):
         config = super().config()
@@ -66,16 +51,6 @@ class Hostile(h.GatewayCase):
         return config
 
     # ---- speaking to the gateway ----
-
-    def send(self, method, path, body=b"", headers=None, timeout=15):
-        """(status, body bytes, response headers) of one request, without retrying anything."""
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=timeout)
-        try:
-            connection.request(method, path, body=body, headers=headers or {})
-            response = connection.getresponse()
-            return response.status, response.read(), response
-        finally:
-            connection.close()
 
     def digest_for(self, user, password):
         """A Digest client that has learnt a nonce from a challenge of this gateway."""
@@ -100,6 +75,13 @@ class Hostile(h.GatewayCase):
         reply = self.curl(*h.json_download_args(self.port, h.playback_uri(name="clip-a.bin")))
         self.assertEqual(reply.status, 200, self.log_tail())
         self.assert_recording_body(reply.body, A, "clip-a.bin")
+
+    def second_hostile_gateway(self):
+        """A second gateway like this one, on ports of its own and without an access log."""
+        config = self.config()
+        config["server"].update({"httpPort": h.free_port(), "audioTalkPort": h.free_port()})
+        config["log"]["access"] = ""
+        return self.second_gateway(config), config["server"]["httpPort"]
 
     def reload(self):
         """SIGHUP; what the log says from then on, once it says how the reload went."""
@@ -151,13 +133,11 @@ class Hostile(h.GatewayCase):
         self.assertEqual(result.returncode, 2, result.stderr)
         self.assertIn(config, result.stderr)
 
-        with open(self.gateway.config_path, "w") as out:
-            out.write('{"server": %s}' % nested(1001))
+        self.write_config('{"server": %s}' % nested(1001))
         self.assertIn("reload refused", self.reload())
         with open(os.path.join(self.media, B, "recordings.json"), "w") as out:
             out.write('{"recordings": %s}' % nested(1001))
-        with open(self.gateway.config_path, "w") as out:
-            json.dump(self.config(), out)
+        self.write_config(self.config())
         self.assertRegex(self.reload(), "reload refused: .*recordings.json")
         self.assert_still_serves()
         status, body, _ = self.download(B, h.playback_uri(device=B, name="clip-c.bin"))
@@ -209,17 +189,10 @@ class Hostile(h.GatewayCase):
         body = json_body(h.playback_uri(name="clip-a.bin"))
         self.assertEqual(self.send("POST", path, body, {"Authorization": header})[0], 200)
         time.sleep(1.1)  # nonce times count in seconds
-        second = h.gateway_client.GatewayProcess(h.GATEWAY, os.path.join(self.dir, "second"))
-        config = self.config()
-        config["server"].update({"httpPort": h.free_port(), "audioTalkPort": h.free_port()})
-        config["log"]["access"] = ""
-        second.start(config)
-        self.addCleanup(second.stop)
+        second, second_port = self.second_hostile_gateway()
         self.assertTrue(second.wait_ready(), second.log_tail())
-        connection = http.client.HTTPConnection("127.0.0.1", config["server"]["httpPort"], timeout=15)
-        connection.request("POST", path, body=body, headers={"Authorization": header})
-        self.assertEqual(connection.getresponse().status, 401, "the same header at a gateway started later")
-        connection.close()
+        self.assertEqual(self.send("POST", path, body, {"Authorization": header}, port=second_port)[0], 401,
+                         "the same header at a gateway started later")
         self.assertIn("nonce from before this gateway started", second.log_text())
         # So is a nonce made up with a time before the start (a forged one needs the password all the same).
         forged = base64.b64encode(b"00000000:%x" % int(time.time() - 30)).hex()
@@ -288,9 +261,7 @@ class Hostile(h.GatewayCase):
     def test_a_link_out_of_the_device_folder_is_not_served(self):
         folder = os.path.join(self.media, A)
         os.symlink("/etc/passwd", os.path.join(folder, "link.bin"))
-        with open(os.path.join(folder, "recordings.json"), "w") as out:
-            json.dump({"recordings": [{"name": name, "starttime": h.START, "endtime": h.END}
-                                      for name in ("clip-a.bin", "big.bin", "link.bin")]}, out)
+        self.write_index(A, ["clip-a.bin", "big.bin", "link.bin"])
         self.assertNotIn("reload refused", self.reload())
         status, body, _ = self.download(A, h.playback_uri(name="link.bin"))
         self.assert_refused(status, body, (403, 404))
@@ -304,8 +275,7 @@ class Hostile(h.GatewayCase):
         os.mkfifo(index)
         self.assertRegex(self.reload(), "reload refused: .*recordings.json: is not a regular file")
         os.unlink(index)
-        with open(index, "w") as out:
-            json.dump({"recordings": [{"name": "clip-c.bin", "starttime": h.START, "endtime": h.END}]}, out)
+        self.write_index(B, ["clip-c.bin"])
         os.unlink(self.gateway.config_path)
         os.mkfifo(self.gateway.config_path)
         self.assertRegex(self.reload(), "reload refused: .*gateway.json: is not a regular file")
@@ -317,11 +287,7 @@ class Hostile(h.GatewayCase):
         self.assertIn("is not a regular file", result.stderr)
         os.unlink(index)
         os.mkfifo(index)
-        second = h.gateway_client.GatewayProcess(h.GATEWAY, os.path.join(self.dir, "second"))
-        config = self.config()
-        config["server"].update({"httpPort": h.free_port(), "audioTalkPort": h.free_port()})
-        config["log"]["access"] = ""
-        second.start(config)
+        second, _ = self.second_hostile_gateway()
         self.assertTrue(second.wait_ready(), second.log_tail())
         self.assertEqual(second.stop(timeout=10), 0)
         self.assertIn("recordings.json: is not a regular file", second.log_text())
@@ -331,16 +297,14 @@ class Hostile(h.GatewayCase):
     def test_a_reload_never_brings_back_the_demo_user_nor_loses_an_index(self):
         config = self.config()
         del config["auth"]
-        with open(self.gateway.config_path, "w") as out:
-            json.dump(config, out)
+        self.write_config(config)
         self.assertIn("reload refused: configuration refused: auth.users", self.reload())
         demo = self.curl(*h.json_download_args(self.port, h.playback_uri(name="clip-a.bin")), user="admin",
                          password="gateway-demo")
         self.assertEqual(demo.status, 401, "the demo password after a reload without users")
         self.assertEqual(self.download(A, h.playback_uri(name="clip-a.bin"))[0], 200, "alice, as before")
 
-        with open(self.gateway.config_path, "w") as out:
-            json.dump(self.config(), out)
+        self.write_config(self.config())
         with open(os.path.join(self.media, B, "recordings.json"), "w") as out:
             out.write('{"recordings": [')  # cut short, as a copy that did not finish
         self.assertRegex(self.reload(), "reload refused: .*recordings.json")

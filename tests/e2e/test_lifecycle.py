@@ -3,12 +3,10 @@ import os
 import signal
 import socket
 import subprocess
-import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 
 class StartRefusals(unittest.TestCase):
@@ -71,39 +69,21 @@ class StartRefusals(unittest.TestCase):
 
 
 class AdminPortTaken(h.GatewayCase):
-    def setUp(self):
-        self.admin_port = h.free_port()
-        super().setUp()
-
-    def config(self):
-        config = super().config()
-        config["admin"] = {"listen": "127.0.0.1:%d" % self.admin_port}
-        return config
+    ADMIN = True
 
     def test_a_second_gateway_on_the_same_admin_port_does_not_start(self):
         # Two listeners share a port only by accident: the second gateway must not take the first's.
-        second = h.gateway_client.GatewayProcess(h.GATEWAY, os.path.join(self.dir, "second"))
         config = self.config()
         config["server"]["httpPort"] = h.free_port()
-        process = second.start(config)
-        self.addCleanup(second.stop, 10)  # when it did start after all
-        self.assertEqual(second.wait_for_status(lambda status: False, 10) or process.poll(), 1, second.log_tail())
+        second = self.second_gateway(config)  # stopped with the case when it did start after all
+        self.assertEqual(second.wait_for_status(lambda status: False, 10) or second.process.poll(), 1,
+                         second.log_tail())
         self.assertIn("admin endpoint cannot listen on 127.0.0.1:%d: Address already in use" % self.admin_port,
                       second.log_tail())
         self.assertEqual(h.http_get(self.admin_port, "/healthz"), (200, "ready\n"), "the first one still answers")
 
 
-class DefaultsWithoutConfigFile(h.GatewayCase):
-    def config(self):
-        return None  # no file: built-in defaults and command-line overrides only
-
-    def start_gateway(self, config, *extra):
-        # The plug-in is found at its default place, ../lib beside the executable's folder.
-        return self.gateway.start(None, "--port", str(self.port), "--media", self.media, "--sample")
-
-    def prepare_media(self):
-        pass
-
+class DefaultsWithoutConfigFile(h.SampleGatewayCase):
     def test_defaults_serve_the_sample_to_the_default_user_and_sigint_stops_with_0(self):
         self.assertEqual(self.status()["port"], self.port)
         with open(os.path.join(self.media, h.DEVICE_DEFAULT, "sample-0001.bin"), "rb") as sample:

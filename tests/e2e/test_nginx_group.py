@@ -6,7 +6,6 @@ and, through nginx's stream module, on the audio port alike, so both links of a 
 gateway that opened it."""
 import functools
 import glob
-import http.client
 import json
 import os
 import re
@@ -17,8 +16,7 @@ import sys
 import time
 from unittest import mock
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 import gateway_client  # noqa: E402
 
 TOOLS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools")
@@ -117,8 +115,7 @@ class GatewayGroup(h.GatewayCase):
     def setUp(self):
         self.second_port = h.free_port_pair()  # each gateway's audio channel is on its HTTP port + 1
         super().setUp()
-        self.second = gateway_client.GatewayProcess(h.GATEWAY, os.path.join(self.dir, "second"))
-        self.second.start(self.config(second=True))
+        self.second = self.second_gateway(self.config(second=True))
         self.addCleanup(lambda: self.assertEqual(self.second.stop(), 0, self.second.log_tail()))
         self.wait_for_second(lambda status: status.get("ready"), "ready")
         self.proxy_port, self.audio_proxy_port = h.free_port(), h.free_port()
@@ -164,18 +161,12 @@ class GatewayGroup(h.GatewayCase):
                          ("download", "127.0.0.1", h.USER, None, "complete"))
 
         # A nonce the second gateway gave opens a download on the first.
-        path = "/QUMEX/ContentMgmt/download?format=json&devIndex=" + DEVICES[0]
-        body = json.dumps({"downloadRequest": {"playbackURI": h.playback_uri(device=DEVICES[0])}})
-        second = http.client.HTTPConnection("127.0.0.1", self.second_port, timeout=30)
-        second.request("POST", path, body=body)
-        challenge = second.getresponse().getheader("WWW-Authenticate")
-        first = http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
-        first.request("POST", path, body=body, headers={
-            "Authorization": h.digest_authorization(challenge, "POST", path)})
-        reply = first.getresponse()
-        self.assertEqual(reply.status, 200)
-        self.assert_recording_body(reply.read(), DEVICES[0], "clip.bin")
-        second.close(), first.close()
+        path, body = h.json_path(DEVICES[0]), h.json_body(h.playback_uri(device=DEVICES[0]))
+        challenge = self.challenge("POST", path, body, port=self.second_port)
+        status, reply, _ = self.send("POST", path, body, {
+            "Authorization": h.digest_authorization(challenge, "POST", path)}, timeout=30)
+        self.assertEqual(status, 200)
+        self.assert_recording_body(reply, DEVICES[0], "clip.bin")
 
         # The second gateway stops while it delivers a big recording of one of its devices (added by a reload).
         mine, *others = sorted(devices["second"])

@@ -1,9 +1,7 @@
 """Downloads through nginx arrive byte-exact, and the client address nginx forwards reaches the gateway."""
 import os
-import sys
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 from breaking_proxy import BreakingProxy  # noqa: E402
 from test_resume import README_ONE_LINER, ResumeCase, cut_points  # noqa: E402
 

@@ -6,13 +6,10 @@ import shutil
 import signal
 import socket
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
-TALK = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "talk.py")
 BIG = 24 * 1024 * 1024  # read slowly, it keeps a download open for seconds
 PATH = "/QUMEX/ContentMgmt/download?format=json&devIndex=" + h.CAMERA
 
@@ -20,8 +17,10 @@ PATH = "/QUMEX/ContentMgmt/download?format=json&devIndex=" + h.CAMERA
 class OperatedGateway(h.GatewayCase):
     """A gateway with its admin endpoint, access log and audio port, as a service runs it."""
 
+    ADMIN = True
+
     def setUp(self):
-        self.admin_port, self.audio_port = h.free_port(), h.free_port()
+        self.audio_port = h.free_port()
         super().setUp()
 
     def prepare_media(self):
@@ -32,7 +31,6 @@ class OperatedGateway(h.GatewayCase):
         config = super().config()
         self.access_log = os.path.join(self.dir, "access.log")
         config["server"].update({"audioTalkPort": self.audio_port, "shutdownGraceSeconds": 20})
-        config["admin"] = {"listen": "127.0.0.1:%d" % self.admin_port}
         config["log"]["access"] = self.access_log
         return config
 
@@ -52,11 +50,6 @@ class OperatedGateway(h.GatewayCase):
                 received.append(self.notify.recv(4096).decode())
             except BlockingIOError:
                 return received
-
-    def metrics(self):
-        status, text = h.http_get(self.admin_port, "/metrics")
-        self.assertEqual(status, 200)
-        return h.parse_metrics(text)
 
     def slow_download(self, device, name):
         """curl reading at 4 MB/s in the background: the gateway holds the download open for seconds."""
@@ -99,17 +92,15 @@ class Operated(OperatedGateway):
         self.assertEqual(self.curl(*h.json_download_args(self.port, clip["playbackURI"]), password="no").status, 401)
         self.assertNotEqual(self.curl(*h.json_download_args(self.port, h.playback_uri(start="soon"))).status, 200)
         # One cut off: the client reads a little of the big recording and hangs up.
-        body = json.dumps({"downloadRequest": {"playbackURI": h.playback_uri(device=h.CAMERA, name="big.bin")}})
+        body = h.json_body(h.playback_uri(device=h.CAMERA, name="big.bin"))
         authorization = h.digest_authorization(self.challenge("POST", PATH, body), "POST", PATH)
         with socket.create_connection(("127.0.0.1", self.port), timeout=30) as client:
             client.sendall(("POST %s HTTP/1.1\r\nHost: x\r\nAuthorization: %s\r\nContent-Length: %d\r\n\r\n%s"
                             % (PATH, authorization, len(body), body)).encode())
             self.assertTrue(client.recv(65536).startswith(b"HTTP/1.1 200"))
         # One talk, listening for a second.
-        talk = subprocess.run([sys.executable, TALK, "--quiet", "--user", "%s:%s" % (h.USER, h.PASSWORD),
-                               "--audio-port", str(self.audio_port), "--channel", "1", "--seconds", "1", "--record",
-                               os.path.join(self.dir, "heard.wav"), "http://127.0.0.1:%d" % self.port],
-                              capture_output=True, timeout=60)
+        talk = self.talk_tool("--quiet", "--channel", "1", "--seconds", "1", "--record",
+                              os.path.join(self.dir, "heard.wav"), audio_port=self.audio_port)
         self.assertEqual(talk.returncode, 0, talk.stderr.decode() + self.log_tail())
         self.wait_for_status(lambda s: (s.get("closed"), s.get("openTalks"), s.get("talks")) == (4, 0, 1), "all ended")
 
@@ -163,17 +154,12 @@ class Operated(OperatedGateway):
         slow, out = self.slow_download(h.CAMERA, "big.bin")
         content = os.urandom(300 * 1024)
         self.recordings[(h.DEVICE, "clip-b.bin")] = content
-        folder = os.path.join(self.media, h.DEVICE)
-        with open(os.path.join(folder, "clip-b.bin"), "wb") as new:
+        with open(os.path.join(self.media, h.DEVICE, "clip-b.bin"), "wb") as new:
             new.write(content)
-        with open(os.path.join(folder, "recordings.json"), "w") as index:
-            json.dump({"recordings": [{"name": name, "starttime": h.START, "endtime": h.END}
-                                      for name in ("clip-a.bin", "clip-b.bin")]}, index)
+        self.write_index(h.DEVICE, ["clip-a.bin", "clip-b.bin"])
         config = self.config()
         config["auth"]["users"].append({"name": "night shift", "password": "owl"})
-        config_path = os.path.join(self.dir, "gateway.json")
-        with open(config_path, "w") as out_config:
-            json.dump(config, out_config)
+        self.write_config(config)
         self.process.send_signal(signal.SIGHUP)
         self.wait_for_log(r"reloaded: 2 user\(s\), 3 recording\(s\) of 2 device\(s\)")
         self.assertEqual(self.metrics()["media_gateway_open_downloads"], 1, "the slow download ran across the reload")
@@ -183,8 +169,7 @@ class Operated(OperatedGateway):
         self.assert_recording_body(reply.body, h.DEVICE, "clip-b.bin")
 
         # A configuration that is refused changes nothing.
-        with open(config_path, "w") as broken:
-            broken.write('{"auth": {"users": []}}')
+        self.write_config('{"auth": {"users": []}}')
         self.process.send_signal(signal.SIGHUP)
         self.wait_for_log(r"reload refused: configuration refused: auth\.users")
         self.assertEqual(self.curl(*h.json_download_args(self.port, h.playback_uri(name="clip-b.bin")),

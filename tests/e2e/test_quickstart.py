@@ -7,13 +7,11 @@ import select
 import shutil
 import signal
 import subprocess
-import sys
 import tempfile
 import time
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 ROOT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
 TOOLS = os.path.join(ROOT, "tools")
@@ -28,18 +26,7 @@ def readme_block(containing):
     return blocks[0]
 
 
-class ReadmeExamples(h.GatewayCase):
-    """The gateway as `make run` starts it: built-in defaults, the sample written into the media folder."""
-
-    def config(self):
-        return None
-
-    def prepare_media(self):
-        pass
-
-    def start_gateway(self, config, *extra):
-        return self.gateway.start(None, "--port", str(self.port), "--media", self.media, "--sample")
-
+class ReadmeExamples(h.SampleGatewayCase):
     def run_block(self, containing):
         """Runs the README block in a fresh folder, with this gateway's port and media folder; its output."""
         script = readme_block(containing).replace("127.0.0.1:8080", "127.0.0.1:%d" % self.port)

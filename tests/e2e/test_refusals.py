@@ -3,16 +3,13 @@
 Which refusal fits which request is the gateway's unit tests; here the answers
 travel the whole way through the real plug-in.
 """
-import json
 import math
 import os
 import re
-import sys
 import time
 import urllib.request
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
 UNKNOWN = "e2e00000-0000-4000-8000-00000000dead"
 
@@ -42,15 +39,12 @@ class Refusals(h.GatewayCase):
 class RefusalsInTheAccessLog(h.GatewayCase):
     """An operator sees who was refused, for what and why; a flood of refusals stays a trickle on disk."""
 
-    def setUp(self):
-        self.admin_port = h.free_port()
-        super().setUp()
+    ADMIN = True
 
     def config(self):
         config = super().config()
         self.access_log = os.path.join(self.dir, "access.log")
         config["log"]["access"] = self.access_log
-        config["admin"] = {"listen": "127.0.0.1:%d" % self.admin_port}
         return config
 
     def access_lines(self, count):
@@ -88,19 +82,13 @@ class RefusalsInTheAccessLog(h.GatewayCase):
                          % (stamp, h.DEVICE))
 
     def test_a_flood_of_refusals_writes_a_bounded_number_of_lines_and_counts_the_rest(self):
-        path = "/QUMEX/ContentMgmt/download?format=json&devIndex=%s" % h.DEVICE
-        body = json.dumps({"downloadRequest": {"playbackURI": h.playback_uri()}})
+        path, body = h.json_path(), h.json_body(h.playback_uri())
         forged = ('Digest username="%s", realm="%s", nonce="00", uri="%s", qop=auth, nc=00000001, cnonce="c", '
                   'response="00000000000000000000000000000000"' % ("x" * 60, h.REALM, path))
         sent = 150
         started = time.monotonic()
         for _ in range(sent):
-            connection = h.http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
-            try:
-                connection.request("POST", path, body=body, headers={"Authorization": forged})
-                self.assertEqual(connection.getresponse().status, 401)
-            finally:
-                connection.close()
+            self.assertEqual(self.send("POST", path, body, {"Authorization": forged}, timeout=30)[0], 401)
         seconds = math.ceil(time.monotonic() - started) + 1  # the seconds the flood can have touched
         self.wait_for_status(lambda s: s.get("refused") == sent, "every refusal counted")
         written = [line for line in self.access_lines(1) if line.endswith(" refused_unauthorized")]
@@ -121,17 +109,11 @@ class Replay(h.GatewayCase):
     """A credential header seen once opens nothing again; clients that count nc keep working."""
 
     def download(self, authorization, body):
-        connection = h.http.client.HTTPConnection("127.0.0.1", self.port, timeout=30)
-        try:
-            connection.request("POST", self.path, body=body, headers={"Authorization": authorization})
-            response = connection.getresponse()
-            return response.status, response.read()
-        finally:
-            connection.close()
+        return self.send("POST", self.path, body, {"Authorization": authorization}, timeout=30)
 
     def test_a_replayed_or_misdirected_header_is_refused(self):
-        self.path = "/QUMEX/ContentMgmt/download?format=json&devIndex=%s" % h.DEVICE
-        body = h.json.dumps({"downloadRequest": {"playbackURI": h.playback_uri(name="clip-a.bin")}})
+        self.path = h.json_path()
+        body = h.json_body(h.playback_uri(name="clip-a.bin"))
         challenge = self.challenge("POST", self.path, body)
         header = h.digest_authorization(challenge, "POST", self.path)
         self.assertEqual(self.download(header, body)[0], 200)

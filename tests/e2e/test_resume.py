@@ -10,8 +10,7 @@ import sys
 import tempfile
 import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 from breaking_proxy import BreakingProxy  # noqa: E402
 
 FETCH = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools", "fetch-recording")

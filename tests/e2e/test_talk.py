@@ -7,24 +7,18 @@ import os
 import signal
 import socket
 import subprocess
-import sys
 import threading
 import time
 import unittest
 import warnings
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-import gateway_harness as h  # noqa: E402
+import gateway_harness as h
 
-TOOLS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tools")
-sys.path.insert(0, TOOLS)
-import talk  # noqa: E402
+import talk  # noqa: E402  (tools/, on the path through the harness)
 
 with warnings.catch_warnings():
     warnings.simplefilter("ignore", DeprecationWarning)
     import audioop  # the reference A-law coder the gateway's must agree with
-
-TALK = os.path.join(TOOLS, "talk.py")
 
 
 def sox(*args):
@@ -55,11 +49,7 @@ class Talks(h.GatewayCase):
         return config
 
     def talk(self, *args, password=h.PASSWORD, wait=True, audio_port=None):
-        command = [sys.executable, TALK, "--quiet", "--user", "%s:%s" % (h.USER, password),
-                   "--audio-port", str(audio_port or self.audio_port), *args, "http://127.0.0.1:%d" % self.port]
-        if not wait:
-            return subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        return subprocess.run(command, capture_output=True, timeout=60)
+        return self.talk_tool("--quiet", *args, password=password, audio_port=audio_port or self.audio_port, wait=wait)
 
     def capture_of(self, device, channel):
         files = glob.glob(os.path.join(self.media, device, "talk-ch%d-*" % channel))
@@ -168,9 +158,8 @@ class DefaultAudioPort(h.GatewayCase):
         self.assertEqual(self.status()["listeners"]["audio"], "127.0.0.1:%d" % (self.port + 1))
         self.wait_for_log(r"ready on http://127\.0\.0\.1:%d, two-way audio on 127\.0\.0\.1:%d"
                           % (self.port, self.port + 1))
-        result = subprocess.run([sys.executable, TALK, "--quiet", "--user", "%s:%s" % (h.USER, h.PASSWORD),
-                                 "--channel", "1", "--seconds", "1", "--record", os.path.join(self.dir, "h.wav"),
-                                 "http://127.0.0.1:%d" % self.port], capture_output=True, timeout=60)
+        result = self.talk_tool("--quiet", "--channel", "1", "--seconds", "1", "--record",
+                                os.path.join(self.dir, "h.wav"))
         self.assertEqual(result.returncode, 0, result.stderr.decode() + self.log_tail())
 
 

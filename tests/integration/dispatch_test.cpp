@@ -6,11 +6,7 @@
 
 #include "PluginFixture.h"
 
-namespace {
-
-class Dispatch : public PluginFixture {};
-
-}  // namespace
+using Dispatch = PluginFixture;
 
 TEST_F(Dispatch, RequestWithoutCredentialsGetsTheDigestChallenge)
 {

@@ -1,12 +1,20 @@
 // Downloads through the real plug-in and embedded server: the RTSP request the
 // gateway receives, both request forms, both transfer modes, exact framing, and
-// what happens when the client or the gateway goes away.
+// what happens when the client or the gateway goes away. The cases that stream
+// run on both delivery paths: block by block, and a file the gateway hands over
+// (ext/DeliveryRequest.h), which ends with exactly one callback, before OnStop.
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <thread>
+
+#include <ext/DeliveryRequest.h>
+#include <ext/DownloadSendCodes.h>
 
 #include "PluginFixture.h"
+#include "ProcessResources.h"
 #include "errors/HttpErrorHandler.h"
+#include "frame/ErrorCodes.h"
 #include "frame/HttpServerWrapper.h"
 #include "session/HttpSessionMgr.h"
 
@@ -24,17 +32,70 @@ protected:
                "\r\nConnection: close\r\n\r\n" + sink.streamHead;
     }
 
-    // Starts a download far larger than the socket buffers hold and reads its first bytes.
+    // A download far larger than the socket buffers hold, whose client reads only its first bytes.
     void startLargeDownload(RawHttpClient& client)
     {
+        if (sink.deliverFiles) {
+            sink.recordingSize = 32ull * 1024 * 1024;  // a file written out for the hand-over
+            ASSERT_TRUE(client.connectTo(port, 4096));
+            ASSERT_TRUE(client.send(jsonDownload("&name=big")));
+            EXPECT_EQ(client.receiveSome(15, 5000), "HTTP/1.1 200 OK");
+            ASSERT_TRUE(eventually([&] { return sink.lastDeliveryAnswer == 0; }));
+            return;
+        }
         sink.recordingSize = 512ull * 1024 * 1024;
         ASSERT_TRUE(client.start(jsonDownload("&name=big")));
         EXPECT_EQ(client.receiveAll(5000, 1 << 20).compare(0, 15, "HTTP/1.1 200 OK"), 0);
         EXPECT_EQ(singleton<CHttpSessionMgr>::instance()->getDownloadNum(), 1);
     }
+
+    // On the hand-over path: one callback with this outcome, none out of order, and nothing left open.
+    void expectOneEnd(int outcome)
+    {
+        EXPECT_TRUE(waitIdle());
+        EXPECT_EQ(sink.deliveryOutcomes(), std::vector<int>{outcome});
+        EXPECT_EQ(sink.deliveryOrderFaults, 0);
+    }
+};
+
+// The same cases with the block-by-block path (false) and the hand-over path (true).
+class BothPaths : public Download, public ::testing::WithParamInterface<bool> {
+protected:
+    void SetUp() override
+    {
+        Download::SetUp();
+        sink.deliverFiles = GetParam();
+    }
+};
+
+class StrictBothPaths : public BothPaths {
+protected:
+    StrictBothPaths() { serverParams += "&strictSendTimeout=1&sendTimeout=300"; }
+};
+
+class Delivery : public Download {
+protected:
+    void SetUp() override
+    {
+        Download::SetUp();
+        sink.deliverFiles = true;
+    }
+};
+
+class SendfileDelivery : public Delivery {
+protected:
+    SendfileDelivery() { serverParams += "&sendfile=1"; }
 };
 
 }  // namespace
+
+std::string pathName(const ::testing::TestParamInfo<bool>& info)
+{
+    return info.param ? "HandedOver" : "Blocks";
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, BothPaths, ::testing::Values(false, true), pathName);
+INSTANTIATE_TEST_SUITE_P(Paths, StrictBothPaths, ::testing::Values(false, true), pathName);
 
 TEST_F(Download, TheGatewayReceivesTheRtspRequestHeadByHead)
 {
@@ -74,24 +135,34 @@ TEST_F(Download, TheGatewayReceivesTheRtspRequestHeadByHead)
     EXPECT_TRUE(first.needAuth);
 }
 
-TEST_F(Download, JsonFormWithANameOrSizeStreamsWithContentLength)
+TEST_P(BothPaths, JsonFormWithANameOrSizeStreamsWithContentLengthAndLeavesNoDescriptor)
 {
+    const int descriptors = testsupport::openDescriptorCount();
     for (size_t size : {0, 1, 65536, 3 * 65536 + 17}) {
         sink.recordingSize = size;
         RawResponse response = exchange(jsonDownload("&name=rec&size=" + std::to_string(size)), 20000);
         EXPECT_TRUE(response.complete) << size;
         EXPECT_TRUE(response.raw == lengthHead(size) + FakeServerSink::recordingBytes(0, size)) << size;
         EXPECT_TRUE(waitIdle());
+        if (GetParam() && size > 0) {
+            EXPECT_EQ(sink.lastDeliveredBytes, size);
+        }
     }
     EXPECT_EQ(sink.opened(), 4);
+    // One callback per file handed over; an empty recording has nothing to hand over and goes as blocks.
+    EXPECT_EQ(sink.deliveryOutcomes(), std::vector<int>(GetParam() ? 3 : 0, PROTOCOL_WRAPPER::DELIVERY_COMPLETE));
+    EXPECT_EQ(sink.deliveryOrderFaults, 0);
+    // A finished connection lingers until its client closes; then nothing of the downloads is left.
+    EXPECT_TRUE(eventually([&] { return testsupport::openDescriptorCount() == descriptors; }, 3000))
+        << "a file's descriptor outlived its download";
 }
 
-TEST_F(Download, JsonFormWithoutNameOrSizeStreamsChunked)
+TEST_P(BothPaths, JsonFormWithoutNameOrSizeStreamsChunkedOneChunkPerBlock)
 {
     sink.blockSize = 300;
     sink.recordingSize = 1000;
     RawResponse response = exchange(jsonDownload(""));
-    // One chunk per delivered block, upper-case hexadecimal sizes, one terminator.
+    // One chunk per gateway block, upper-case hexadecimal sizes, one terminator.
     std::string expected =
         "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nTransfer-Encoding: chunked\r\n"
         "Connection: close\r\n\r\n28\r\n" +
@@ -102,6 +173,8 @@ TEST_F(Download, JsonFormWithoutNameOrSizeStreamsChunked)
     }
     EXPECT_TRUE(response.raw == expected + "0\r\n\r\n") << response.raw.substr(0, 120);
     EXPECT_TRUE(waitIdle());
+    EXPECT_EQ(sink.deliveryOutcomes(), std::vector<int>(GetParam() ? 1 : 0, PROTOCOL_WRAPPER::DELIVERY_COMPLETE));
+    EXPECT_EQ(sink.deliveryOrderFaults, 0);
 }
 
 TEST_F(Download, XmlFormRewritesTheUriAndAlwaysAnnouncesTheLength)
@@ -156,13 +229,17 @@ TEST_F(Download, GatewayRefusalsAndTheDownloadLimitReachTheClient)
     EXPECT_TRUE(waitIdle());
 }
 
-TEST_F(Download, AClientThatHangsUpMidDownloadReleasesEverything)
+TEST_P(BothPaths, AClientThatHangsUpMidDownloadReleasesEverythingAndEndsTheDeliveryOnce)
 {
     RawHttpClient client(port);
     startLargeDownload(client);
-    client.close();
+    client.close(GetParam());  // a hand-over is ended by a reset, the blocks by an orderly close
     EXPECT_TRUE(waitIdle()) << "stream, session or download count outlived the client";
     EXPECT_EQ(sink.opened(), 1);
+    if (GetParam()) {
+        expectOneEnd(PROTOCOL_WRAPPER::DELIVERY_CLIENT_GONE);
+        EXPECT_LT(sink.lastDeliveredBytes, sink.recordingSize);
+    }
 }
 
 TEST_F(Download, AStreamThatStaysSilentIsAgedOutByTheTimeOutPasses)
@@ -178,10 +255,10 @@ TEST_F(Download, AStreamThatStaysSilentIsAgedOutByTheTimeOutPasses)
     EXPECT_EQ(sink.opened(), 1);
 }
 
-// What DestroyServer does while a delivery thread waits on a client that reads
-// nothing: the gateway's stream is stopped and closed, and the stop does not
-// wait out the minute a stalled download is otherwise given.
-TEST_F(Download, StoppingTheServerMidDownloadEndsTheStreamPromptly)
+// What DestroyServer does while a download waits on a client that reads nothing: the gateway's stream is
+// stopped and closed, a delivery ends once before it, and the stop does not wait out the minute a stalled
+// download is otherwise given.
+TEST_P(BothPaths, StoppingTheServerMidDownloadEndsTheStreamPromptlyAndTheDeliveryOnceBeforeIt)
 {
     RawHttpClient client(port);
     startLargeDownload(client);
@@ -191,5 +268,69 @@ TEST_F(Download, StoppingTheServerMidDownloadEndsTheStreamPromptly)
     server = nullptr;
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15));
     EXPECT_EQ(sink.opened(), 1);
-    EXPECT_EQ(sink.openStreams(), 0);
+    EXPECT_TRUE(eventually([&] { return sink.openStreams() == 0; }));
+    EXPECT_EQ(sink.deliveryOutcomes(), std::vector<int>(GetParam() ? 1 : 0, PROTOCOL_WRAPPER::DELIVERY_STOPPED));
+    EXPECT_EQ(sink.deliveryOrderFaults, 0);
+}
+
+TEST_F(SendfileDelivery, SendfileWritesTheSameBytes)
+{
+    sink.recordingSize = 5 * 65536 + 3;
+    RawResponse response = exchange(jsonDownload("&name=rec"), 20000);
+    EXPECT_TRUE(response.raw == lengthHead(sink.recordingSize) + FakeServerSink::recordingBytes(0, sink.recordingSize));
+    expectOneEnd(PROTOCOL_WRAPPER::DELIVERY_COMPLETE);
+}
+
+TEST_F(Delivery, ARefusedRequestLeavesTheDownloadToSendAndOtherMessagesAreAnsweredZero)
+{
+    sink.badRequest = true;
+    sink.recordingSize = 100000;
+    RawResponse response = exchange(jsonDownload("&name=rec"), 20000);
+    EXPECT_TRUE(eventually([&] { return sink.lastDeliveryAnswer == HttpWrapper::HPW_ERR_PARAM; }));
+    EXPECT_TRUE(response.raw == lengthHead(100000) + FakeServerSink::recordingBytes(0, 100000));
+    EXPECT_TRUE(waitIdle());
+    EXPECT_TRUE(sink.deliveryOutcomes().empty());
+    EXPECT_EQ(sink.deliveryOrderFaults, 0);
+    // Any other message, to any session, is answered as the interface specifies.
+    EXPECT_EQ(server->SendMSG(nullptr, 7, nullptr, 0), 0);
+    PROTOCOL_WRAPPER::DeliveryRequest request{};
+    EXPECT_EQ(server->SendMSG(nullptr, PROTOCOL_WRAPPER::MSG_DELIVER_FILE, &request, sizeof request),
+              HttpWrapper::HPW_ERR_PARAM);
+}
+
+TEST_P(StrictBothPaths, AClientThatTakesNothingForTheSendTimeOutEndsTheDownloadAndTellsTheGateway)
+{
+    RawHttpClient client(port);
+    startLargeDownload(client);
+    const auto start = std::chrono::steady_clock::now();
+    if (GetParam()) {
+        expectOneEnd(PROTOCOL_WRAPPER::DELIVERY_SEND_TIMEOUT);
+        EXPECT_TRUE(client.waitForClose(1000));
+    } else {
+        ASSERT_TRUE(eventually([this] { return sink.openStreams() == 0; }, 10000)) << "the stalled download held on";
+        EXPECT_EQ(sink.lastDeliveryResult, HPW_SEND_TIMEOUT);
+        EXPECT_TRUE(waitIdle());
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+}
+
+TEST_F(Delivery, AClientUnderTheMinimumRateIsEnded)
+{
+    sink.minRate = 64 * 1024 * 1024;
+    sink.minRateSeconds = 1;
+    RawHttpClient client(port);
+    startLargeDownload(client);
+    expectOneEnd(PROTOCOL_WRAPPER::DELIVERY_TOO_SLOW);
+}
+
+TEST_F(Delivery, ADeliveryOutlivesTheSessionTimeOutPasses)
+{
+    // Without Sends the session looks idle to the passes; the server's own limits govern it instead.
+    RawHttpClient client(port);
+    startLargeDownload(client);
+    singleton<CHttpServerWrapper>::instance()->setTimeoutCheckSleeps(1);  // a pass every 100 ms from now
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_TRUE(sink.deliveryOutcomes().empty());
+    client.close(true);
+    expectOneEnd(PROTOCOL_WRAPPER::DELIVERY_CLIENT_GONE);
 }

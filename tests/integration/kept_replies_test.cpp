@@ -8,9 +8,7 @@
 #include "PluginFixture.h"
 #include "talk/HttpUnstandardSessionMgr.h"
 
-namespace {
-class KeptReplies : public PluginFixture {};
-}  // namespace
+using KeptReplies = PluginFixture;
 
 TEST_F(KeptReplies, TheAudioChannelsChallengeDoublesItsCodeAndEndsItsHeadWithAnEmptyLineOfItsOwn)
 {

@@ -132,6 +132,16 @@ protected:
         return handle;
     }
 
+    // The access log's only line, once the log is closed.
+    Json::Value accessLine(AccessLog& accessLog)
+    {
+        accessLog.close();
+        Json::Value line;
+        std::ifstream file(folder + "/access.log");
+        EXPECT_TRUE(Json::Reader().parse(file, line));
+        return line;
+    }
+
     bool waitForSends(RecordingServer& server, size_t count)
     {
         for (int i = 0; i < 500 && server.sentTypes().size() < count; ++i) {
@@ -174,10 +184,7 @@ TEST_F(StreamSinkTest, DeliversInfoHeadBlocksAndEndWithTheFileBytes)
     EXPECT_EQ(metrics.downloadsStarted(), 1u);
     EXPECT_EQ(metrics.downloadsFinished(DownloadOutcome::kComplete), 1u);
     EXPECT_EQ(metrics.sentBytes(), kStreamHeadSize + content.size());
-    accessLog.close();
-    Json::Value line;
-    std::ifstream file(folder + "/access.log");
-    ASSERT_TRUE(Json::Reader().parse(file, line));
+    const Json::Value line = accessLine(accessLog);
     EXPECT_EQ(line["client"].asString() + " " + line["user"].asString() + " " + line["device"].asString() + " " +
                   line["recording"].asString() + " " + line["outcome"].asString(),
               "2001:db8::1 a&b#c% " + kCamera + " r.bin complete");
@@ -270,10 +277,7 @@ TEST_F(StreamSinkTest, LoopDeliveryHandsTheFileOverAndCountsWhatThePluginReports
     EXPECT_EQ(metrics.downloadsFinished(DownloadOutcome::kComplete), 1u);
     EXPECT_EQ(metrics.sentBytes(), kStreamHeadSize + content.size());
     EXPECT_EQ(metrics.openDownloads(), 0);
-    accessLog.close();
-    Json::Value line;
-    std::ifstream file(folder + "/access.log");
-    ASSERT_TRUE(Json::Reader().parse(file, line));
+    const Json::Value line = accessLine(accessLog);
     EXPECT_EQ(line["outcome"].asString(), "complete");
     EXPECT_EQ(line["bytesSent"].asUInt64(), kStreamHeadSize + content.size());
 }

@@ -121,6 +121,21 @@ protected:
         return file;
     }
 
+    // Writes an 8 MiB file and starts sending it, with `settings`' bounds, to a client with a small window;
+    // the handle.
+    static constexpr int64_t kLarge = 8 * 1024 * 1024;
+    int sendLargeFile(TestClient& client, const NET_HTTPSERVER_FILE_PARAM& settings = {})
+    {
+        writeFile(patternBytes(kLarge));
+        const int handle = openReply(client, kLarge, 4096);
+        NET_HTTPSERVER_FILE_PARAM file = fileParam(0, kLarge);
+        file.dwStallTimeoutMs = settings.dwStallTimeoutMs;
+        file.dwMinRate = settings.dwMinRate;
+        file.dwMinRateSeconds = settings.dwMinRateSeconds;
+        EXPECT_EQ(NET_HTTPSERVER_SendFile(handle, &file), 0);
+        return handle;
+    }
+
     // Waits up to timeoutMs for the callback; returns how often it came.
     int waitForFileEnd(int timeoutMs = 5000)
     {
@@ -219,11 +234,8 @@ TEST_P(FileTest, ChunkedFramingIsOneChunkPerBlockThenTheLastChunk)
 
 TEST_P(FileTest, AClientThatHangsUpEndsTheFileOnce)
 {
-    writeFile(patternBytes(8 * 1024 * 1024));
     TestClient client;
-    const int handle = openReply(client, 8 * 1024 * 1024, 4096);
-    NET_HTTPSERVER_FILE_PARAM file = fileParam(0, 8 * 1024 * 1024);
-    ASSERT_EQ(NET_HTTPSERVER_SendFile(handle, &file), 0);
+    const int handle = sendLargeFile(client);
     EXPECT_FALSE(client.receiveSome(1000, 2000).empty());
     client.close(true);
     ASSERT_EQ(waitForFileEnd(), 1);
@@ -237,13 +249,11 @@ TEST_P(FileTest, AClientThatHangsUpEndsTheFileOnce)
 
 TEST_P(FileTest, AClientThatReadsNothingEndsAtTheStallTimeOut)
 {
-    writeFile(patternBytes(8 * 1024 * 1024));
     TestClient client;
-    const int handle = openReply(client, 8 * 1024 * 1024, 4096);
-    NET_HTTPSERVER_FILE_PARAM file = fileParam(0, 8 * 1024 * 1024);
-    file.dwStallTimeoutMs = 300;
+    NET_HTTPSERVER_FILE_PARAM settings{};
+    settings.dwStallTimeoutMs = 300;
     const auto start = std::chrono::steady_clock::now();
-    ASSERT_EQ(NET_HTTPSERVER_SendFile(handle, &file), 0);
+    const int handle = sendLargeFile(client, settings);
     ASSERT_EQ(waitForFileEnd(), 1);
     const auto took = std::chrono::steady_clock::now() - start;
     EXPECT_EQ(m_end.outcome, NET_FILE_SEND_TIMEOUT);
@@ -255,13 +265,11 @@ TEST_P(FileTest, AClientThatReadsNothingEndsAtTheStallTimeOut)
 
 TEST_P(FileTest, AClientUnderTheMinimumRateEndsAtTheEndOfAWindow)
 {
-    writeFile(patternBytes(8 * 1024 * 1024));
     TestClient client;
-    const int handle = openReply(client, 8 * 1024 * 1024, 4096);
-    NET_HTTPSERVER_FILE_PARAM file = fileParam(0, 8 * 1024 * 1024);
-    file.dwMinRate = 10 * 1024 * 1024;  // far above what a reader of 4 KiB every 50 ms takes
-    file.dwMinRateSeconds = 1;
-    ASSERT_EQ(NET_HTTPSERVER_SendFile(handle, &file), 0);
+    NET_HTTPSERVER_FILE_PARAM settings{};
+    settings.dwMinRate = 10 * 1024 * 1024;  // far above what a reader of 4 KiB every 50 ms takes
+    settings.dwMinRateSeconds = 1;
+    const int handle = sendLargeFile(client, settings);
     std::atomic<bool> reading{true};
     std::thread reader([&] {
         while (reading && !client.receiveSome(4096, 50).empty()) {
@@ -290,13 +298,10 @@ TEST_P(FileTest, AFileShorterThanPromisedEndsWithAReadError)
 
 TEST_P(FileTest, TheOwnerEndingTheConnectionEndsTheFileOnce)
 {
-    writeFile(patternBytes(8 * 1024 * 1024));
     {
         // Close: the owner has let go, so no end is reported.
         TestClient client;
-        const int handle = openReply(client, 8 * 1024 * 1024, 4096);
-        NET_HTTPSERVER_FILE_PARAM file = fileParam(0, 8 * 1024 * 1024);
-        ASSERT_EQ(NET_HTTPSERVER_SendFile(handle, &file), 0);
+        const int handle = sendLargeFile(client);
         EXPECT_EQ(NET_HTTPSERVER_Close(handle, 0), 0);
         ASSERT_EQ(waitForFileEnd(), 1);
         EXPECT_EQ(m_end.outcome, NET_FILE_ENDED);
@@ -306,9 +311,7 @@ TEST_P(FileTest, TheOwnerEndingTheConnectionEndsTheFileOnce)
     {
         // Abort: the handle stays the owner's, and the end is reported after the callback.
         TestClient client;
-        const int handle = openReply(client, 8 * 1024 * 1024, 4096);
-        NET_HTTPSERVER_FILE_PARAM file = fileParam(0, 8 * 1024 * 1024);
-        ASSERT_EQ(NET_HTTPSERVER_SendFile(handle, &file), 0);
+        const int handle = sendLargeFile(client);
         EXPECT_EQ(NET_HTTPSERVER_Abort(handle), 0);
         ASSERT_EQ(waitForFileEnd(), 1);
         EXPECT_EQ(m_end.outcome, NET_FILE_ENDED);
@@ -319,12 +322,9 @@ TEST_P(FileTest, TheOwnerEndingTheConnectionEndsTheFileOnce)
 
 TEST_P(FileTest, DestroyingTheListenerEndsTheFileOnce)
 {
-    writeFile(patternBytes(8 * 1024 * 1024));
     const int descriptors = testsupport::openDescriptorCount();
     TestClient client;
-    const int handle = openReply(client, 8 * 1024 * 1024, 4096);
-    NET_HTTPSERVER_FILE_PARAM file = fileParam(0, 8 * 1024 * 1024);
-    ASSERT_EQ(NET_HTTPSERVER_SendFile(handle, &file), 0);
+    const int handle = sendLargeFile(client);
     destroyListen();
     EXPECT_EQ(waitForFileEnd(0), 1);  // before DestroyListen returned
     EXPECT_EQ(m_end.outcome, NET_FILE_ENDED);
