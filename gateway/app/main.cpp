@@ -2,9 +2,11 @@
 // It loads the plug-in, checks every request's Digest credentials, serves
 // recordings from a media folder, plays talking devices for two-way audio and
 // stops cleanly on SIGINT or SIGTERM; SIGHUP reloads users, devices and recordings.
+#include <malloc.h>
 #include <unistd.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "config/CommandLine.h"
@@ -26,6 +28,18 @@ std::string executableDir()
     return slash == std::string::npos ? "." : file.substr(0, slash);
 }
 
+// A download's records are made on one thread and freed on another, and each
+// allocating thread may get a heap of its own (eight per core by default) whose
+// free room stays resident: with 400 downloads that was 15 KiB more per download
+// than with a heap per core. MALLOC_ARENA_MAX, when set, still decides.
+void boundHeaps()
+{
+    if (getenv("MALLOC_ARENA_MAX") == nullptr) {
+        const long cores = sysconf(_SC_NPROCESSORS_ONLN);
+        mallopt(M_ARENA_MAX, static_cast<int>(cores > 2 ? cores : 2));
+    }
+}
+
 int refuse(const std::string& message, bool withUsage)
 {
     fprintf(stderr, "media-gateway: %s\n%s", message.c_str(), withUsage ? commandLineUsage() : "");
@@ -36,6 +50,7 @@ int refuse(const std::string& message, bool withUsage)
 
 int main(int argc, char** argv)
 {
+    boundHeaps();
     const sigset_t signals = blockStopSignals();
 
     CommandLine commandLine;
