@@ -11,6 +11,13 @@
 #include "base/Logger.h"
 #include "base/RestErrors.h"
 
+namespace {
+
+// What a client may say ahead of the device's clock: a burst after a stall of its network.
+constexpr std::chrono::seconds kSpeakingSlack(2);
+
+}  // namespace
+
 TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* data, ServerLatch& server,
                        TalkPacer& pacer, GatewayMetrics& metrics, Logger& log)
     : m_setup(std::move(setup)),
@@ -19,7 +26,8 @@ TalkStream::TalkStream(TalkStreamSetup setup, PROTOCOL_WRAPPER::IServerData* dat
       m_pacer(pacer),
       m_metrics(metrics),
       m_log(log),
-      m_opened(std::chrono::steady_clock::now())
+      m_opened(std::chrono::steady_clock::now()),
+      m_budget(m_setup.codec->bytesPerSecond, kSpeakingSlack)
 {
 }
 
@@ -130,7 +138,17 @@ int TalkStream::input(int dataType, const void* data, int length)
     m_bytesFromClient += static_cast<uint64_t>(length);
     m_metrics.addTalkBytesFromClient(static_cast<uint64_t>(length));
     std::lock_guard<std::mutex> guard(m_captureLock);
-    if (!m_setup.capturePath.empty() && !m_captureFailed && !m_capture.append(data, static_cast<size_t>(length))) {
+    if (m_setup.capturePath.empty() || m_captureFailed) {
+        return 0;
+    }
+    const uint64_t droppedBefore = m_budget.dropped();
+    const size_t kept = m_budget.admit(static_cast<size_t>(length), std::chrono::steady_clock::now());
+    if (droppedBefore == 0 && m_budget.dropped() != 0) {
+        m_log.logf(kLogWarn,
+                   "talk %llu: the client speaks faster than %s's %d bytes a second; what comes early is not kept",
+                   static_cast<unsigned long long>(m_setup.id), m_setup.codec->name, m_setup.codec->bytesPerSecond);
+    }
+    if (kept != 0 && !m_capture.append(data, kept)) {
         m_captureFailed = true;
         m_log.logf(kLogError, "talk %llu: %s cannot grow: %s; the rest of the talk is not kept",
                    static_cast<unsigned long long>(m_setup.id), m_capture.path().c_str(), strerror(errno));
@@ -142,18 +160,25 @@ std::string TalkStream::summary(const char* outcome)
 {
     const double seconds = secondsOpen();
     bool kept = false;
+    uint64_t early = 0;
     {
         std::lock_guard<std::mutex> guard(m_captureLock);
         kept = !m_setup.capturePath.empty() && !m_captureDropped;
+        early = m_budget.dropped();
+    }
+    char earlyNote[64] = "";
+    if (early != 0) {
+        snprintf(earlyNote, sizeof earlyNote, " (%llu said too early, not kept)",
+                 static_cast<unsigned long long>(early));
     }
     char line[512];
     snprintf(line, sizeof line,
              "talk %llu closed: device %s channel %d client \"%s\" user \"%s\" codec %s, %.1f s, %llu bytes to the "
-             "client, %llu bytes from the client%s%s, %s",
+             "client, %llu bytes from the client%s%s%s, %s",
              static_cast<unsigned long long>(m_setup.id), m_setup.devIndex.c_str(), m_setup.channel,
              m_setup.client.c_str(), m_setup.user.c_str(), m_setup.codec->name, seconds,
              static_cast<unsigned long long>(m_bytesToClient.load()),
-             static_cast<unsigned long long>(m_bytesFromClient.load()), kept ? " kept in " : "",
+             static_cast<unsigned long long>(m_bytesFromClient.load()), earlyNote, kept ? " kept in " : "",
              kept ? m_setup.capturePath.c_str() : "", outcome);
     return line;
 }

@@ -17,6 +17,7 @@
 #include "base/GatewayStream.h"
 #include "base/ServerLatch.h"
 #include "talk/TalkAudio.h"
+#include "talk/SpeakingBudget.h"
 #include "talk/TalkPacer.h"
 #include "talk/WavFile.h"
 
@@ -83,6 +84,7 @@ private:
     CaptureFile m_capture;
     bool m_captureFailed = false;
     bool m_captureDropped = false;  // nothing was said: the empty file is gone
+    SpeakingBudget m_budget;
 
     std::mutex m_controlLock;  // guards the start and the stop request
     bool m_stopRequested = false;

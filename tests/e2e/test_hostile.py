@@ -7,6 +7,7 @@ users alice and bob besides the harness's admin. J is a filled Authorization
 value without a valid password, as an attacker without one sends it.
 """
 import base64
+import glob
 import http.client
 import os
 import re
@@ -351,6 +352,23 @@ class Hostile(h.GatewayCase):
         self.assertIn(" 200 ", self.link("GET", audio + "?sessionId=" + session, alice))
         talk.talk_request("127.0.0.1", self.port, alice, 1, "close")
         self.wait_for_status(lambda s: s.get("openTalks") == 0, "alice's talk closed")
+        self.assert_still_serves()
+
+    def test_audio_sent_faster_than_its_codec_fills_no_disk(self):
+        # 4 MiB on a PCMU link as fast as the network takes it: a device hears 8,000 bytes a second.
+        alice = talk.Digest("alice", "alice-pw")
+        body = talk.talk_request("127.0.0.1", self.port, alice, 1, "open")
+        session = re.search(r"<sessionId>([0-9]+)</sessionId>", body).group(1)
+        speaker, _ = talk.open_link("127.0.0.1", self.audio_port, self.port, alice, "PUT", 1, session)
+        started = time.monotonic()
+        with speaker:
+            speaker.sendall(bytes(4 * 1024 * 1024))
+            talk.talk_request("127.0.0.1", self.port, alice, 1, "close")
+        seconds = time.monotonic() - started
+        self.wait_for_status(lambda s: s.get("openTalks") == 0, "the talk closed")
+        (capture,) = glob.glob(os.path.join(self.media, "*", "talk-ch1-*"))
+        self.assertLessEqual(os.path.getsize(capture), 8000 * (seconds + 2) + 100, "the capture took it all")
+        self.assertIn("said too early, not kept", self.gateway.log_text())
         self.assert_still_serves()
 
     # ---- 10. If-Range ----

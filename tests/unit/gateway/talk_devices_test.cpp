@@ -11,6 +11,7 @@
 #include "config/ConfigFile.h"
 #include "talk/TalkAudio.h"
 #include "talk/TalkDevices.h"
+#include "talk/SpeakingBudget.h"
 #include "talk/WavFile.h"
 
 namespace {
@@ -152,4 +153,16 @@ TEST(TalkCapture, EveryWriteLeavesAPlayableFileMissingAtMostItsLastSecond)
     ASSERT_TRUE(readWavFile(path, wav, error));
     EXPECT_EQ(wav.data, said);
     std::remove(path.c_str());
+}
+
+TEST(TalkCapture, AClientAheadOfTheCodecsClockIsKeptOnlyAsFarAsTheClockAndTheSlackAllow)
+{
+    using namespace std::chrono;
+    SpeakingBudget budget(8000, seconds(2));
+    const SpeakingBudget::Clock::time_point start;
+    EXPECT_EQ(budget.admit(20000, start), 16000u);                    // the slack's two seconds at once
+    EXPECT_EQ(budget.admit(8000, start + milliseconds(500)), 4000u);  // half a second more
+    EXPECT_EQ(budget.admit(160, start + milliseconds(500)), 0u);
+    EXPECT_EQ(budget.dropped(), 8160u);
+    EXPECT_EQ(budget.admit(160, start + seconds(10)), 160u);  // a client back in step loses nothing
 }
