@@ -316,21 +316,22 @@ TEST_F(AsyncQueueTest, ABurstOfShortCallbacksIsRunByTheThreadAtWorkNotByAWakeUpE
     void* queue = ZRT_AsyncIO_CreateQueueEx_New(16);
     ASSERT_NE(queue, ZRT_INVALID_ASYNCIOQUEUE);
     ThreadTally tally;
-    for (int i = 0; i < 100; ++i) {
+    for (int i = 0; i < 50; ++i) {
         ASSERT_EQ(ZRT_AsyncIO_PostQueuedCompleteStatusEx(queue, -1, 0, 0, &tally, noteThreadAfterAShortWait), 0);
     }
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
     while (std::chrono::steady_clock::now() < deadline) {
         {
             std::lock_guard<std::mutex> guard(tally.lock);
-            if (tally.calls == 100) {
+            if (tally.calls == 50) {
                 break;
             }
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     EXPECT_EQ(ZRT_AsyncIO_DestroyQueueEx(queue), 0);
-    EXPECT_EQ(tally.calls, 100);
-    // One thread, and a standby or two where a busy machine held the first one back.
-    EXPECT_LE(tally.seen.size(), 4u);
+    EXPECT_EQ(tally.calls, 50);
+    // One thread, and a standby more for each millisecond in which a busy machine held all of them back;
+    // a wake-up per callback gets all sixteen.
+    EXPECT_LE(tally.seen.size(), 8u);
 }
