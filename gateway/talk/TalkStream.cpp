@@ -93,7 +93,8 @@ void TalkStream::stop()
     std::lock_guard<std::mutex> guard(m_captureLock);
     if (!m_capture.close() && !m_captureFailed) {
         m_captureFailed = true;
-        m_log.logf(kLogError, "talk %llu: %s cannot grow: %s; its last second is not kept",
+        m_log.logf(kLogError,
+                   "talk %llu: %s: its sizes could not be brought up to date (%s); players stop a second short",
                    static_cast<unsigned long long>(m_setup.id), m_capture.path().c_str(), strerror(errno));
     }
     // A talk in which the client said nothing (it only listened, or its link

@@ -39,8 +39,8 @@ void putLe16(unsigned char* out, uint16_t value)
 
 // RIFF(4) size(4) WAVE(4) | "fmt " 18 | tag channels rate byteRate align bits cbSize | "fact" 4 samples | "data" size
 constexpr size_t kCaptureHeaderSize = 12 + 8 + 18 + 12 + 8;
-// Appends are written once this much has come: one second of 8 kHz 8-bit mono.
-constexpr size_t kWriteEveryBytes = 8000;
+// The sizes in the header are brought up to date after this much: one second of 8 kHz 8-bit mono.
+constexpr uint64_t kHeaderEveryBytes = 8000;
 
 }  // namespace
 
@@ -95,16 +95,14 @@ bool CaptureFile::open(const std::string& path, uint16_t formatTag, std::string&
     m_path = path;
     m_formatTag = formatTag;
     m_bytes = 0;
-    m_written = 0;
-    m_pending.clear();
-    m_pending.reserve(kWriteEveryBytes + 1024);
     return m_formatTag == 0 || writeHeader();
 }
 
 bool CaptureFile::writeHeader()
 {
+    m_bytesInHeader = m_bytes;
     unsigned char header[kCaptureHeaderSize];
-    const uint32_t data = static_cast<uint32_t>(m_written);
+    const uint32_t data = static_cast<uint32_t>(m_bytes);
     const uint32_t padded = data + (data & 1);
     memcpy(header, "RIFF", 4);
     putLe32(header + 4, static_cast<uint32_t>(kCaptureHeaderSize - 8 + padded));
@@ -130,24 +128,13 @@ bool CaptureFile::append(const void* data, size_t length)
     if (m_fd < 0) {
         return false;
     }
-    m_pending.append(static_cast<const char*>(data), length);
-    m_bytes += length;
-    return m_pending.size() < kWriteEveryBytes || flush();
-}
-
-bool CaptureFile::flush()
-{
-    if (m_fd < 0 || m_pending.empty()) {
-        return m_fd >= 0;
-    }
-    const off_t at = static_cast<off_t>((m_formatTag != 0 ? kCaptureHeaderSize : 0) + m_written);
-    if (pwrite(m_fd, m_pending.data(), m_pending.size(), at) != static_cast<ssize_t>(m_pending.size())) {
+    const off_t at = static_cast<off_t>((m_formatTag != 0 ? kCaptureHeaderSize : 0) + m_bytes);
+    if (pwrite(m_fd, data, length, at) != static_cast<ssize_t>(length)) {
         return false;
     }
-    m_written += m_pending.size();
-    m_pending.clear();
+    m_bytes += length;
     // Sizes written after the data: a reader never sees a size past the samples.
-    return m_formatTag == 0 || writeHeader();
+    return m_formatTag == 0 || m_bytes - m_bytesInHeader < kHeaderEveryBytes || writeHeader();
 }
 
 bool CaptureFile::close()
@@ -155,11 +142,12 @@ bool CaptureFile::close()
     if (m_fd < 0) {
         return true;
     }
-    const bool written = flush();  // a failure leaves the file as it was a second ago: still a valid one
-    if (m_formatTag != 0 && (m_written & 1) != 0) {
+    // A failure leaves the sizes of a second ago: still a valid file, a shorter one.
+    const bool written = m_formatTag == 0 || m_bytesInHeader == m_bytes || writeHeader();
+    if (m_formatTag != 0 && (m_bytes & 1) != 0) {
         // RIFF chunks are padded to an even length.
         const char pad = 0;
-        if (pwrite(m_fd, &pad, 1, static_cast<off_t>(kCaptureHeaderSize + m_written)) != 1) {
+        if (pwrite(m_fd, &pad, 1, static_cast<off_t>(kCaptureHeaderSize + m_bytes)) != 1) {
             // The file stays valid without the pad byte for every reader we know.
         }
     }

@@ -22,12 +22,12 @@ struct WavAudio {
 // False with a message naming the file when it is not a WAV with fmt and data chunks.
 bool readWavFile(const std::string& path, WavAudio& audio, std::string& error);
 
-// A file that grows by appends. With a format tag it is a WAV (8 kHz mono,
-// 8-bit samples, a non-PCM fmt chunk and a fact chunk); with tag 0 it is the
-// raw bytes. Appends are kept in memory and written, with the sizes brought
-// up to date after them, once a second of audio has come, and at the close: a
-// player of an unfinished capture hears all but its last second, and a talk
-// costs the disk two writes a second rather than two a packet.
+// A file that grows by appends, each written at once. With a format tag it is
+// a WAV (8 kHz mono, 8-bit samples, a non-PCM fmt chunk and a fact chunk)
+// whose sizes are brought up to date once a second of audio has come since
+// the last time, and at the close: a player of an unfinished capture hears all
+// but its last second, and a packet costs one write, not two. With tag 0 it
+// is the raw bytes.
 class CaptureFile {
 public:
     CaptureFile() = default;
@@ -38,20 +38,18 @@ public:
     bool open(const std::string& path, uint16_t formatTag, std::string& error);
     // False when the disk refused the bytes (the capture then stops growing).
     bool append(const void* data, size_t length);
-    // False when the disk refused what was still kept in memory.
+    // False when the disk refused the last sizes.
     bool close();
     uint64_t bytes() const { return m_bytes; }
     const std::string& path() const { return m_path; }
 
 private:
-    bool flush();
     bool writeHeader();
 
     int m_fd = -1;
     uint16_t m_formatTag = 0;
-    uint64_t m_bytes = 0;    // appended
-    uint64_t m_written = 0;  // of which on disk
-    std::string m_pending;
+    uint64_t m_bytes = 0;
+    uint64_t m_bytesInHeader = 0;
     std::string m_path;
 };
 
