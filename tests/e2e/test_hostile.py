@@ -363,6 +363,8 @@ class Hostile(h.GatewayCase):
         started = time.monotonic()
         with speaker:
             speaker.sendall(bytes(4 * 1024 * 1024))
+            # Closed once the device has heard more than its clock allows (a slow build reads later).
+            self.wait_for_log("the client speaks faster than PCMU's 8000 bytes a second", timeout=20)
             talk.talk_request("127.0.0.1", self.port, alice, 1, "close")
         seconds = time.monotonic() - started
         self.wait_for_status(lambda s: s.get("openTalks") == 0, "the talk closed")
