@@ -22,7 +22,7 @@ bool parseDownloadRange(const std::string& head, DownloadRange& range)
     // bits is not one it writes.
     DownloadRange parsed;
     size_t at = 0;
-    if (!ext::readByteRangeSpec(bounds, at, ext::RangeNumberOverflow::kRefuse, parsed) || at != bounds.size()) {
+    if (!ext::readByteRangeText(bounds, at, ext::RangeNumberOverflow::kRefuse, parsed) || at != bounds.size()) {
         return false;
     }
     if (condition != std::string::npos) {

@@ -13,10 +13,10 @@
 #include <cstdint>
 #include <string>
 
-#include <ext/ByteRangeSpec.h>
+#include <ext/ByteRangeText.h>
 
 // The bounds, read as the plug-in reads the client's Range, and the condition.
-struct DownloadRange : ext::ByteRangeSpec {
+struct DownloadRange : ext::ByteRangeText {
     bool hasIfRange = false;
     std::string ifRange;  // the client's entity tag; empty matches nothing
 };

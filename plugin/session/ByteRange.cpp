@@ -62,7 +62,7 @@ bool ParseRangeHeader(const std::string& value, CByteRangeRequest& range)
     // A number past 64 bits is a start beyond every body, or an end or a
     // suffix that covers all of it.
     CByteRangeRequest parsed;
-    if (!ext::readByteRangeSpec(text, at, ext::RangeNumberOverflow::kSaturate, parsed)) {
+    if (!ext::readByteRangeText(text, at, ext::RangeNumberOverflow::kSaturate, parsed)) {
         return false;
     }
     // Whatever follows, a second range included, makes the header one to ignore.

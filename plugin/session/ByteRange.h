@@ -28,12 +28,12 @@
 
 #include <string>
 
-#include <ext/ByteRangeSpec.h>
+#include <ext/ByteRangeText.h>
 
 namespace HttpWrapper {
 
 // The bounds are read as the gateway reads the Download-Range head.
-using CByteRangeRequest = ext::ByteRangeSpec;
+using CByteRangeRequest = ext::ByteRangeText;
 
 // One "bytes=" range. False for a list, another unit, a last byte before the
 // first, or anything malformed: such a header is ignored and the whole body

@@ -11,8 +11,8 @@
  * the plug-in takes it as the largest one, the gateway (whose heads the
  * plug-in wrote from such numbers) refuses it.
  */
-#ifndef EXT_BYTE_RANGE_SPEC_H
-#define EXT_BYTE_RANGE_SPEC_H
+#ifndef EXT_BYTE_RANGE_TEXT_H
+#define EXT_BYTE_RANGE_TEXT_H
 
 #include <cstddef>
 #include <cstdint>
@@ -20,7 +20,7 @@
 
 namespace ext {
 
-struct ByteRangeSpec {
+struct ByteRangeText {
     bool suffix = false;  // "-K": the last K bytes (K in first)
     uint64_t first = 0;   // first byte, or K
     bool hasLast = false;
@@ -55,9 +55,9 @@ inline bool readRangeNumber(const std::string& text, size_t& at, RangeNumberOver
 // The bounds from `at` on; `at` stops after them, and whatever follows is the
 // caller's to judge. False when they are malformed or the last byte stands
 // before the first.
-inline bool readByteRangeSpec(const std::string& text, size_t& at, RangeNumberOverflow overflow, ByteRangeSpec& spec)
+inline bool readByteRangeText(const std::string& text, size_t& at, RangeNumberOverflow overflow, ByteRangeText& range)
 {
-    ByteRangeSpec parsed;
+    ByteRangeText parsed;
     if (at < text.size() && text[at] == '-') {
         ++at;
         parsed.suffix = true;
@@ -76,10 +76,10 @@ inline bool readByteRangeSpec(const std::string& text, size_t& at, RangeNumberOv
             }
         }
     }
-    spec = parsed;
+    range = parsed;
     return true;
 }
 
 }  // namespace ext
 
-#endif  // EXT_BYTE_RANGE_SPEC_H
+#endif  // EXT_BYTE_RANGE_TEXT_H
