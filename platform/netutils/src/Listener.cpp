@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -217,6 +219,14 @@ void Listener::stop()
 
 void Listener::run()
 {
+    // sendfile(2) cannot be told MSG_NOSIGNAL, and the kernel raises SIGPIPE on the thread that wrote to a
+    // socket already shut (a client gone, an owner closing meanwhile). Blocked here, it stays pending on this
+    // thread and never reaches a host that keeps the default disposition; the write still reports EPIPE.
+    sigset_t brokenPipe;
+    sigemptyset(&brokenPipe);
+    sigaddset(&brokenPipe, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
+
     epoll_event events[kMaxEvents];
     while (!m_stopping.load()) {
         const int count = epoll_wait(m_epollFd, events, kMaxEvents, waitTimeoutMs());

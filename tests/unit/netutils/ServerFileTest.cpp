@@ -5,6 +5,7 @@
 #include "ProcessResources.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -318,6 +319,30 @@ TEST_P(FileTest, TheOwnerEndingTheConnectionEndsTheFileOnce)
         EXPECT_EQ(m_end.endsReportedBefore, 0);
         EXPECT_EQ(endCount(handle, 5000), 1);
     }
+}
+
+// sendfile(2) has no MSG_NOSIGNAL: a socket shut while it writes raises SIGPIPE, which a host that keeps the
+// default disposition dies of. The owner closing while the client reads at full speed hits that moment.
+TEST_P(FileTest, AnOwnerClosingMidFileCannotKillAHostThatKeepsTheDefaultSigpipe)
+{
+    struct sigaction keep {};
+    struct sigaction byDefault {};
+    byDefault.sa_handler = SIG_DFL;
+    ASSERT_EQ(sigaction(SIGPIPE, &byDefault, &keep), 0);
+    for (int round = 0; round < 40; ++round) {
+        TestClient client;
+        writeFile(patternBytes(kLarge));
+        const int handle = openReply(client, kLarge);
+        NET_HTTPSERVER_FILE_PARAM file = fileParam(0, kLarge);
+        ASSERT_EQ(NET_HTTPSERVER_SendFile(handle, &file), 0);
+        std::thread reader([&client] { client.receiveAll(5000); });
+        std::this_thread::sleep_for(std::chrono::microseconds(200 * (round % 5)));
+        EXPECT_EQ(NET_HTTPSERVER_Close(handle, round % 2), 0);
+        EXPECT_EQ(waitForFileEnd(), 1);
+        reader.join();
+        m_end.calls = 0;
+    }
+    sigaction(SIGPIPE, &keep, nullptr);
 }
 
 TEST_P(FileTest, DestroyingTheListenerEndsTheFileOnce)
