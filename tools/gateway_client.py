@@ -142,21 +142,26 @@ class GatewayProcess:
         self.output_path = os.path.join(workdir, "stderr.txt")
         self.process = None
 
-    def start(self, config=None, *args, env=None, descriptors=None):
+    def start(self, config=None, *args, env=None, descriptors=None, file_size=None):
         """Starts the gateway with the configuration (None: its built-in defaults), extra arguments and
-        environment, and with at most `descriptors` open files when given (soft and hard limit); the status
-        file and log are always the folder's."""
+        environment, with at most `descriptors` open files and files of at most `file_size` bytes when given
+        (soft and hard limit); the status file and log are always the folder's."""
         command = [self.binary]
         if config is not None:
             with open(self.config_path, "w") as out:
                 json.dump(config, out)
             command += ["--config", self.config_path]
         command += ["--status-file", self.status_path, "--log-file", self.log_path, *self.extra_args, *args]
-        limit = None
-        if descriptors is not None:
-            limit = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))  # noqa: E731
+        limits = [(resource.RLIMIT_NOFILE, descriptors), (resource.RLIMIT_FSIZE, file_size)]
+        limits = [(which, value) for which, value in limits if value is not None]
+
+        def apply_limits():
+            for which, value in limits:
+                resource.setrlimit(which, (value, value))
+
         with open(self.output_path, "ab") as output:
-            self.process = subprocess.Popen(command, stdout=output, stderr=output, env=env, preexec_fn=limit)
+            self.process = subprocess.Popen(command, stdout=output, stderr=output, env=env,
+                                            preexec_fn=apply_limits if limits else None)
         return self.process
 
     @property

@@ -234,8 +234,10 @@ sigset_t blockStopSignals()
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    // A client that hangs up must cost a failed write, not the process.
+    // A client that hangs up must cost a failed write, not the process; so must a log or a capture that
+    // reaches the operator's file size limit (ulimit -f), which clients make grow.
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
     return signals;
 }
 

@@ -67,7 +67,7 @@ bool parseLogLevel(const std::string& name, int& level)
     return false;
 }
 
-Logger::Logger() : m_file(nullptr), m_level(kLogInfo)
+Logger::Logger() : m_file(nullptr), m_fileFailing(false), m_level(kLogInfo)
 {
 }
 
@@ -90,6 +90,7 @@ bool Logger::openFile(const std::string& path, std::string& error)
         fclose(m_file);
     }
     m_file = file;
+    m_fileFailing = false;
     return true;
 }
 
@@ -112,7 +113,16 @@ void Logger::write(int level, const char* module, const char* text)
     std::lock_guard<std::mutex> guard(m_lock);
     FILE* out = m_file ? m_file : stderr;
     fprintf(out, "%s %-5s %s %s\n", stamp.c_str(), levelName(level), origin.c_str(), line.c_str());
-    fflush(out);
+    const bool written = fflush(out) == 0;
+    if (out == m_file) {
+        // A full disk or the operator's file size limit: said once on stderr, not once per lost line.
+        if (!written && !m_fileFailing) {
+            fprintf(stderr, "%s ERROR gateway the log file cannot grow (%s): its lines are lost until it can\n",
+                    stamp.c_str(), strerror(errno));
+        }
+        m_fileFailing = !written;
+        clearerr(out);
+    }
 }
 
 void Logger::logf(int level, const char* format, ...)

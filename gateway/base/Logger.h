@@ -41,8 +41,9 @@ public:
     void logf(int level, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
 private:
-    std::mutex m_lock;  // one line at a time, whole
-    FILE* m_file;       // null: stderr
+    std::mutex m_lock;   // one line at a time, whole
+    FILE* m_file;        // null: stderr
+    bool m_fileFailing;  // the last write to m_file failed (reported once on stderr)
     std::atomic<int> m_level;
 };
 

@@ -129,8 +129,14 @@ bool CaptureFile::append(const void* data, size_t length)
         return false;
     }
     const off_t at = static_cast<off_t>((m_formatTag != 0 ? kCaptureHeaderSize : 0) + m_bytes);
-    if (pwrite(m_fd, data, length, at) != static_cast<ssize_t>(length)) {
-        return false;
+    // Written on after a short write: only the next one says why (a full disk, the operator's file size limit).
+    const char* bytes = static_cast<const char*>(data);
+    for (size_t done = 0; done < length;) {
+        const ssize_t put = pwrite(m_fd, bytes + done, length - done, at + static_cast<off_t>(done));
+        if (put <= 0) {
+            return false;
+        }
+        done += static_cast<size_t>(put);
     }
     m_bytes += length;
     // Sizes written after the data: a reader never sees a size past the samples.

@@ -171,10 +171,11 @@ class GatewayCase(unittest.TestCase):
         with open(self.gateway.config_path, "w") as out:
             out.write(config if isinstance(config, str) else json.dumps(config))
 
-    def second_gateway(self, config, folder="second"):
-        """Another gateway in a folder of the case's own, started on `config` and stopped with the case."""
+    def second_gateway(self, config, folder="second", **start_options):
+        """Another gateway in a folder of the case's own, started on `config` (and GatewayProcess.start's
+        options) and stopped with the case."""
         second = gateway_client.GatewayProcess(GATEWAY, os.path.join(self.dir, folder))
-        second.start(config)
+        second.start(config, **start_options)
         self.addCleanup(second.stop, 10)  # a no-op once the case has stopped it
         return second
 

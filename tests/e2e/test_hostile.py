@@ -77,12 +77,12 @@ class Hostile(h.GatewayCase):
         self.assertEqual(reply.status, 200, self.log_tail())
         self.assert_recording_body(reply.body, A, "clip-a.bin")
 
-    def second_hostile_gateway(self):
+    def second_hostile_gateway(self, log_level="info", **start_options):
         """A second gateway like this one, on ports of its own and without an access log."""
         config = self.config()
         config["server"].update({"httpPort": h.free_port(), "audioTalkPort": h.free_port()})
-        config["log"]["access"] = ""
-        return self.second_gateway(config), config["server"]["httpPort"]
+        config["log"].update({"access": "", "level": log_level})
+        return self.second_gateway(config, **start_options), config["server"]["httpPort"]
 
     def reload(self):
         """SIGHUP; what the log says from then on, once it says how the reload went."""
@@ -292,6 +292,19 @@ class Hostile(h.GatewayCase):
         self.assertTrue(second.wait_ready(), second.log_tail())
         self.assertEqual(second.stop(timeout=10), 0)
         self.assertIn("recordings.json: is not a regular file", second.log_text())
+
+    def test_a_log_at_the_operators_file_size_limit_costs_lines_never_the_gateway(self):
+        # Every refused request adds to the log; past `ulimit -f` a write raises SIGXFSZ, fatal by default.
+        limit = 32 * 1024
+        second, second_port = self.second_hostile_gateway("debug", file_size=limit)
+        self.assertTrue(second.wait_ready(), second.log_tail())
+        for _ in range(150):  # about 80 KB of debug lines
+            self.assertEqual(self.send("GET", XML_PATH, port=second_port)[0], 401, second.log_tail())
+        self.assertTrue(second.alive(), "the gateway died\n" + second.log_tail())
+        self.assertLessEqual(os.path.getsize(second.log_path), limit)
+        with open(second.output_path) as output:
+            self.assertEqual(output.read().count("the log file cannot grow (File too large)"), 1)
+        self.assertEqual(second.stop(timeout=10), 0)
 
     # ---- 7. reload is all or nothing ----
 
