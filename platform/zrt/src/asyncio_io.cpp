@@ -95,7 +95,12 @@ void driveRecvs(AsyncHandle* handle)
             completeLocked(handle, op, static_cast<unsigned long>(error), 0);
             continue;
         }
-        // 0 on a stream socket: the peer closed; every later receive sees the same.
+        // 0 on a stream socket: the peer closed; every later receive sees the same. A stream read shorter than
+        // its buffer emptied the socket: the next receive waits for the next edge rather than trying a read
+        // bound to fail (a talk's packet each 20 ms would cost two reads each).
+        if (handle->stream && got > 0 && got < op->length) {
+            handle->mayHaveInput = false;
+        }
         handle->recvs.pop();
         completeLocked(handle, op, 0, static_cast<unsigned long>(got));
     }
