@@ -37,7 +37,7 @@ deps:
 
 configure: deps
 	@cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DHPW_SANITIZE=$(SAN) \
-	    -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
+	    -DCMAKE_INSTALL_PREFIX=$(PREFIX) $(CMAKE_OPTIONS) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS)
@@ -58,6 +58,7 @@ e2e: build
 # Side by side with nginx on loopback, in a Release tree of its own (bench/RESULTS.md).
 bench: BUILD_DIR = build-bench
 bench: BUILD_TYPE = Release
+bench: CMAKE_OPTIONS = -DHPW_BUILD_BENCH=ON
 bench: build
 	@./bench/run.sh $(BUILD_DIR)
 

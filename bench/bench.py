@@ -19,7 +19,7 @@ Cases:
               downloads at once (its specified ceiling), so a refused client asks again 20 ms later
   challenge   requests without credentials (401), one connection each, 50 in flight
   ttfb        time to the first byte of a download, one download at a time
-  talks       100 talks both ways for 10 s against a one-thread epoll relay (talk_bench.py)
+  talks       100 talks both ways for 10 s against one-thread epoll relays in Python and C++ (talk_bench.py)
 
 Usage: bench.py <build-dir> [--rounds N] [--cases LIST] [--block-size BYTES]
                 [--results FILE] [--keep] [--profile]
@@ -681,7 +681,7 @@ def main():
 
     began = time.monotonic()
     load_before = os.getloadavg()[0]
-    talk_rows = []
+    talk_rows = None
     if "talks" in cases:
         cases.remove("talks")
         talk_rows = talk_case(args.build_dir, args.keep)
@@ -723,9 +723,10 @@ TALKS, TALK_SECONDS = 100, 10.0
 
 
 def talk_case(build_dir, keep):
-    """Rows of the talk case: (metric, ours, reference, target, verdict)."""
+    """Rows of the talk case: (metric, ours, [each reference's], target, verdict, reference labels)."""
     results = talk_bench.run_talk_bench(build_dir, TALKS, TALK_SECONDS, keep)
-    ours, theirs = results["ours"], results[talk_bench.RelayTalks.label]
+    ours = results["ours"]
+    references = [label for label in results if label != "ours"]
     targets = {
         "slowest link B/s": (">= 7920 (real time)", lambda o: o >= 7920),
         "p99 ms": ("<= 21 ms", lambda o: o <= 21),
@@ -740,7 +741,8 @@ def talk_case(build_dir, keep):
             continue
         target, passed = targets.get(metric, ("-", None))
         verdict = "" if passed is None else "PASS" if passed(ours[metric]) else "MISS"
-        rows.append((metric, ours[metric], theirs.get(metric, float("nan")), target, verdict))
+        rows.append((metric, ours[metric], [results[label].get(metric, float("nan")) for label in references],
+                     target, verdict, references))
     return rows
 
 
@@ -751,11 +753,13 @@ def render_talks(rows, load_before):
         "%d talks both ways (PCMU, 160 bytes every 20 ms each way) for %.0f s; one run" % (TALKS, TALK_SECONDS),
         "Load average (1 min) before / after: %.2f / %.2f" % (load_before, os.getloadavg()[0]),
         "",
-        "| metric | ours | %s | target | result |" % talk_bench.RelayTalks.label,
-        "|---|---:|---:|---|---|",
     ]
-    for metric, ours, theirs, target, verdict in rows:
-        lines.append("| %s | %.1f | %.1f | %s | %s |" % (metric, ours, theirs, target, verdict))
+    references = rows[0][5] if rows else []
+    lines.append("| metric | ours | %s | target | result |" % " | ".join(references))
+    lines.append("|---|---:|%s---|---|" % ("---:|" * len(references)))
+    for metric, ours, theirs, target, verdict, _ in rows:
+        lines.append("| %s | %.1f | %s | %s | %s |" % (metric, ours, " | ".join("%.1f" % value for value in theirs),
+                                                      target, verdict))
     return "\n".join(lines)
 
 

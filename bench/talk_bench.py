@@ -3,13 +3,14 @@
 The gateway runs one talking device per talk (PCMU, 160-byte packets every
 20 ms, keeping what it hears); one client process opens every talk, links
 both its GET and its PUT link, then for the measured seconds sends a packet
-on every PUT link each packet time and reads every GET link. The reference
-(talk_relay.py) relays the same packets over plain TCP links with one thread
-and one timer. Measured on the server: CPU (user + system from /proc), its
-threads, and its context switches (the sum over its threads in /proc, and
-perf stat when perf works); on the client: each GET link's rate and the
-inter-arrival times of its packets; after the close, every capture file must
-hold every byte that was said.
+on every PUT link each packet time and reads every GET link. The references
+relay the same packets over plain TCP links with one thread and one timer:
+talk_relay.py, and talk_relay.cpp (when the bench built it), the same in C++,
+which leaves little but the kernel's own work. Measured on the server: CPU
+(user + system from /proc), its threads, and its context switches (the sum
+over its threads in /proc, and perf stat when perf works); on the client: each
+GET link's rate and the inter-arrival times of its packets; after the close,
+every capture file must hold every byte that was said.
 """
 import glob
 import json
@@ -244,11 +245,13 @@ class RelayTalks:
     def start(self):
         os.makedirs(self.folder)
         self.port = gateway_client.free_port()
-        self.process = subprocess.Popen([sys.executable, os.path.join(os.path.dirname(__file__), "talk_relay.py"),
-                                         str(self.port), self.folder], stdout=subprocess.PIPE, text=True)
+        self.process = subprocess.Popen(self.command(), stdout=subprocess.PIPE, text=True)
         self.process.stdout.readline()
         self.pid = self.process.pid
         self.idle_threads = threads_of(self.pid)
+
+    def command(self):
+        return [sys.executable, os.path.join(os.path.dirname(__file__), "talk_relay.py"), str(self.port), self.folder]
 
     def open(self, links):
         for channel in range(1, self.talks + 1):
@@ -274,6 +277,19 @@ class RelayTalks:
             self.process.wait(10)
 
 
+class CompiledRelayTalks(RelayTalks):
+    """The same relay compiled (talk_relay.cpp, built with the bench): the kernel's share of the job alone."""
+    label = "epoll relay (C++)"
+
+    def __init__(self, folder, talks, binary):
+        super().__init__(folder, talks)
+        self.folder = os.path.join(folder, "compiled-relay")
+        self.binary = binary
+
+    def command(self):
+        return [self.binary, str(self.port), self.folder]
+
+
 def run_one(server, talks, seconds):
     server.start()
     links = Links()
@@ -290,11 +306,15 @@ def run_one(server, talks, seconds):
 
 
 def run_talk_bench(build_dir, talks=100, seconds=10.0, keep=False):
-    """{label: measurements} for ours and the reference relay."""
+    """{label: measurements} for ours and the reference relays (the compiled one when it was built)."""
     folder = tempfile.mkdtemp(prefix="hpw-talk-bench-")
     try:
         results = {}
-        for server in (GatewayTalks(os.path.abspath(build_dir), folder, talks), RelayTalks(folder, talks)):
+        servers = [GatewayTalks(os.path.abspath(build_dir), folder, talks), RelayTalks(folder, talks)]
+        compiled = os.path.join(os.path.abspath(build_dir), "bin", "talk_relay")
+        if os.access(compiled, os.X_OK):
+            servers.append(CompiledRelayTalks(folder, talks, compiled))
+        for server in servers:
             print("bench: %d talks both ways for %.0f s: %s" % (talks, seconds, server.label), flush=True)
             results[server.label] = run_one(server, talks, seconds)
         return results
