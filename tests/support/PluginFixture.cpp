@@ -12,11 +12,8 @@ using HttpWrapper::singleton;
 
 const char PluginFixture::kDevIndex[] = "0f4c9a6e-3b2d-4e8f-9a1b-7c6d5e4f3a2b";
 
-// A thread made and joined first: a sanitizer's runtime starts its own helper
-// thread with the process's first one, which is not the server's.
 PluginFixture::PluginFixture()
-    : m_warmUp([] {}),
-      m_descriptorsBefore((m_warmUp.join(), testsupport::openDescriptorCount())),
+    : m_descriptorsBefore((testsupport::warmUpThreads(), testsupport::openDescriptorCount())),
       m_threadsBefore(testsupport::threadCount())
 {
 }

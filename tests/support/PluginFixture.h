@@ -56,7 +56,6 @@ protected:
     int port = 0;
 
 private:
-    std::thread m_warmUp;
     int m_descriptorsBefore;
     int m_threadsBefore;
 };
