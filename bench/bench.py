@@ -16,7 +16,7 @@ Cases:
   single      one download of a 1 GiB recording with curl to /dev/null
   concurrent  400 simultaneous downloads of a 16 MiB recording (asyncio client)
   many        4000 simultaneous downloads of a 1 MiB recording; the plug-in serves at most 400
-              downloads at once (its specified ceiling), so a refused client asks again 20 ms later
+              downloads at once, so a refused client asks again 20 ms later
   challenge   requests without credentials (401), one connection each, 50 in flight
   ttfb        time to the first byte of a download, one download at a time
   talks       100 talks both ways for 10 s against one-thread epoll relays in Python and C++ (talk_bench.py)
