@@ -247,6 +247,7 @@ class Talk:
         self.rate, self.packet = CODECS[self.codec]
         self.sent = self.received = 0
         self.stopping = threading.Event()
+        self.speaker_done = threading.Event()  # the file has been said, or saying it failed
         self.started = time.monotonic()
 
     def run(self):
@@ -299,16 +300,17 @@ class Talk:
         """Until the file ends, --seconds pass, or Ctrl-C; a progress line each second."""
         deadline = self.started + self.args.seconds if self.args.seconds else None
         while not self.stopping.is_set():
-            if deadline is not None and time.monotonic() >= deadline:
+            now = time.monotonic()
+            if deadline is not None and now >= deadline:
                 break
-            self.stopping.wait(1.0)
+            if sending and self.speaker_done.is_set():
+                break
+            # Woken as soon as the file has been said (or the time is up), not at the next progress line.
+            pause = 1.0 if deadline is None else min(1.0, deadline - now)
+            (self.speaker_done if sending else self.stopping).wait(pause)
             if not self.args.quiet:
                 say("%6.1f s  sent %8d bytes  received %8d bytes" %
                     (time.monotonic() - self.started, self.sent, self.received))
-            if sending and self.speaker_done:
-                break
-
-    speaker_done = False
 
     def speak(self, link, source):
         """Plays the audio at the codec's pace, one packet at a time."""
@@ -332,7 +334,7 @@ class Talk:
         except OSError as failure:
             say("PUT link: %s" % failure)
         finally:
-            self.speaker_done = True
+            self.speaker_done.set()
 
     def listen(self, link, early, recording):
         try:
