@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <utility>
 
 #include "util/NestingLimit.h"
 
@@ -83,6 +84,23 @@ std::string PrintNode(const TiXmlNode& node)
     return printer.Str();
 }
 
+// "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>" as TinyXML prints it, each value escaped.
+std::string EscapedDeclaration(const TiXmlDeclaration& declaration)
+{
+    std::string line = "<?xml ";
+    const std::pair<const char*, const char*> values[] = {{"version", declaration.Version()},
+                                                          {"encoding", declaration.Encoding()},
+                                                          {"standalone", declaration.Standalone()}};
+    for (const auto& value : values) {
+        if (value.second != nullptr && value.second[0] != '\0') {
+            TIXML_STRING escaped;
+            TiXmlBase::EncodeString(value.second, &escaped);
+            line += std::string(value.first) + "=\"" + escaped.c_str() + "\" ";
+        }
+    }
+    return line + "?>";
+}
+
 std::string TextOf(const TiXmlElement* element)
 {
     const char* text = element == nullptr ? nullptr : element->GetText();
@@ -160,10 +178,15 @@ bool CmkTinyXMLConverter::SetDoc(const char* text)
 
 const char* CmkTinyXMLConverter::GetDoc()
 {
-    m_printer = TiXmlPrinter();
-    m_printer.SetIndent("");
-    Accept(&m_printer);
-    return m_printer.CStr();
+    // Node by node, as the document's printer would, except that a declaration's values
+    // are escaped: TinyXML prints them as read, so version="&#" would make the printed
+    // text swallow the elements after it when read again.
+    m_docText.clear();
+    for (const TiXmlNode* node = FirstChild(); node != nullptr; node = node->NextSibling()) {
+        const TiXmlDeclaration* declaration = node->ToDeclaration();
+        m_docText += declaration != nullptr ? EscapedDeclaration(*declaration) + "\n" : PrintNode(*node);
+    }
+    return m_docText.c_str();
 }
 
 bool CmkTinyXMLConverter::Load(const char* path)

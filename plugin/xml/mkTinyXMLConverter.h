@@ -101,7 +101,7 @@ private:
     void DropSavedPositions(const TiXmlNode* node, bool withChild);
     bool AddSubDocAt(const char* xml, ADD_TYPE type);
 
-    TiXmlPrinter m_printer;
+    std::string m_docText;  // what GetDoc returned last
     TiXmlNode* m_pParent;
     TiXmlElement* m_pMain;
     TiXmlElement* m_pChild;

@@ -53,6 +53,25 @@ TEST(XmlDocument, BuildingAddsElementsAndAttributes)
                  "<ResponseStatus version=\"3.0\">\n<statusCode>403</statusCode>\n</ResponseStatus>\n");
 }
 
+// What GetDoc prints loads again with the same elements, even when a client's
+// declaration holds markup characters (TinyXML prints declaration values as read).
+TEST(XmlDocument, APrintedDocumentLoadsAgainWhateverItsDeclarationHolds)
+{
+    for (const char* text : {"<?xmlversion=&#><s/>", "<?xml version='a\"b'?><s><t/></s>",
+                             "<?xml version=\"1.0\" encoding=\"UTF-8\"?><s>x</s>"}) {
+        CmkTinyXMLConverter xml;
+        ASSERT_TRUE(xml.SetDoc(text)) << text;
+        const std::string printed = xml.GetDoc();
+        CmkTinyXMLConverter again;
+        ASSERT_TRUE(again.SetDoc(printed.c_str())) << text << " printed as " << printed;
+        EXPECT_STREQ(again.RootElement()->Value(), "s");
+        EXPECT_STREQ(again.GetDoc(), printed.c_str()) << text;
+    }
+    CmkTinyXMLConverter plain;
+    ASSERT_TRUE(plain.SetDoc("<?xml version=\"1.0\" encoding=\"UTF-8\"?><s>x</s>"));
+    EXPECT_STREQ(plain.GetDoc(), "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\n<s>x</s>\n");
+}
+
 // A text that ends inside a multi-byte UTF-8 sequence must not make the parser
 // step past its end (see __asan_default_options above).
 // The declaration makes the parser read the text as UTF-8.
